@@ -1,0 +1,34 @@
+#pragma once
+// Actor identifier rules, installation status and the initialisation status.
+
+#include <atomic>
+#include <optional>
+#include <string>
+
+#include "tarn/core/Types.h"
+
+namespace tarn {
+
+enum class InstallationStatus { firstTimeInstallation, alreadyInstalled };
+
+class ConfigManager {
+  public:
+    static ConfigManager& shared();
+
+    const std::string logtag = "Tarn-ConfigManager:";
+    std::atomic<InstallationStatus> installationStatus{InstallationStatus::alreadyInstalled};
+
+    InitializeStatusType getInitializeStatus() const;
+    /// True exactly when the status is `initialized`.
+    bool isInitialized() const;
+    /// `alreadyInstalled` when a non-empty "actorId" is stored, else `firstTimeInstallation`.
+    void checkInstallationStatus();
+    /// The host's identifier when given (non-empty); else the stored one (already installed) or a
+    /// new guest identifier, stored under "guestActorId" (first installation).
+    std::string resolveActorId(const std::optional<std::string>& actorId);
+    /// Refuses an empty or blank identifier with a log line; otherwise sends "actor_change" when
+    /// the in-memory identifier changes from a non-empty one, then stores the identifier untrimmed.
+    void updateActorId(const std::string& actorId);
+};
+
+}  // namespace tarn

@@ -1,0 +1,37 @@
+#pragma once
+// The library's one logging routine.
+//
+// Every call posts a `TarnLog` record as the notification "TarnLogNotification" (object: the
+// record) on `NotificationCenter::defaultCenter()`, synchronously on the calling thread, and then
+// prints the line "<tag> <message>;" to standard output. There are no levels and no switch.
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace tarn {
+
+inline constexpr const char* kTarnLogNotification = "TarnLogNotification";
+inline constexpr const char* kTarnPageInNotification = "TarnPageInNotification";
+inline constexpr const char* kTarnPageOutNotification = "TarnPageOutNotification";
+
+/// One log record.
+struct TarnLog {
+    std::string logMessage;
+    std::optional<std::string> sector;
+    std::chrono::system_clock::time_point logDate;
+
+    /// "<sector or Tarn> <message>;".
+    std::string getFullMessage() const;
+    /// "dd-MM-yyyy HH:mm:ss --- " (local time) followed by `getFullMessage()`.
+    std::string getFullMessageWithDate() const;
+};
+
+/// Logs `message` under `tag`: posts "TarnLogNotification", then prints the line. Any thread.
+void log(const std::string& message, const std::optional<std::string>& tag = std::nullopt);
+
+/// Prints one line to standard output directly, bypassing the logger (for the few messages that the
+/// library writes without a record).
+void printLine(const std::string& line);
+
+}  // namespace tarn

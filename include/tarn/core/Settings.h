@@ -1,0 +1,60 @@
+#pragma once
+// Process-wide settings that initialisation fills from the service file and the server's
+// configuration block, and that the subsystems read on every use.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tarn/core/Shared.h"
+#include "tarn/core/Types.h"
+#include "tarn/inapp/AppCommunication.h"
+
+namespace tarn {
+
+struct ProcessSettings {
+    /// The server's base address; unset until initialisation reads the service file.
+    Locked<std::optional<std::string>> baseUrl;
+    /// Retry budget of the service client for 5xx answers.
+    std::atomic<std::int64_t> requestRetryCount{3};
+    /// Request time-out in seconds: 3000 before any configuration, then the server's value or 3.
+    std::atomic<std::int64_t> requestTimeout{3000};
+    /// Period of the offline queue's timer, in seconds.
+    std::atomic<double> queueDelay{0.5};
+    /// Conversion offset in seconds: minus the conversion period.
+    std::atomic<double> conversionOffset{-86400.0};
+    /// The journeys list that every event record carries. The library has no source of journeys
+    /// of its own, so it stays empty unless the host sets it.
+    Locked<std::vector<std::string>> journeys;
+    /// The process-wide initialisation status.
+    std::atomic<InitializeStatusType> initializeStatus{InitializeStatusType::notInitialized};
+};
+
+/// The one set of process-wide settings.
+ProcessSettings& processSettings();
+
+/// The base URL; ends the process (a programming error) when it was never set.
+std::string requireBaseUrl();
+
+/// Holds the latest in-app answer.
+class TarnSession {
+  public:
+    static TarnSession& shared();
+
+    /// The latest answer, or nullptr. The returned value never changes; a new fetch replaces it.
+    std::shared_ptr<const AppCommunication> appCommunication() const {
+        return appCommunication_.get();
+    }
+    void setAppCommunication(std::optional<AppCommunication> value) {
+        appCommunication_.set(value ? std::make_shared<const AppCommunication>(std::move(*value))
+                                    : nullptr);
+    }
+
+  private:
+    Locked<std::shared_ptr<const AppCommunication>> appCommunication_;
+};
+
+}  // namespace tarn

@@ -1,0 +1,21 @@
+#pragma once
+// Property lists (XML and binary) read into JSON values.
+
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace tarn {
+
+/// Parses a property list in XML or binary form. Strings, integers, reals, booleans, arrays and
+/// dictionaries map to the JSON values of the same kind; a data item becomes {"$data": base64
+/// text} and a date {"$date": seconds since 1970}, so that neither reads as a string. Returns none
+/// when the bytes are not a property list; `error` then says why.
+std::optional<nlohmann::json> parsePropertyList(const std::string& bytes,
+                                                std::string* error = nullptr);
+
+/// Writes a JSON object or array as an XML (or, with `binary`, binary) property list.
+std::string writePropertyList(const nlohmann::json& value, bool binary = false);
+
+}  // namespace tarn

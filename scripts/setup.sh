@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the project builds and tests with, when any is missing.
+# Idempotent; prints nothing when everything is already there.
+set -euo pipefail
+
+packages=(
+    build-essential cmake pkg-config git
+    libcurl4-openssl-dev nlohmann-json3-dev libsqlite3-dev sqlite3 libplist-dev uuid-dev
+    libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+    curl iproute2
+)
+
+missing=()
+for p in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$p")
+    fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "setup: installing ${missing[*]}"
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,64 @@
+#include "tarn/config/ConfigManager.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "tarn/config/Preferences.h"
+#include "tarn/core/Log.h"
+#include "tarn/core/Settings.h"
+#include "tarn/core/Tarn.h"
+
+namespace tarn {
+
+ConfigManager& ConfigManager::shared() {
+    return detail::SharedInstance<ConfigManager, 300>::get();
+}
+
+InitializeStatusType ConfigManager::getInitializeStatus() const {
+    return processSettings().initializeStatus.load();
+}
+
+bool ConfigManager::isInitialized() const {
+    return std::string(rawValue(getInitializeStatus())) ==
+           rawValue(InitializeStatusType::initialized);
+}
+
+void ConfigManager::checkInstallationStatus() {
+    auto stored = PreferencesManager::shared().stringValue(PreferenceKey::actorId);
+    installationStatus = (stored && !stored->empty()) ? InstallationStatus::alreadyInstalled
+                                                      : InstallationStatus::firstTimeInstallation;
+}
+
+std::string ConfigManager::resolveActorId(const std::optional<std::string>& actorId) {
+    checkInstallationStatus();
+    const bool given = actorId && !actorId->empty();
+    if (given) {
+        return *actorId;
+    }
+    auto& prefs = PreferencesManager::shared();
+    if (installationStatus.load() == InstallationStatus::alreadyInstalled) {
+        return prefs.stringValue(PreferenceKey::actorId).value_or("");
+    }
+    auto guest = makeUuidString();
+    prefs.set(PreferenceKey::guestActorId, guest);
+    return guest;
+}
+
+void ConfigManager::updateActorId(const std::string& actorId) {
+    auto isBlank = std::all_of(actorId.begin(), actorId.end(),
+                               [](unsigned char c) { return std::isspace(c) != 0; });
+    if (isBlank) {
+        log("Tarn actorId cannot be updated with empty or only whitespace string!", logtag);
+        return;
+    }
+    auto& tarn = Tarn::shared();
+    std::string current = tarn.actorId.get();
+    if (actorId != current && !current.empty()) {
+        // INTEGRATION: send "actor_change" (old = current, new = actorId) once events land.
+        log("Tarn actorId successfully updated.", logtag);
+    }
+    tarn.actorId = actorId;
+    PreferencesManager::shared().set(PreferenceKey::actorId, actorId);
+}
+
+}  // namespace tarn

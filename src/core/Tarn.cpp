@@ -1,0 +1,187 @@
+#include "tarn/core/Tarn.h"
+
+#include <cstdio>
+
+#include "tarn/config/ConfigurationManager.h"
+#include "tarn/config/Preferences.h"
+#include "tarn/core/Fatal.h"
+#include "tarn/core/Log.h"
+
+namespace tarn {
+
+Tarn& Tarn::shared() {
+    return detail::SharedInstance<Tarn, 400>::get();
+}
+
+void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::string>& appGroupID) {
+    auto& settings = processSettings();
+    // 1. Guard against a second run.
+    auto status = settings.initializeStatus.load();
+    if ((status == InitializeStatusType::initialized ||
+         status == InitializeStatusType::initializing) &&
+        !config.forceInitialize) {
+        log(std::string("SDK is already Initialized. If you changed the configuration, send the "
+                        "forceInitialize value to true. Initialize status: ") +
+                rawValue(status),
+            logtag);
+        return;
+    }
+    // 2.-4.
+    settings.initializeStatus = InitializeStatusType::initializing;
+    configuration = config;
+    tarnBundle = config.bundle.bundleIdentifier().value_or("");
+    // 5.-6. The service file's address and credentials.
+    if (!readClientKnowledge()) {
+        log("SDK not fetched client knowledge!", logtag);
+        settings.initializeStatus = InitializeStatusType::initializeFailed;
+        return;
+    }
+    // 7. The preference store: the app group's when named, else the standard one.
+    auto& prefs = PreferencesManager::shared();
+    prefs.appGroupSuiteName = appGroupID;
+    prefs.useAppGroup = true;
+    // 8. INTEGRATION: purge expired conversion markers once the local store lands.
+    // 9. The actor.
+    configManager.updateActorId(configManager.resolveActorId(config.actorId));
+    // 10.
+    loadState();
+    // 11. INTEGRATION: the token routine, then continueInitialization.
+}
+
+bool Tarn::readClientKnowledge() {
+    const auto& file = ConfigurationManager::shared().settings();
+    auto stored = configuration.get();
+    if (!stored) {
+        fatalError("No stored configuration", __FILE__, __LINE__);
+    }
+    std::string values[3];
+    const char* keys[3] = {"DOMAIN", "CLIENT_ID", "CLIENT_SECRET"};
+    for (int i = 0; i < 3; ++i) {
+        auto it = file.find(keys[i]);
+        if (it == file.end() || !it->is_string()) {
+            printLine("Configuration error: Missing required information");
+            return false;
+        }
+        values[i] = it->get<std::string>();
+    }
+    stored->domainUrl = values[0];
+    stored->clientId = values[1];
+    stored->clientSecret = values[2];
+    configuration = std::move(stored);
+    return true;
+}
+
+void Tarn::loadState() {
+    auto& prefs = PreferencesManager::shared();
+    tarnPushToken = prefs.stringValue(PreferenceKey::pushToken).value_or("");
+    tarnApnsToken = prefs.stringValue(PreferenceKey::apnsToken).value_or("");
+    actorId = prefs.stringValue(PreferenceKey::actorId).value_or("");
+
+    auto session = TarnSession::shared().appCommunication();
+    std::optional<AppCommunicationConfiguration> block;
+    if (session) {
+        block = session->configuration;
+    }
+    auto flag = [&](std::optional<bool> AppCommunicationConfiguration::*member) {
+        return block && (*block).*member && *((*block).*member);
+    };
+    isWifiStatusRequired = flag(&AppCommunicationConfiguration::wifiStatusEnabled);
+    isBatteryStatusRequired = flag(&AppCommunicationConfiguration::batteryEnabled);
+    isDiskCapacityRequired = flag(&AppCommunicationConfiguration::diskCapacityEnabled);
+    isLocationRequired = flag(&AppCommunicationConfiguration::locationEnabled);
+
+    auto stored = configuration.get();
+    if (!stored) {
+        fatalError("No stored configuration", __FILE__, __LINE__);
+    }
+    isSendActivityLifeCycleEventEnabled = stored->isSendActivityLifeCycleEventEnabled;
+    applicationName = stored->applicationName;
+    applicationLifecyleAuto = stored->applicationLifecyleAuto;
+
+    prefs.set(PreferenceKey::tokenStatus, true);
+
+    auto& settings = processSettings();
+    settings.baseUrl = stored->domainUrl;
+    settings.requestRetryCount =
+        block && block->apiRequestRetryCount ? *block->apiRequestRetryCount : 3;
+    settings.requestTimeout = block && block->apiRequestTimeout ? *block->apiRequestTimeout : 3;
+    settings.queueDelay = block && block->eventQueueDelay ? *block->eventQueueDelay : 0.5;
+    std::int64_t timeoutMs =
+        block && block->conversionTimeout ? *block->conversionTimeout : 86400000;
+    settings.conversionOffset = static_cast<double>(-(timeoutMs / 1000));
+}
+
+void Tarn::syncTokens() {
+    auto& prefs = PreferencesManager::shared();
+    struct TokenSlot {
+        PreferenceKey key;
+        std::string current;
+        TokenProviderType provider;
+    } slots[2] = {{PreferenceKey::apnsToken, tarnApnsToken.get(), TokenProviderType::apns},
+                  {PreferenceKey::pushToken, tarnPushToken.get(), TokenProviderType::firebase}};
+    for (const auto& slot : slots) {
+        auto persisted = prefs.stringValue(slot.key);
+        if (persisted && *persisted == slot.current) {
+            continue;
+        }
+        if (!slot.current.empty() && persisted) {
+            sendPushTokenChange(slot.provider);
+            prefs.set(slot.key, slot.current);
+        }
+    }
+    storeTokensIfAbsent();
+}
+
+void Tarn::storeTokensIfAbsent() {
+    auto& prefs = PreferencesManager::shared();
+    std::pair<PreferenceKey, std::string> slots[2] = {
+        {PreferenceKey::pushToken, tarnPushToken.get()},
+        {PreferenceKey::apnsToken, tarnApnsToken.get()}};
+    for (const auto& [key, value] : slots) {
+        if (!prefs.stringValue(key) && !value.empty()) {
+            prefs.set(key, value);
+        }
+    }
+}
+
+void Tarn::setPushToken(const std::string& pushToken) {
+    log("Push token set complete", logtag);
+    tarnPushToken = pushToken;
+    syncTokens();
+}
+
+void Tarn::setApnsToken(const std::vector<std::uint8_t>& deviceToken) {
+    std::string hex;
+    hex.reserve(deviceToken.size() * 2);
+    char pair[3];
+    for (auto byte : deviceToken) {
+        // The platform's own spelling of "two lower-case hex digits"; the flag is redundant there.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+        std::snprintf(pair, sizeof pair, "%02.2hhx", byte);
+#pragma GCC diagnostic pop
+        hex += pair;
+    }
+    log("Tarn apns token set complete", logtag);
+    tarnApnsToken = hex;
+    syncTokens();
+}
+
+std::optional<std::string> Tarn::getActorID(const std::string& appGroupID) {
+    auto& prefs = PreferencesManager::shared();
+    prefs.appGroupSuiteName = appGroupID;
+    prefs.useAppGroup = true;
+    auto actor = prefs.stringValue(PreferenceKey::actorId);
+    if (actor) {
+        printLine("Actor ID: " + *actor);
+        return actor;
+    }
+    printLine("Actor ID bulunamadı.");
+    return std::nullopt;
+}
+
+void Tarn::sendPushTokenChange(TokenProviderType /*provider*/) {
+    // INTEGRATION: send "push_token_change" with the provider once events land.
+}
+
+}  // namespace tarn

@@ -1,0 +1,271 @@
+#include "tarn/platform/MainQueue.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "tarn/core/Shared.h"
+
+namespace tarn {
+
+namespace {
+
+std::chrono::steady_clock::duration toDuration(double seconds) {
+    if (!std::isfinite(seconds) || seconds < 0) {
+        seconds = 0;
+    }
+    return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(seconds));
+}
+
+}  // namespace
+
+// ---- ThreadExecutor
+
+// The worker thread owns a reference to the state, so the executor may be destroyed from one of its
+// own tasks (the thread then ends on its own after that task).
+struct ThreadExecutor::State {
+    struct Item {
+        std::chrono::steady_clock::time_point due;
+        std::uint64_t seq;
+        Task task;
+    };
+    struct Later {
+        bool operator()(const Item& a, const Item& b) const {
+            return a.due != b.due ? a.due > b.due : a.seq > b.seq;
+        }
+    };
+
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::condition_variable idle;
+    std::priority_queue<Item, std::vector<Item>, Later> items;
+    std::uint64_t seq = 0;
+    bool stopping = false;
+    bool busy = false;
+
+    void run() {
+        std::unique_lock lock(mutex);
+        while (!stopping) {
+            if (items.empty()) {
+                idle.notify_all();
+                cv.wait(lock);
+                continue;
+            }
+            auto due = items.top().due;
+            if (due > std::chrono::steady_clock::now()) {
+                idle.notify_all();
+                cv.wait_until(lock, due);
+                continue;
+            }
+            Task task = std::move(const_cast<Item&>(items.top()).task);
+            items.pop();
+            busy = true;
+            lock.unlock();
+            task();
+            task = nullptr;
+            lock.lock();
+            busy = false;
+        }
+        // Drop what never ran, outside the lock: a task's captures may post again.
+        auto rest = std::move(items);
+        lock.unlock();
+        idle.notify_all();
+    }
+};
+
+ThreadExecutor::ThreadExecutor() : state_(std::make_shared<State>()) {
+    std::thread worker([state = state_] { state->run(); });
+    threadId_ = worker.get_id();
+    worker.detach();
+}
+
+ThreadExecutor::~ThreadExecutor() {
+    std::unique_lock lock(state_->mutex);
+    state_->stopping = true;
+    state_->cv.notify_all();
+    if (std::this_thread::get_id() != threadId_) {
+        // Wait for a running task to finish, so nothing of the library runs after destruction.
+        state_->idle.wait(lock, [&] { return !state_->busy; });
+    }
+}
+
+void ThreadExecutor::asyncAfter(double seconds, Task task) {
+    {
+        std::lock_guard lock(state_->mutex);
+        state_->items.push({std::chrono::steady_clock::now() + toDuration(seconds), state_->seq++,
+                            std::move(task)});
+    }
+    state_->cv.notify_all();
+}
+
+bool ThreadExecutor::isCurrent() const {
+    return std::this_thread::get_id() == threadId_;
+}
+
+void ThreadExecutor::waitUntilIdle() {
+    auto limit = std::chrono::steady_clock::now();
+    std::unique_lock lock(state_->mutex);
+    state_->idle.wait(lock, [&] {
+        return state_->stopping ||
+               (!state_->busy && (state_->items.empty() || state_->items.top().due > limit));
+    });
+}
+
+// ---- ManualExecutor
+
+void ManualExecutor::asyncAfter(double seconds, Task task) {
+    std::lock_guard lock(mutex_);
+    if (!std::isfinite(seconds) || seconds < 0) {
+        seconds = 0;
+    }
+    items_.push_back({now_ + seconds, seq_++, std::move(task)});
+}
+
+bool ManualExecutor::isCurrent() const {
+    std::lock_guard lock(mutex_);
+    return runner_ == std::this_thread::get_id();
+}
+
+double ManualExecutor::now() const {
+    std::lock_guard lock(mutex_);
+    return now_;
+}
+
+std::size_t ManualExecutor::pendingCount() const {
+    std::lock_guard lock(mutex_);
+    return items_.size();
+}
+
+bool ManualExecutor::popDue(double limit, Item& out) {
+    std::lock_guard lock(mutex_);
+    auto it = std::min_element(items_.begin(), items_.end(), [](const Item& a, const Item& b) {
+        return a.due != b.due ? a.due < b.due : a.seq < b.seq;
+    });
+    if (it == items_.end() || it->due > limit) {
+        return false;
+    }
+    out = std::move(*it);
+    items_.erase(it);
+    now_ = std::max(now_, out.due);
+    runner_ = std::this_thread::get_id();
+    return true;
+}
+
+std::size_t ManualExecutor::runPending() {
+    return advance(0);
+}
+
+std::size_t ManualExecutor::advance(double seconds) {
+    double limit;
+    {
+        std::lock_guard lock(mutex_);
+        limit = now_ + std::max(0.0, seconds);
+    }
+    std::size_t ran = 0;
+    Item item;
+    // A small tolerance keeps repeated additions of e.g. 0.1 from missing a task due "exactly"
+    // then.
+    while (popDue(limit + 1e-9, item)) {
+        item.task();
+        item.task = nullptr;
+        ++ran;
+    }
+    std::lock_guard lock(mutex_);
+    now_ = std::max(now_, limit);
+    runner_ = {};
+    return ran;
+}
+
+// ---- RepeatingTimer
+
+RepeatingTimer::RepeatingTimer(double interval, std::function<void()> action,
+                               std::shared_ptr<Executor> executor)
+    : interval_(interval), action_(std::move(action)), executor_(executor) {}
+
+std::shared_ptr<RepeatingTimer> RepeatingTimer::scheduled(double interval,
+                                                          std::function<void()> action,
+                                                          std::shared_ptr<Executor> executor) {
+    // A non-positive interval would spin; run-loop timers clamp it the same way.
+    if (!(interval > 0)) {
+        interval = 0.0001;
+    }
+    std::shared_ptr<RepeatingTimer> timer(
+        new RepeatingTimer(interval, std::move(action), std::move(executor)));
+    timer->scheduleNext();
+    return timer;
+}
+
+void RepeatingTimer::scheduleNext() {
+    auto executor = executor_.lock();
+    if (!executor) {
+        return;
+    }
+    executor->asyncAfter(interval_, [self = shared_from_this()] {
+        if (!self->valid_.load()) {
+            return;
+        }
+        self->action_();
+        if (self->valid_.load()) {
+            self->scheduleNext();
+        }
+    });
+}
+
+void RepeatingTimer::invalidate() {
+    valid_.store(false);
+}
+
+bool RepeatingTimer::isValid() const {
+    return valid_.load();
+}
+
+// ---- the process-wide main queue
+
+namespace {
+
+struct MainQueueSlot {
+    std::mutex mutex;
+    std::shared_ptr<Executor> executor;
+};
+
+MainQueueSlot& slot() {
+    static MainQueueSlot s;
+    return s;
+}
+
+struct MainQueueResetRegistration {
+    MainQueueResetRegistration() {
+        // The main queue stops first, so no task runs while the other instances are destroyed.
+        detail::registerSharedReset(0, [] {
+            std::shared_ptr<Executor> old;
+            {
+                std::lock_guard lock(slot().mutex);
+                old = std::move(slot().executor);
+            }
+        });
+    }
+};
+
+}  // namespace
+
+std::shared_ptr<Executor> mainQueue() {
+    static MainQueueResetRegistration registration;
+    auto& s = slot();
+    std::lock_guard lock(s.mutex);
+    if (!s.executor) {
+        s.executor = std::make_shared<ThreadExecutor>();
+    }
+    return s.executor;
+}
+
+void setMainQueue(std::shared_ptr<Executor> executor) {
+    static MainQueueResetRegistration registration;
+    std::shared_ptr<Executor> old;
+    {
+        std::lock_guard lock(slot().mutex);
+        old = std::move(slot().executor);
+        slot().executor = std::move(executor);
+    }
+}
+
+}  // namespace tarn

@@ -1,0 +1,56 @@
+#include "tarn/platform/NotificationCenter.h"
+
+#include <algorithm>
+
+#include "tarn/core/Shared.h"
+
+namespace tarn {
+
+NotificationCenter& NotificationCenter::defaultCenter() {
+    // Reset late, after the components that observe it.
+    return detail::SharedInstance<NotificationCenter, 900>::get();
+}
+
+NotificationCenter::Token NotificationCenter::addObserver(const void* owner, std::string name,
+                                                          Observer observer) {
+    std::lock_guard lock(mutex_);
+    Token token = nextToken_++;
+    entries_.push_back(
+        {token, owner, std::move(name), std::make_shared<Observer>(std::move(observer))});
+    return token;
+}
+
+void NotificationCenter::removeObserver(Token token) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(entries_, [&](const Entry& e) { return e.token == token; });
+}
+
+void NotificationCenter::removeObserver(const void* owner, const std::string& name) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(entries_, [&](const Entry& e) {
+        return e.owner == owner && (name.empty() || e.name == name);
+    });
+}
+
+void NotificationCenter::post(const Notification& notification) {
+    std::vector<std::shared_ptr<Observer>> matching;
+    {
+        std::lock_guard lock(mutex_);
+        for (const auto& e : entries_) {
+            if (e.name == notification.name) {
+                matching.push_back(e.observer);
+            }
+        }
+    }
+    for (const auto& observer : matching) {
+        (*observer)(notification);
+    }
+}
+
+std::size_t NotificationCenter::observerCount(const std::string& name) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<std::size_t>(std::count_if(entries_.begin(), entries_.end(),
+                                                  [&](const Entry& e) { return e.name == name; }));
+}
+
+}  // namespace tarn

@@ -1,0 +1,224 @@
+#include "tarn/platform/PreferenceStore.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <map>
+
+#include "tarn/platform/DataDirectory.h"
+
+namespace tarn {
+
+namespace {
+
+/// Holds an flock on "<file>.lock" for its lifetime.
+class FileLock {
+  public:
+    FileLock(const std::filesystem::path& file, int operation) {
+        auto lockPath = file.string() + ".lock";
+        fd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd_ >= 0) {
+            while (::flock(fd_, operation) != 0 && errno == EINTR) {
+            }
+        }
+    }
+    ~FileLock() {
+        if (fd_ >= 0) {
+            ::flock(fd_, LOCK_UN);
+            ::close(fd_);
+        }
+    }
+    FileLock(const FileLock&) = delete;
+    FileLock& operator=(const FileLock&) = delete;
+
+  private:
+    int fd_ = -1;
+};
+
+std::shared_ptr<PreferenceStore> storeFor(const std::filesystem::path& file) {
+    static std::mutex mutex;
+    static std::map<std::filesystem::path, std::weak_ptr<PreferenceStore>> stores;
+    std::lock_guard lock(mutex);
+    auto& slot = stores[file];
+    auto store = slot.lock();
+    if (!store) {
+        store = std::make_shared<PreferenceStore>(file);
+        slot = store;
+    }
+    return store;
+}
+
+std::filesystem::path preferencesFolder() {
+    return dataDirectory() / "Preferences";
+}
+
+bool ensureFolder(const std::filesystem::path& folder) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(folder, ec)) {
+        return true;
+    }
+    std::filesystem::create_directories(folder, ec);
+    ::chmod(folder.c_str(), 0700);
+    return std::filesystem::is_directory(folder, ec);
+}
+
+}  // namespace
+
+std::shared_ptr<PreferenceStore> PreferenceStore::standard() {
+    auto folder = preferencesFolder();
+    ensureFolder(folder);
+    return storeFor(folder / "standard.json");
+}
+
+std::shared_ptr<PreferenceStore> PreferenceStore::suite(const std::string& name) {
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
+        name.find('\0') != std::string::npos || name == "standard") {
+        return nullptr;
+    }
+    auto folder = preferencesFolder();
+    if (!ensureFolder(folder)) {
+        return nullptr;
+    }
+    return storeFor(folder / (name + ".json"));
+}
+
+PreferenceStore::PreferenceStore(std::filesystem::path file) : file_(std::move(file)) {}
+
+nlohmann::json PreferenceStore::readFileLocked() {
+    struct stat st {};
+    if (::stat(file_.c_str(), &st) != 0) {
+        stamp_ = Stamp{};
+        return nlohmann::json::object();
+    }
+    stamp_ = Stamp{static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
+                   static_cast<std::int64_t>(st.st_size), static_cast<std::uint64_t>(st.st_ino)};
+    std::FILE* f = std::fopen(file_.c_str(), "rb");
+    if (!f) {
+        return nlohmann::json::object();
+    }
+    std::string text;
+    char buffer[4096];
+    std::size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) {
+        text.append(buffer, n);
+    }
+    std::fclose(f);
+    auto parsed = nlohmann::json::parse(text, nullptr, false);
+    if (parsed.is_discarded() || !parsed.is_object()) {
+        // Keep the unreadable file aside rather than overwrite it with the next write.
+        std::error_code ec;
+        std::filesystem::rename(file_, file_.string() + ".corrupt", ec);
+        std::fprintf(stderr, "TarniOSCommonKit: preference file %s is unreadable; moved aside\n",
+                     file_.c_str());
+        stamp_ = Stamp{};
+        return nlohmann::json::object();
+    }
+    return parsed;
+}
+
+void PreferenceStore::refreshLocked() {
+    struct stat st {};
+    Stamp now{};
+    if (::stat(file_.c_str(), &st) == 0) {
+        now = Stamp{static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
+                    static_cast<std::int64_t>(st.st_size), static_cast<std::uint64_t>(st.st_ino)};
+    }
+    if (now == stamp_) {
+        return;
+    }
+    FileLock lock(file_, LOCK_SH);
+    values_ = readFileLocked();
+}
+
+bool PreferenceStore::writeFileLocked(const nlohmann::json& values) {
+    auto tmp = file_.string() + ".tmp." + std::to_string(::getpid());
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        return false;
+    }
+    auto text = values.dump(2);
+    const char* p = text.data();
+    std::size_t left = text.size();
+    bool ok = true;
+    while (left > 0) {
+        ssize_t w = ::write(fd, p, left);
+        if (w < 0) {
+            if (errno == EINTR)
+                continue;
+            ok = false;
+            break;
+        }
+        p += w;
+        left -= static_cast<std::size_t>(w);
+    }
+    ok = ok && ::fdatasync(fd) == 0;
+    ok = ::close(fd) == 0 && ok;
+    if (!ok || ::rename(tmp.c_str(), file_.c_str()) != 0) {
+        ::unlink(tmp.c_str());
+        return false;
+    }
+    return true;
+}
+
+void PreferenceStore::setValue(const std::string& key, nlohmann::json value) {
+    std::lock_guard guard(mutex_);
+    FileLock lock(file_, LOCK_EX);
+    auto current = readFileLocked();
+    current[key] = std::move(value);
+    if (writeFileLocked(current)) {
+        readFileLocked();  // refresh the stamp to the file just written
+        values_ = std::move(current);
+    } else {
+        // The write failed (for example a read-only folder); keep the value for this process.
+        values_ = std::move(current);
+    }
+}
+
+void PreferenceStore::remove(const std::string& key) {
+    std::lock_guard guard(mutex_);
+    FileLock lock(file_, LOCK_EX);
+    auto current = readFileLocked();
+    current.erase(key);
+    writeFileLocked(current);
+    readFileLocked();
+    values_ = std::move(current);
+}
+
+std::optional<nlohmann::json> PreferenceStore::object(const std::string& key) {
+    std::lock_guard guard(mutex_);
+    refreshLocked();
+    auto it = values_.find(key);
+    if (it == values_.end()) {
+        return std::nullopt;
+    }
+    return *it;
+}
+
+std::optional<std::string> PreferenceStore::string(const std::string& key) {
+    auto value = object(key);
+    if (value && value->is_string()) {
+        return value->get<std::string>();
+    }
+    return std::nullopt;
+}
+
+std::optional<bool> PreferenceStore::boolean(const std::string& key) {
+    auto value = object(key);
+    if (value && value->is_boolean()) {
+        return value->get<bool>();
+    }
+    return std::nullopt;
+}
+
+std::optional<std::int64_t> PreferenceStore::integer(const std::string& key) {
+    auto value = object(key);
+    if (value && value->is_number_integer()) {
+        return value->get<std::int64_t>();
+    }
+    return std::nullopt;
+}
+
+}  // namespace tarn

@@ -1,0 +1,76 @@
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
+#include "tarn/config/ConfigManager.h"
+#include "tarn/config/Preferences.h"
+#include "tarn/core/Log.h"
+#include "tarn/core/Tarn.h"
+
+using namespace tarn;
+
+class IdentityTest : public test::TarnTest {};
+
+TEST_F(IdentityTest, UpdateActorIdRefusesBlanksAndStoresUntrimmed) {
+    auto& config = ConfigManager::shared();
+    auto& tarn = Tarn::shared();
+    test::LogCapture logs;
+    config.updateActorId("b");
+    EXPECT_FALSE(logs.contains("Tarn-ConfigManager: Tarn actorId successfully updated.;"));
+    config.updateActorId("  \n");
+    config.updateActorId("");
+    EXPECT_EQ(logs.count("Tarn-ConfigManager: Tarn actorId cannot be updated with empty or only "
+                         "whitespace string!;"),
+              2u);
+    EXPECT_EQ(tarn.actorId.get(), "b");
+    config.updateActorId(" a ");
+    EXPECT_TRUE(logs.contains("Tarn-ConfigManager: Tarn actorId successfully updated.;"));
+    EXPECT_EQ(tarn.actorId.get(), " a ");
+    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::actorId), " a ");
+}
+
+TEST_F(IdentityTest, ResolveActorIdFollowsTheInstallationStatus) {
+    auto& config = ConfigManager::shared();
+    EXPECT_EQ(config.resolveActorId(std::string(" ")), " ");  // whitespace counts as given
+    EXPECT_EQ(config.installationStatus.load(), InstallationStatus::firstTimeInstallation);
+    auto guest = config.resolveActorId(std::nullopt);
+    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::guestActorId), guest);
+    EXPECT_EQ(PreferencesManager::shared().storedActorId(), guest);
+    config.updateActorId("stored");
+    EXPECT_EQ(config.resolveActorId(std::string("")), "stored");
+    EXPECT_EQ(config.installationStatus.load(), InstallationStatus::alreadyInstalled);
+    EXPECT_EQ(PreferencesManager::shared().storedActorId(), "stored");
+}
+
+TEST_F(IdentityTest, AppGroupStoreIsSharedWithASecondProcess) {
+    auto& prefs = PreferencesManager::shared();
+    prefs.appGroupSuiteName = std::string("group.com.example.shared");
+    prefs.useAppGroup = true;
+    ConfigManager::shared().updateActorId("group-actor");
+    // The standard store does not hold it.
+    EXPECT_FALSE(PreferenceStore::standard()->string("actorId"));
+
+    std::string out;
+    EXPECT_EQ(test::runHelper({"get_actor", dataDir().string(), "group.com.example.shared"}, &out),
+              0);
+    EXPECT_EQ(out, "Actor ID: group-actor\n");
+    EXPECT_EQ(test::runHelper({"get_actor", dataDir().string(), "group.com.other"}, &out), 1);
+    EXPECT_EQ(out, "Actor ID bulunamadı.\n");
+}
+
+TEST_F(IdentityTest, TokensAreStoredFirstWithoutAnEventAndHexIsLowerCase) {
+    auto& tarn = Tarn::shared();
+    test::LogCapture logs;
+    testing::internal::CaptureStdout();
+    tarn.setApnsToken({0x0A, 0xFF});
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(tarn.tarnApnsToken.get(), "0aff");
+    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::apnsToken), "0aff");
+    EXPECT_TRUE(logs.contains("Tarn: Tarn apns token set complete;"));
+    tarn.setPushToken("push-1");
+    EXPECT_EQ(tarn.getPushToken(), "push-1");
+    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::pushToken), "push-1");
+    tarn.setPushToken("push-2");
+    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::pushToken), "push-2");
+    auto lines = logs.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "Tarn: Push token set complete;"), 2);
+}

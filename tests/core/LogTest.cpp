@@ -1,0 +1,48 @@
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "support/TestSupport.h"
+#include "tarn/core/Fatal.h"
+#include "tarn/core/Log.h"
+
+using namespace tarn;
+
+class LogTest : public test::TarnTest {};
+
+TEST_F(LogTest, PostsTheRecordThenPrintsTheLine) {
+    std::vector<TarnLog> records;
+    NotificationCenter::defaultCenter().addObserver(
+        kTarnLogNotification,
+        [&](const Notification& n) { records.push_back(std::any_cast<TarnLog>(n.object)); });
+    testing::internal::CaptureStdout();
+    log("x");
+    log("", std::string("Tarn:"));
+    log("SDK not fetched client knowledge!", std::string("Tarn:"));
+    auto out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out, "Tarn x;\nTarn: ;\nTarn: SDK not fetched client knowledge!;\n");
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_FALSE(records[0].sector);
+    EXPECT_EQ(records[0].logMessage, "x");
+    EXPECT_EQ(records[1].sector, "Tarn:");
+}
+
+TEST(TarnLog, FormatsTheDateInLocalTime) {
+    std::tm when{};
+    when.tm_year = 2024 - 1900;
+    when.tm_mon = 1;
+    when.tm_mday = 1;
+    when.tm_hour = 9;
+    when.tm_min = 5;
+    when.tm_sec = 3;
+    when.tm_isdst = -1;
+    TarnLog record{"checkAuthToken", std::string("Tarn:"),
+                   std::chrono::system_clock::from_time_t(std::mktime(&when))};
+    EXPECT_EQ(record.getFullMessageWithDate(), "01-02-2024 09:05:03 --- Tarn: checkAuthToken;");
+    EXPECT_EQ(record.getFullMessageWithDate().substr(0, 24), "01-02-2024 09:05:03 --- ");
+}
+
+TEST(FatalError, PrintsTheSourceAndAborts) {
+    EXPECT_DEATH(fatalError("Invalid url", "TarniOSCommonKit/Endpoint", 23),
+                 "TarniOSCommonKit/Endpoint:23: Fatal error: Invalid url");
+}

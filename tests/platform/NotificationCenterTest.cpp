@@ -1,0 +1,52 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "tarn/platform/NotificationCenter.h"
+
+using namespace tarn;
+
+TEST(NotificationCenter, DeliversByNameInOrderOnThePostingThread) {
+    NotificationCenter center;
+    std::vector<std::string> seen;
+    int owner = 0;
+    center.addObserver(&owner, "a", [&](const Notification& n) {
+        seen.push_back("first:" + std::any_cast<std::string>(n.object));
+        EXPECT_EQ(n.userInfo["k"], 1);
+    });
+    center.addObserver("a", [&](const Notification&) { seen.push_back("second"); });
+    center.addObserver(&owner, "b", [&](const Notification&) { seen.push_back("b"); });
+    center.post("a", std::string("x"), {{"k", 1}});
+    EXPECT_EQ(seen, (std::vector<std::string>{"first:x", "second"}));
+
+    center.removeObserver(&owner, "a");
+    seen.clear();
+    center.post("a", std::string("y"), {{"k", 1}});
+    center.post("b");
+    EXPECT_EQ(seen, (std::vector<std::string>{"second", "b"}));
+    center.removeObserver(&owner);
+    EXPECT_EQ(center.observerCount("b"), 0u);
+}
+
+TEST(NotificationCenter, AddingAndRemovingWhileAnotherThreadPostsIsSafe) {
+    NotificationCenter center;
+    std::atomic<bool> stop{false};
+    std::atomic<int> delivered{0};
+    std::thread poster([&] {
+        while (!stop)
+            center.post("n");
+    });
+    for (int i = 0; i < 2000; ++i) {
+        auto token = center.addObserver("n", [&](const Notification&) { ++delivered; });
+        center.removeObserver(token);
+    }
+    auto token = center.addObserver("n", [&](const Notification&) { ++delivered; });
+    while (delivered.load() == 0)
+        std::this_thread::yield();
+    stop = true;
+    poster.join();
+    center.removeObserver(token);
+    EXPECT_GT(delivered.load(), 0);
+    EXPECT_EQ(center.observerCount("n"), 0u);
+}
