@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <fstream>
-#include <regex>
 
 #include "support/TestSupport.h"
 #include "tarn/device/DeviceInfo.h"
@@ -134,9 +133,15 @@ TEST_F(DeviceStatusTest, LinuxProviderReportsTheMachine) {
     std::string machineId;
     std::ifstream("/etc/machine-id") >> machineId;
     if (machineId.size() == 32) {
-        EXPECT_TRUE(std::regex_match(
-            id, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-5[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")))
-            << id;
+        // 8-4-4-4-12 upper-case hexadecimal digits of a version 5 (name-based, SHA-1) UUID.
+        ASSERT_EQ(id.size(), 36u) << id;
+        for (std::size_t i = 0; i < id.size(); ++i) {
+            bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+            EXPECT_TRUE(dash ? id[i] == '-'
+                             : std::string("0123456789ABCDEF").find(id[i]) != std::string::npos)
+                << id;
+        }
+        EXPECT_EQ(id[14], '5') << id;
         EXPECT_EQ(makePlatformDeviceInfoProvider()->deviceId(), id);
         std::string bare = id;
         bare.erase(std::remove(bare.begin(), bare.end(), '-'), bare.end());
