@@ -111,10 +111,11 @@ std::string DeviceStatusHelper::batteryLevel() {
 }
 
 std::string DeviceStatusHelper::networkStatus() {
-    // The monitor reads once and is released; its own thread serves both as its serial queue and
-    // as its notification queue, so the reading leaves no work behind on the main queue.
-    auto queue = std::make_shared<ThreadExecutor>();
-    auto monitor = Reachability::create(DispatchQoS::defaultQoS, queue, queue);
+    // The monitor reads once and is released. Its first reading is announced like any change,
+    // but onto a queue that nobody runs, so a reading for an event neither posts
+    // "reachabilityChanged" nor leaves work on the main queue; its own thread is its serial queue.
+    auto discarded = std::make_shared<ManualExecutor>();
+    auto monitor = Reachability::create(DispatchQoS::defaultQoS, {}, discarded);
     switch (monitor->connection()) {
         case Connection::unavailable:
             return rawValue(NetworkCapability::none);

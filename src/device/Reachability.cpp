@@ -3,7 +3,7 @@
 #include <pthread.h>
 
 #include <cerrno>
-#include <future>
+#include <condition_variable>
 
 #include "tarn/core/Log.h"
 
@@ -113,17 +113,32 @@ void Reachability::onSerialQueueSync(const std::function<void()>& work) {
         work();
         return;
     }
-    std::promise<void> done;
-    auto finished = done.get_future();
-    reachabilitySerialQueue->async([&] {
+    // The hand-over lives as long as the task does, so the worker never touches the caller's
+    // frame after waking it. Only `ReachabilityError` leaves `work`.
+    struct HandOver {
+        std::mutex mutex;
+        std::condition_variable finished;
+        bool done = false;
+        std::optional<ReachabilityError> error;
+    };
+    auto handOver = std::make_shared<HandOver>();
+    reachabilitySerialQueue->async([handOver, &work] {
+        std::optional<ReachabilityError> error;
         try {
             work();
-            done.set_value();
-        } catch (...) {
-            done.set_exception(std::current_exception());
+        } catch (const ReachabilityError& failure) {
+            error = failure;
         }
+        std::lock_guard lock(handOver->mutex);
+        handOver->error = std::move(error);
+        handOver->done = true;
+        handOver->finished.notify_all();
     });
-    finished.get();
+    std::unique_lock lock(handOver->mutex);
+    handOver->finished.wait(lock, [&] { return handOver->done; });
+    if (handOver->error) {
+        throw ReachabilityError(*handOver->error);
+    }
 }
 
 void Reachability::startNotifier() {

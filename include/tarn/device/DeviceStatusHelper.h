@@ -31,7 +31,7 @@ class DeviceStatusHelper {
     /// such battery means the level is unknown: "-100".
     std::string batteryLevel();
     /// "WIFI", "CELLULAR" or "NONE", from a reachability monitor for the default route made for
-    /// this call and read once without starting it.
+    /// this call and read once without starting it. The reading posts no "reachabilityChanged".
     std::string networkStatus();
     /// Total bytes of the volume holding the volume path ("/"), or "-1" with the log line "Total
     /// disk capacity is unavailable".
