@@ -1,10 +1,14 @@
 #include "tarn/device/DeviceInfo.h"
 
-#include <sys/utsname.h>
+#include <uuid/uuid.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
+
+#include "tarn/device/DeviceModel.h"
+#include "tarn/device/DeviceStatusHelper.h"
 
 namespace tarn {
 
@@ -20,43 +24,96 @@ std::shared_ptr<DeviceInfoProvider>& providerSlot() {
     return p;
 }
 
-/// Reports only what this process can know without the device subsystem's sources: no battery,
-/// no network reading, no disk figures, no vendor identifier and no location.
-class BasicDeviceInfoProvider final : public DeviceInfoProvider {
-  public:
-    BasicDeviceInfoProvider() {
-        utsname names{};
-        if (::uname(&names) == 0) {
-            machine_ = names.machine;
-            release_ = names.release;
+/// The time zone identifier: TZ (without a leading ':' and, for a path, the part after
+/// "zoneinfo/"), else the zone that /etc/localtime links to, else the first line of /etc/timezone,
+/// else "UTC".
+std::string timeZoneIdentifier() {
+    auto afterZoneinfo = [](const std::string& path) -> std::optional<std::string> {
+        auto at = path.find("zoneinfo/");
+        if (at == std::string::npos) {
+            return std::nullopt;
         }
-        if (const char* tz = std::getenv("TZ"); tz && *tz) {
-            timeZone_ = *tz == ':' ? tz + 1 : tz;
-        } else if (std::ifstream in("/etc/timezone"); in && std::getline(in, timeZone_)) {
-        } else {
-            timeZone_ = "UTC";
+        return path.substr(at + 9);
+    };
+    if (const char* tz = std::getenv("TZ"); tz && *tz) {
+        std::string value = *tz == ':' ? tz + 1 : tz;
+        if (auto zone = afterZoneinfo(value)) {
+            return *zone;
+        }
+        if (!value.empty()) {
+            return value;
         }
     }
-    std::string batteryLevel() override { return "-100"; }
-    std::optional<std::string> networkStatus() override { return std::nullopt; }
-    std::string availableDiskCapacity() override { return "-1"; }
-    std::string totalDiskCapacity() override { return "-1"; }
-    std::string deviceId() override { return ""; }
-    std::string modelName() override { return machine_; }
-    std::string osVersion() override { return release_; }
-    std::string timeZone() override { return timeZone_; }
-    std::optional<std::pair<double, double>> location() override { return std::nullopt; }
+    std::error_code ec;
+    auto target = std::filesystem::read_symlink("/etc/localtime", ec);
+    if (!ec) {
+        if (auto zone = afterZoneinfo(target.string()); zone && !zone->empty()) {
+            return *zone;
+        }
+    }
+    std::string line;
+    if (std::ifstream in("/etc/timezone"); in && std::getline(in, line) && !line.empty()) {
+        return line;
+    }
+    return "UTC";
+}
 
-  private:
-    std::string machine_;
-    std::string release_;
-    std::string timeZone_;
+/// A device identifier scoped to this library, in the manner of a vendor identifier: the
+/// name-based (SHA-1, version 5) UUID of "TarniOSCommonKit" in the namespace of the machine's
+/// systemd machine identifier (/etc/machine-id, else /var/lib/dbus/machine-id), as upper-case
+/// text. It stays the same for every process on the machine and does not expose the machine
+/// identifier itself. "" when neither file holds 32 hexadecimal digits.
+std::string vendorDeviceIdentifier() {
+    for (const char* path : {"/etc/machine-id", "/var/lib/dbus/machine-id"}) {
+        std::ifstream in(path);
+        std::string id;
+        if (!in || !std::getline(in, id) || id.size() != 32 ||
+            id.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+            continue;
+        }
+        uuid_t machine;
+        for (std::size_t i = 0; i < 16; ++i) {
+            machine[i] = static_cast<unsigned char>(std::stoul(id.substr(i * 2, 2), nullptr, 16));
+        }
+        static constexpr char kVendor[] = "TarniOSCommonKit";
+        uuid_t derived;
+        ::uuid_generate_sha1(derived, machine, kVendor, sizeof kVendor - 1);
+        char text[37];
+        ::uuid_unparse_upper(derived, text);
+        return text;
+    }
+    return "";
+}
+
+/// The Linux provider: battery, network and disks from `DeviceStatusHelper` (read fresh on every
+/// call), the model name and OS version computed once per process, the time zone read on every
+/// call (TZ may change), the device identifier computed once, and no location source.
+class LinuxDeviceInfoProvider final : public DeviceInfoProvider {
+  public:
+    std::string batteryLevel() override { return DeviceStatusHelper::shared().batteryLevel(); }
+    std::optional<std::string> networkStatus() override {
+        return DeviceStatusHelper::shared().networkStatus();
+    }
+    std::string availableDiskCapacity() override {
+        return DeviceStatusHelper::shared().availableDiskCapacity();
+    }
+    std::string totalDiskCapacity() override {
+        return DeviceStatusHelper::shared().totalDiskCapacity();
+    }
+    std::string deviceId() override {
+        static const std::string id = vendorDeviceIdentifier();
+        return id;
+    }
+    std::string modelName() override { return tarn::modelName(); }
+    std::string osVersion() override { return tarn::osVersion(); }
+    std::string timeZone() override { return timeZoneIdentifier(); }
+    std::optional<std::pair<double, double>> location() override { return std::nullopt; }
 };
 
 }  // namespace
 
 std::shared_ptr<DeviceInfoProvider> makePlatformDeviceInfoProvider() {
-    return std::make_shared<BasicDeviceInfoProvider>();
+    return std::make_shared<LinuxDeviceInfoProvider>();
 }
 
 std::shared_ptr<DeviceInfoProvider> deviceInfoProvider() {

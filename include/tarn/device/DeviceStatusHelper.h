@@ -1,0 +1,60 @@
+#pragma once
+// Battery, network and disk facts of the device, each as text ready for an event's attributes.
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "tarn/core/Shared.h"
+
+namespace tarn {
+
+/// The kind of network connection as reported with events.
+enum class NetworkCapability { wifi, cellular, none };
+/// "WIFI", "CELLULAR" or "NONE".
+std::string rawValue(NetworkCapability capability);
+/// The case whose raw value is exactly `raw` (case-sensitive); none for any other text.
+std::optional<NetworkCapability> networkCapabilityFromRawValue(std::string_view raw);
+
+/// Reads the device facts fresh on every call. Every call may come from any thread; messages are
+/// logged under `logtag`.
+class DeviceStatusHelper {
+  public:
+    static DeviceStatusHelper& shared();
+
+    const std::string logtag = "Tarn-DeviceStatusHelper:";
+
+    /// Whole percent of charge as decimal text. On Linux: the "capacity" of the first power supply
+    /// (in name order) under <sysfs root>/class/power_supply whose "type" is "Battery", which is
+    /// not marked absent ("present" 0) and does not belong to a peripheral ("scope" Device). No
+    /// such battery means the level is unknown: "-100".
+    std::string batteryLevel();
+    /// "WIFI", "CELLULAR" or "NONE", from a reachability monitor for the default route made for
+    /// this call and read once without starting it. The reading posts no "reachabilityChanged".
+    std::string networkStatus();
+    /// Total bytes of the volume holding the volume path ("/"), or "-1" with the log line "Total
+    /// disk capacity is unavailable".
+    std::string totalDiskCapacity();
+    /// Free bytes of that volume available to the process (`statvfs` f_bavail, so blocks kept for
+    /// the super-user do not count), or "-1" with "Available disk capacity is unavailable".
+    std::string availableDiskCapacity();
+
+    /// The sysfs root read for the battery ("/sys"). Tests and hosts with an unusual layout change
+    /// it; any thread.
+    void setSysfsRoot(std::filesystem::path root) { sysfsRoot_ = std::move(root); }
+    /// The path whose volume the disk figures describe ("/").
+    void setVolumePath(std::filesystem::path path) { volumePath_ = std::move(path); }
+
+    /// The text of a charge level from 0.0 to 1.0, or -1.0 when unknown: the level times 100 as a
+    /// float, truncated toward zero. A non-finite or out-of-range product ends the process.
+    static std::string batteryLevelText(float level);
+    /// The whole-percent charge of the battery under `sysfsRoot`, none when no battery is known.
+    static std::optional<int> readBatteryCapacity(const std::filesystem::path& sysfsRoot);
+
+  private:
+    Locked<std::filesystem::path> sysfsRoot_{std::filesystem::path("/sys")};
+    Locked<std::filesystem::path> volumePath_{std::filesystem::path("/")};
+};
+
+}  // namespace tarn

@@ -1,0 +1,147 @@
+#include "tarn/device/DeviceStatusHelper.h"
+
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <limits>
+#include <vector>
+
+#include "tarn/core/Fatal.h"
+#include "tarn/core/Log.h"
+#include "tarn/device/Reachability.h"
+
+namespace tarn {
+
+namespace {
+
+std::optional<std::string> readFirstLine(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    std::string line;
+    if (!in || !std::getline(in, line)) {
+        return std::nullopt;
+    }
+    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) {
+        line.pop_back();
+    }
+    return line;
+}
+
+}  // namespace
+
+std::string rawValue(NetworkCapability capability) {
+    switch (capability) {
+        case NetworkCapability::wifi:
+            return "WIFI";
+        case NetworkCapability::cellular:
+            return "CELLULAR";
+        case NetworkCapability::none:
+            return "NONE";
+    }
+    return "NONE";
+}
+
+std::optional<NetworkCapability> networkCapabilityFromRawValue(std::string_view raw) {
+    if (raw == "WIFI") {
+        return NetworkCapability::wifi;
+    }
+    if (raw == "CELLULAR") {
+        return NetworkCapability::cellular;
+    }
+    if (raw == "NONE") {
+        return NetworkCapability::none;
+    }
+    return std::nullopt;
+}
+
+DeviceStatusHelper& DeviceStatusHelper::shared() {
+    return detail::SharedInstance<DeviceStatusHelper>::get();
+}
+
+std::string DeviceStatusHelper::batteryLevelText(float level) {
+    float product = level * 100.0f;
+    if (!std::isfinite(product) ||
+        product <= static_cast<float>(std::numeric_limits<int>::min()) - 1.0f ||
+        product >= static_cast<float>(std::numeric_limits<int>::max())) {
+        TARN_FATAL("Battery level cannot be converted to a whole percent");
+    }
+    return std::to_string(static_cast<int>(product));
+}
+
+std::optional<int> DeviceStatusHelper::readBatteryCapacity(const std::filesystem::path& sysfsRoot) {
+    std::error_code ec;
+    std::vector<std::filesystem::path> supplies;
+    for (std::filesystem::directory_iterator it(sysfsRoot / "class" / "power_supply", ec), end;
+         !ec && it != end; it.increment(ec)) {
+        supplies.push_back(it->path());
+    }
+    std::sort(supplies.begin(), supplies.end());
+    for (const auto& supply : supplies) {
+        if (readFirstLine(supply / "type") != "Battery") {
+            continue;
+        }
+        if (readFirstLine(supply / "present") == "0" ||
+            readFirstLine(supply / "scope") == "Device") {
+            continue;
+        }
+        auto capacity = readFirstLine(supply / "capacity");
+        if (!capacity) {
+            continue;
+        }
+        try {
+            std::size_t used = 0;
+            int value = std::stoi(*capacity, &used);
+            if (used == capacity->size()) {
+                return std::clamp(value, 0, 100);
+            }
+        } catch (const std::exception&) {
+        }
+    }
+    return std::nullopt;
+}
+
+std::string DeviceStatusHelper::batteryLevel() {
+    // The kernel already reports whole percent; only an unknown level goes through the level text
+    // (-1.0 gives "-100").
+    if (auto capacity = readBatteryCapacity(sysfsRoot_.get())) {
+        return std::to_string(*capacity);
+    }
+    return batteryLevelText(-1.0f);
+}
+
+std::string DeviceStatusHelper::networkStatus() {
+    // The monitor reads once and is released. Its first reading is announced like any change,
+    // but onto a queue that nobody runs, so a reading for an event neither posts
+    // "reachabilityChanged" nor leaves work on the main queue; its own thread is its serial queue.
+    auto discarded = std::make_shared<ManualExecutor>();
+    auto monitor = Reachability::create(DispatchQoS::defaultQoS, {}, discarded);
+    switch (monitor->connection()) {
+        case Connection::unavailable:
+            return rawValue(NetworkCapability::none);
+        case Connection::wifi:
+            return rawValue(NetworkCapability::wifi);
+        default:
+            return rawValue(NetworkCapability::cellular);
+    }
+}
+
+std::string DeviceStatusHelper::totalDiskCapacity() {
+    struct statvfs figures {};
+    if (::statvfs(volumePath_.get().c_str(), &figures) != 0) {
+        log("Total disk capacity is unavailable", logtag);
+        return "-1";
+    }
+    return std::to_string(static_cast<unsigned long long>(figures.f_blocks) * figures.f_frsize);
+}
+
+std::string DeviceStatusHelper::availableDiskCapacity() {
+    struct statvfs figures {};
+    if (::statvfs(volumePath_.get().c_str(), &figures) != 0) {
+        log("Available disk capacity is unavailable", logtag);
+        return "-1";
+    }
+    return std::to_string(static_cast<unsigned long long>(figures.f_bavail) * figures.f_frsize);
+}
+
+}  // namespace tarn
