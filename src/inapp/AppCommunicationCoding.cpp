@@ -1,5 +1,6 @@
 #include "tarn/inapp/AppCommunicationCoding.h"
 
+#include <charconv>
 #include <cmath>
 #include <limits>
 #include <optional>
@@ -500,119 +501,320 @@ TARN_DECODABLE(TarnActionType)
 
 #undef TARN_DECODABLE
 
-// Encoding.
+// Encoding. Each record lists its fields once, in `visit`, for a sink that either builds a JSON
+// value (`ValueSink`, for `to_json`) or writes JSON text directly (`TextSink`, for `encode`, which
+// saves building a JSON value first).
 
 namespace {
 
-template <typename T>
-void put(json& object, const char* key, const std::optional<T>& value) {
-    if (value) {
-        object[key] = *value;
-    }
+template <typename Sink>
+void visit(Sink& s, const AppCommunicationAction& v) {
+    s.optional("link", v.link);
+    s.optional("type", v.type);
 }
+
+template <typename Sink>
+void visit(Sink& s, const AppCommunicationButton& v) {
+    s.optional("_id", v.id);
+    s.optional("text", v.text);
+    s.optional("textColor", v.textColor);
+    s.optional("color", v.color);
+    s.optional("action", v.action);
+}
+
+template <typename Sink>
+void visit(Sink& s, const AppCommunicationHeader& v) {
+    s.required("text", v.text);
+    s.required("color", v.color);
+}
+
+template <typename Sink>
+void visit(Sink& s, const AppCommunicationImage& v) {
+    s.optional("url", v.url);
+}
+
+template <typename Sink>
+void visit(Sink& s, const SubInAppCommunication& v) {
+    s.optional("template", v.templateType);
+    s.optional("surveyCode", v.surveyCode);
+    s.optional("link", v.link);
+    s.optional("buttons", v.buttons);
+    s.optional("action", v.action);
+}
+
+template <typename Sink>
+void visit(Sink& s, const AppCommunicationItem& v) {
+    s.required("uuid", v.uuid);
+    s.required("code", v.code);
+    s.optional("journey", v.journey);
+    s.required("name", v.name);
+    s.required("expireDate", v.expireDate);
+    s.required("template", v.templateType);
+    s.required("triggeringEventName", v.triggeringEventName);
+    s.required("title", v.title);
+    s.required("body", v.body);
+    s.optional("images", v.images);
+    s.required("maxShowCount", v.maxShowCount);
+    s.required("bgColor", v.bgColor);
+    s.required("subInAppCommunication", v.subInAppCommunication);
+    s.optional("journeyVersion", v.journeyVersion);
+    s.optional("conversionEvent", v.conversionEvent);
+}
+
+template <typename Sink>
+void visit(Sink& s, const AppCommunicationConfiguration& v) {
+    s.optional("blockAllEvents", v.blockAllEvents);
+    s.optional("offlineQueueSize", v.offlineQueueSize);
+    s.optional("inAppMaxShowDuration", v.inAppMaxShowDuration);
+    s.optional("batteryEnabled", v.batteryEnabled);
+    s.optional("wifiStatusEnabled", v.wifiStatusEnabled);
+    s.optional("diskCapacityEnabled", v.diskCapacityEnabled);
+    s.optional("locationEnabled", v.locationEnabled);
+    s.optional("apiRequestRetryCount", v.apiRequestRetryCount);
+    s.optional("apiRequestTimeout", v.apiRequestTimeout);
+    s.optional("eventQueueDelay", v.eventQueueDelay);
+    s.optional("conversionTimeout", v.conversionTimeout);
+}
+
+template <typename Sink>
+void visit(Sink& s, const AppCommunication& v) {
+    s.optional("inAppCommunicationCommands", v.model);
+    s.optional("configuration", v.configuration);
+}
+
+template <typename Sink>
+void visit(Sink& s, const NotificationAppCommunicationItem& v) {
+    s.required("uuid", v.uuid);
+    s.optional("code", v.code);
+    s.optional("actorId", v.actorId);
+    s.optional("pushToken", v.pushToken);
+    s.optional("title", v.title);
+    s.optional("message", v.message);
+    s.optional("image", v.image);
+    s.optional("buttons", v.buttons);
+    s.optional("applicationName", v.applicationName);
+    s.optional("journey", v.journey);
+    s.optional("action", v.action);
+    s.optional("images", v.images);
+    s.optional("sliderSupport", v.sliderSupport);
+    s.optional("category", v.category);
+    s.optional("conversionEvent", v.conversionEvent);
+}
+
+struct ValueSink {
+    json& out;
+
+    template <typename T>
+    void required(const char* key, const T& value) {
+        out[key] = value;
+    }
+    template <typename T>
+    void optional(const char* key, const std::optional<T>& value) {
+        if (value) {
+            out[key] = *value;
+        }
+    }
+};
+
+template <typename T>
+void toValue(json& out, const T& value) {
+    out = json::object();
+    ValueSink sink{out};
+    visit(sink, value);
+}
+
+// Writes JSON text the way nlohmann-json's compact dump does, with keys in field order.
+class TextSink {
+  public:
+    explicit TextSink(std::string& out) : out_(out) {}
+
+    template <typename T>
+    void required(const char* key, const T& value) {
+        if (!first_) {
+            out_ += ',';
+        }
+        first_ = false;
+        writeString(out_, key);
+        out_ += ':';
+        write(out_, value);
+    }
+    template <typename T>
+    void optional(const char* key, const std::optional<T>& value) {
+        if (value) {
+            required(key, *value);
+        }
+    }
+
+    static void write(std::string& out, const std::string& value) { writeString(out, value); }
+    static void write(std::string& out, std::int64_t value) {
+        char buffer[24];
+        auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+        out.append(buffer, end);
+    }
+    static void write(std::string& out, double value) {
+        if (!std::isfinite(value)) {
+            out += "null";  // JSON has no infinities or NaN
+            return;
+        }
+        char buffer[32];
+        auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+        std::string_view text(buffer, static_cast<std::size_t>(end - buffer));
+        out += text;
+        if (text.find_first_of(".e") == std::string_view::npos) {
+            out += ".0";  // keep it a floating-point number, as the value was one
+        }
+    }
+    static void write(std::string& out, bool value) { out += value ? "true" : "false"; }
+    static void write(std::string& out, InAppType value) { writeString(out, rawValue(value)); }
+    static void write(std::string& out, TarnActionType value) { writeString(out, rawValue(value)); }
+    template <typename T>
+    static void write(std::string& out, const std::vector<T>& values) {
+        out += '[';
+        bool first = true;
+        for (const auto& value : values) {
+            if (!first) {
+                out += ',';
+            }
+            first = false;
+            write(out, value);
+        }
+        out += ']';
+    }
+    template <typename T>
+    static auto write(std::string& out, const T& record)
+        -> decltype(visit(std::declval<TextSink&>(), record)) {
+        out += '{';
+        TextSink sink(out);
+        visit(sink, record);
+        out += '}';
+    }
+
+  private:
+    static bool isValidUtf8(std::string_view text) {
+        std::size_t i = 0;
+        while (i < text.size()) {
+            auto c = static_cast<unsigned char>(text[i]);
+            if (c < 0x80) {
+                ++i;
+                continue;
+            }
+            std::size_t length;
+            std::uint32_t point;
+            if ((c & 0xE0) == 0xC0) {
+                length = 2;
+                point = c & 0x1F;
+            } else if ((c & 0xF0) == 0xE0) {
+                length = 3;
+                point = c & 0x0F;
+            } else if ((c & 0xF8) == 0xF0) {
+                length = 4;
+                point = c & 0x07;
+            } else {
+                return false;
+            }
+            if (i + length > text.size()) {
+                return false;
+            }
+            for (std::size_t k = 1; k < length; ++k) {
+                auto next = static_cast<unsigned char>(text[i + k]);
+                if ((next & 0xC0) != 0x80) {
+                    return false;
+                }
+                point = (point << 6) | (next & 0x3F);
+            }
+            static constexpr std::uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+            if (point < smallest[length] || point > 0x10FFFF ||
+                (point >= 0xD800 && point <= 0xDFFF)) {
+                return false;
+            }
+            i += length;
+        }
+        return true;
+    }
+
+    static void writeString(std::string& out, std::string_view text) {
+        if (!isValidUtf8(text)) {
+            // Rare (records built by hand): let nlohmann-json replace the bad bytes with U+FFFD.
+            out += json(std::string(text)).dump(-1, ' ', false, json::error_handler_t::replace);
+            return;
+        }
+        static constexpr char hex[] = "0123456789abcdef";
+        out += '"';
+        for (char ch : text) {
+            auto c = static_cast<unsigned char>(ch);
+            switch (ch) {
+                case '"':
+                    out += "\\\"";
+                    break;
+                case '\\':
+                    out += "\\\\";
+                    break;
+                case '\b':
+                    out += "\\b";
+                    break;
+                case '\f':
+                    out += "\\f";
+                    break;
+                case '\n':
+                    out += "\\n";
+                    break;
+                case '\r':
+                    out += "\\r";
+                    break;
+                case '\t':
+                    out += "\\t";
+                    break;
+                default:
+                    if (c < 0x20) {
+                        out += "\\u00";
+                        out += hex[c >> 4];
+                        out += hex[c & 0xF];
+                    } else {
+                        out += ch;
+                    }
+            }
+        }
+        out += '"';
+    }
+
+    std::string& out_;
+    bool first_ = true;
+};
 
 }  // namespace
 
 void to_json(json& out, InAppType value) {
     out = rawValue(value);
 }
-
 void to_json(json& out, TarnActionType value) {
     out = rawValue(value);
 }
-
 void to_json(json& out, const AppCommunicationAction& value) {
-    out = json::object();
-    put(out, "link", value.link);
-    put(out, "type", value.type);
+    toValue(out, value);
 }
-
 void to_json(json& out, const AppCommunicationButton& value) {
-    out = json::object();
-    put(out, "_id", value.id);
-    put(out, "text", value.text);
-    put(out, "textColor", value.textColor);
-    put(out, "color", value.color);
-    put(out, "action", value.action);
+    toValue(out, value);
 }
-
 void to_json(json& out, const AppCommunicationHeader& value) {
-    out = json::object();
-    out["text"] = value.text;
-    out["color"] = value.color;
+    toValue(out, value);
 }
-
 void to_json(json& out, const AppCommunicationImage& value) {
-    out = json::object();
-    put(out, "url", value.url);
+    toValue(out, value);
 }
-
 void to_json(json& out, const SubInAppCommunication& value) {
-    out = json::object();
-    put(out, "template", value.templateType);
-    put(out, "surveyCode", value.surveyCode);
-    put(out, "link", value.link);
-    put(out, "buttons", value.buttons);
-    put(out, "action", value.action);
+    toValue(out, value);
 }
-
 void to_json(json& out, const AppCommunicationItem& value) {
-    out = json::object();
-    out["uuid"] = value.uuid;
-    out["code"] = value.code;
-    put(out, "journey", value.journey);
-    out["name"] = value.name;
-    out["expireDate"] = value.expireDate;
-    out["template"] = value.templateType;
-    out["triggeringEventName"] = value.triggeringEventName;
-    out["title"] = value.title;
-    out["body"] = value.body;
-    put(out, "images", value.images);
-    out["maxShowCount"] = value.maxShowCount;
-    out["bgColor"] = value.bgColor;
-    out["subInAppCommunication"] = value.subInAppCommunication;
-    put(out, "journeyVersion", value.journeyVersion);
-    put(out, "conversionEvent", value.conversionEvent);
+    toValue(out, value);
 }
-
 void to_json(json& out, const AppCommunicationConfiguration& value) {
-    out = json::object();
-    put(out, "blockAllEvents", value.blockAllEvents);
-    put(out, "offlineQueueSize", value.offlineQueueSize);
-    put(out, "inAppMaxShowDuration", value.inAppMaxShowDuration);
-    put(out, "batteryEnabled", value.batteryEnabled);
-    put(out, "wifiStatusEnabled", value.wifiStatusEnabled);
-    put(out, "diskCapacityEnabled", value.diskCapacityEnabled);
-    put(out, "locationEnabled", value.locationEnabled);
-    put(out, "apiRequestRetryCount", value.apiRequestRetryCount);
-    put(out, "apiRequestTimeout", value.apiRequestTimeout);
-    put(out, "eventQueueDelay", value.eventQueueDelay);
-    put(out, "conversionTimeout", value.conversionTimeout);
+    toValue(out, value);
 }
-
 void to_json(json& out, const AppCommunication& value) {
-    out = json::object();
-    put(out, "inAppCommunicationCommands", value.model);
-    put(out, "configuration", value.configuration);
+    toValue(out, value);
 }
-
 void to_json(json& out, const NotificationAppCommunicationItem& value) {
-    out = json::object();
-    out["uuid"] = value.uuid;
-    put(out, "code", value.code);
-    put(out, "actorId", value.actorId);
-    put(out, "pushToken", value.pushToken);
-    put(out, "title", value.title);
-    put(out, "message", value.message);
-    put(out, "image", value.image);
-    put(out, "buttons", value.buttons);
-    put(out, "applicationName", value.applicationName);
-    put(out, "journey", value.journey);
-    put(out, "action", value.action);
-    put(out, "images", value.images);
-    put(out, "sliderSupport", value.sliderSupport);
-    put(out, "category", value.category);
-    put(out, "conversionEvent", value.conversionEvent);
+    toValue(out, value);
 }
 
 json toJson(const AppCommunicationItem& item) {
@@ -622,5 +824,24 @@ json toJson(const AppCommunicationItem& item) {
 json toJson(const AppCommunicationButton& button) {
     return button;
 }
+
+template <typename T>
+std::string encode(const T& value) {
+    std::string out;
+    TextSink::write(out, value);
+    return out;
+}
+
+template std::string encode(const AppCommunication&);
+template std::string encode(const AppCommunicationConfiguration&);
+template std::string encode(const AppCommunicationItem&);
+template std::string encode(const AppCommunicationHeader&);
+template std::string encode(const AppCommunicationImage&);
+template std::string encode(const SubInAppCommunication&);
+template std::string encode(const AppCommunicationButton&);
+template std::string encode(const AppCommunicationAction&);
+template std::string encode(const NotificationAppCommunicationItem&);
+template std::string encode(const InAppType&);
+template std::string encode(const TarnActionType&);
 
 }  // namespace tarn

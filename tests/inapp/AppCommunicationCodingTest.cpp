@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -355,4 +356,37 @@ TEST(AppCommunicationCoding, RichDocumentsSurviveEncodeAndDecode) {
     ASSERT_TRUE(pushItem.ok()) << pushItem.error().localizedDescription();
     EXPECT_EQ(pushItem.value().sliderSupport, true);
     EXPECT_EQ(json::parse(encode(pushItem.value())), push);
+}
+
+TEST(AppCommunicationCoding, EncodedTextEscapesAwkwardValues) {
+    AppCommunicationItem item;
+    item.uuid = "quote \" backslash \\ slash /";
+    item.code = "controls \b\f\n\r\t \x01\x1f end";
+    item.name = "utf-8 \u00e7\u20ac\U0001F600";
+    item.title.text = "bad \xff\xfe bytes";
+    item.body.text = std::string("nul \0 inside", 12);
+    item.expireDate = -42;
+    item.templateType = InAppType::survey;
+
+    auto text = encode(item);
+    auto parsed = json::parse(text);  // throws on invalid JSON
+    EXPECT_EQ(parsed["uuid"], item.uuid);
+    EXPECT_EQ(parsed["code"], item.code);
+    EXPECT_EQ(parsed["name"], item.name);
+    EXPECT_EQ(parsed["title"]["text"], "bad \xEF\xBF\xBD\xEF\xBF\xBD bytes");  // U+FFFD twice
+    EXPECT_EQ(parsed["body"]["text"], item.body.text);
+    EXPECT_EQ(parsed["expireDate"], -42);
+    EXPECT_NE(text.find(R"("code":"controls \b\f\n\r\t \u0001\u001f end")"), std::string::npos);
+    // The text writer and the JSON value agree on everything that is valid UTF-8.
+    item.title.text = "fine";
+    EXPECT_EQ(json::parse(encode(item)), toJson(item));
+
+    AppCommunicationConfiguration config;
+    config.eventQueueDelay = 2.0;
+    EXPECT_EQ(encode(config), R"({"eventQueueDelay":2.0})");
+    config.eventQueueDelay = 0.1;
+    EXPECT_EQ(decode<AppCommunicationConfiguration>(encode(config)).value(), config);
+    config.eventQueueDelay = std::numeric_limits<double>::infinity();
+    EXPECT_EQ(encode(config), R"({"eventQueueDelay":null})");
+    EXPECT_EQ(encode(AppCommunication{}), "{}");
 }

@@ -148,13 +148,10 @@ nlohmann::json toJson(const AppCommunicationItem& item);
 /// The JSON object of one button, as it goes into an event body.
 nlohmann::json toJson(const AppCommunicationButton& button);
 
-/// Compact JSON text of any record or enumeration above. Bytes that are not UTF-8 (only possible in
-/// records built by hand) are written as U+FFFD instead of failing.
+/// Compact JSON text of any record or enumeration above, keys in field order. Bytes that are not
+/// UTF-8 (only possible in records built by hand) are written as U+FFFD instead of failing; a
+/// number that is not finite is written as null.
 template <typename T>
-std::string encode(const T& value) {
-    nlohmann::json json;
-    to_json(json, value);
-    return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
+std::string encode(const T& value);
 
 }  // namespace tarn
