@@ -80,7 +80,8 @@ class DecodeResult {
         requireValue();
         return std::get<0>(state_);
     }
-    T&& value() && {
+    /// Moves the value out of a temporary result (returned by value, so it cannot dangle).
+    T value() && {
         requireValue();
         return std::get<0>(std::move(state_));
     }
