@@ -44,9 +44,14 @@ std::optional<Date> columnDate(sqlite3_stmt* stmt, int column) {
     return Date{sqlite3_column_double(stmt, column)};
 }
 
+/// Binds without copying: `text` must outlive the statement's use.
+void bindText(sqlite3_stmt* stmt, int index, const std::string& text) {
+    sqlite3_bind_text(stmt, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+}
+
 void bindText(sqlite3_stmt* stmt, int index, const std::optional<std::string>& text) {
     if (text) {
-        sqlite3_bind_text(stmt, index, text->data(), static_cast<int>(text->size()), SQLITE_STATIC);
+        bindText(stmt, index, *text);
     } else {
         sqlite3_bind_null(stmt, index);
     }
