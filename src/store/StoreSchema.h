@@ -11,7 +11,10 @@ namespace tarn::store {
 ///   between equal timestamps in insertion order.
 /// - `ConversionEntity`: one row per conversion marker. The index on (actorId, convertionName,
 ///   time) answers the look-up "newest marker of this actor and name after the cutoff" with one
-///   backward range probe; the index on `time` serves the purge of expired markers.
+///   backward range probe. The purge of expired markers scans the table instead: it runs once per
+///   launch, markers are few (one per armed communication, and those armed on the millisecond
+///   scale never expire), and an index on `time` alone would add a page write to every arm and
+///   every consume.
 ///
 /// Dates are REAL seconds since 1970.
 inline constexpr const char* kSchemaV1 = R"sql(
@@ -30,7 +33,6 @@ CREATE TABLE IF NOT EXISTS ConversionEntity (
 );
 CREATE INDEX IF NOT EXISTS ConversionEntity_lookup
     ON ConversionEntity (actorId, convertionName, time);
-CREATE INDEX IF NOT EXISTS ConversionEntity_time ON ConversionEntity (time);
 )sql";
 
 }  // namespace tarn::store

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 #include "helpers/HelperMain.h"
@@ -61,4 +62,48 @@ TARN_HELPER_COMMAND(store_crash_loop) {
         if (::write(fd, &i, sizeof i) != static_cast<ssize_t>(sizeof i))
             return 4;
     }
+}
+
+namespace {
+
+std::string statusField(const std::string& field) {
+    FILE* f = std::fopen("/proc/self/status", "r");
+    if (!f)
+        return "0";
+    char line[256];
+    std::string value = "0";
+    while (std::fgets(line, sizeof line, f)) {
+        std::string text(line);
+        if (text.rfind(field + ":", 0) == 0) {
+            value = std::to_string(std::stoll(text.substr(field.size() + 1)));
+            break;
+        }
+    }
+    std::fclose(f);
+    return value;
+}
+
+}  // namespace
+
+// store_hold <data folder> <operations>: works on an existing (large) store: pops and saves
+// <operations> events of about 1 KB and looks up as many conversions, then prints
+// "rss_kb=<VmRSS> hwm_kb=<VmHWM> popped=<count>".
+TARN_HELPER_COMMAND(store_hold) {
+    if (args.size() != 2)
+        return 2;
+    tarn::setDataDirectory(args[0]);
+    int operations = std::stoi(args[1]);
+    auto& store = tarn::CoreDataManager::shared();
+    int popped = 0;
+    nlohmann::json body = {{"name", "hold"}, {"padding", std::string(1000, 'p')}};
+    std::string text = body.dump();
+    for (int i = 0; i < operations; ++i) {
+        store.popOldestEvent([&](std::optional<std::string> event) { popped += event ? 1 : 0; });
+        store.saveEventToQueue(text, tarn::Date::now(), body);
+        store.findConversion("purchase", "nobody", [](std::optional<tarn::ConversionItem>) {});
+    }
+    std::printf("rss_kb=%s hwm_kb=%s popped=%d\n", statusField("VmRSS").c_str(),
+                statusField("VmHWM").c_str(), popped);
+    std::fflush(stdout);
+    return 0;
 }
