@@ -88,7 +88,7 @@ class CoreDataManager::Store {
     sqlite3* db = nullptr;
     bool attempted = false;
     std::string loadError;
-    int busyTimeoutMs = 5000;
+    int busyTimeoutMs = 1000;
 
     sqlite3_stmt* insertEvent = nullptr;
     sqlite3_stmt* selectOldest = nullptr;

@@ -2,7 +2,8 @@
 // The library's one on-device database: events waiting to be sent and conversion markers.
 //
 // Storage. One SQLite file, "TarnDatabase.sqlite" in the library's data folder (`dataDirectory()`,
-// the folder of the preference stores), with two tables, `EventQueue` and `ConversionEntity`. Dates
+// the folder of the preference stores), with two tables: `EventQueue` (`event` text, `timestamp`)
+// and `ConversionEntity` (`actorId`, `communicationCode`, `convertionName`, `time`). Dates
 // are stored as REAL seconds since 1970, so every value, including the millisecond-as-second times
 // of conversion markers, reads back exactly as it was written. The file carries a schema version
 // (`PRAGMA user_version`) so that a later release can migrate it.
@@ -14,13 +15,12 @@
 // before the next checkpoint could drop the last few commits, never corrupt the file; `FULL` would
 // close that gap at the cost of an fsync per event, which the event path cannot afford.
 //
-// Opening. The schema is compiled into the library, so there is no model resource that could be
-// missing and no fatal path at open: the phone's "cannot load the model" end of the process has no
-// counterpart here. Every failure to open the store (a folder that cannot be written, a file that
-// is not a database, a file written by a newer release) logs "❌ Loading of store failed:" with the
-// reason and leaves the library running without a store; each later operation then fails on its own
-// with its own log line, and no stored byte is touched. The store is opened once per process, on
-// the first operation.
+// Opening. The schema is compiled into the library, so there is no data-model resource that could
+// be missing and opening the store never ends the process. Every failure to open the store (a
+// folder that cannot be written, a file that is not a database, a file written by a newer release)
+// logs "❌ Loading of store failed:" with the reason and leaves the library running without a store;
+// each later operation then fails on its own with its own log line, and no stored byte is touched.
+// The store is opened once per process, on the first operation.
 //
 // Threads. Every call is synchronous on the calling thread and safe from any thread: one connection
 // is guarded by a recursive lock. Completions run on the calling thread. The completion of
@@ -41,20 +41,6 @@
 #include "tarn/store/ConversionItem.h"
 
 namespace tarn {
-
-/// One stored event: the JSON text of its body and when it was stored (the queue's order key).
-struct EventQueue {
-    std::optional<std::string> event;
-    std::optional<Date> timestamp;
-};
-
-/// One stored conversion marker.
-struct ConversionEntity {
-    std::optional<std::string> actorId;
-    std::optional<std::string> communicationCode;
-    std::optional<std::string> convertionName;
-    std::optional<Date> time;
-};
 
 class CoreDataManager {
   public:
@@ -99,15 +85,21 @@ class CoreDataManager {
     /// Finds the newest marker of `actorId` for `eventName` whose time is later than now plus the
     /// conversion offset (`processSettings().conversionOffset`), consumes it and hands it to
     /// `completion`; otherwise hands nothing. Logs the outcome under "Tarn-ConversionManager:".
-    /// `completion` is called exactly once, after the store's lock is released.
+    /// When the consumed marker's delete cannot be committed, the fetch-error message is logged,
+    /// nothing is handed, and the marker counts as consumed for the rest of this process (its
+    /// delete goes with the next successful write). `completion` is called exactly once, after the
+    /// store's lock is released.
     void findConversion(const std::string& eventName, const std::string& actorId,
                         const std::function<void(std::optional<ConversionItem>)>& completion);
 
-    /// Deletes every marker whose time is at or before now minus one day (a fixed period).
+    /// Deletes every marker whose time is at or before now minus one day (a fixed period, not the
+    /// conversion period). When the deletes cannot be committed, "Delete error: " and the reason
+    /// are logged and those markers count as deleted for the rest of this process.
     void deleteExpiredConversions();
 
-    /// How long a write waits for another connection's lock on the file before it fails
-    /// (5 seconds by default). Only another process sharing the data folder can hold such a lock.
+    /// How long a write waits for another connection's lock on the file before it fails (one
+    /// second by default). Only another connection to the file, such as a second process sharing
+    /// the data folder, can hold that lock, and only for the length of one transaction.
     void setBusyTimeout(std::chrono::milliseconds timeout);
 
     /// True once the store has been opened successfully (opens it when not yet tried).
