@@ -6,6 +6,7 @@
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
+#include "tarn/store/CoreDataManager.h"
 
 namespace tarn {
 
@@ -40,7 +41,8 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     auto& prefs = PreferencesManager::shared();
     prefs.appGroupSuiteName = appGroupID;
     prefs.useAppGroup = true;
-    // 8. INTEGRATION: purge expired conversion markers once the local store lands.
+    // 8. Purge conversion markers older than one day.
+    CoreDataManager::shared().deleteExpiredConversions();
     // 9. The actor.
     configManager.updateActorId(configManager.resolveActorId(config.actorId));
     // 10.

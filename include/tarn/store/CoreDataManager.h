@@ -1,0 +1,113 @@
+#pragma once
+// The library's one on-device database: events waiting to be sent and conversion markers.
+//
+// Storage. One SQLite file, "TarnDatabase.sqlite" in the library's data folder (`dataDirectory()`,
+// the folder of the preference stores), with two tables: `EventQueue` (`event` text, `timestamp`)
+// and `ConversionEntity` (`actorId`, `communicationCode`, `convertionName`, `time`). Dates
+// are stored as REAL seconds since 1970, so every value, including the millisecond-as-second times
+// of conversion markers, reads back exactly as it was written. The file carries a schema version
+// (`PRAGMA user_version`) so that a later release can migrate it.
+//
+// Durability. The file runs in write-ahead-log mode with `synchronous = NORMAL`. A commit is
+// complete once its frames are in the log, which lives in the operating system's cache as soon as
+// the write returns: a process killed at any moment (SIGKILL included) keeps every committed record
+// and never leaves a torn file, and the next open replays the log. Only a power cut or kernel crash
+// before the next checkpoint could drop the last few commits, never corrupt the file; `FULL` would
+// close that gap at the cost of an fsync per event, which the event path cannot afford.
+//
+// Opening. The schema is compiled into the library, so there is no data-model resource that could
+// be missing and opening the store never ends the process. Every failure to open the store (a
+// folder that cannot be written, a file that is not a database, a file written by a newer release)
+// logs "❌ Loading of store failed:" with the reason and leaves the library running without a store;
+// each later operation then fails on its own with its own log line, and no stored byte is touched.
+// The store is opened once per process, on the first operation.
+//
+// Threads. Every call is synchronous on the calling thread and safe from any thread: one connection
+// is guarded by a recursive lock. Completions run on the calling thread. The completion of
+// `popOldestEvent` runs while the lock is held (the record must not be handed out twice), so other
+// threads' calls wait for it; calls into the store from inside it, on the same thread, are allowed.
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "tarn/core/Date.h"
+#include "tarn/store/ConversionItem.h"
+
+namespace tarn {
+
+class CoreDataManager {
+  public:
+    /// The one instance, created on first use.
+    static CoreDataManager& shared();
+
+    CoreDataManager();
+    ~CoreDataManager();
+    CoreDataManager(const CoreDataManager&) = delete;
+    CoreDataManager& operator=(const CoreDataManager&) = delete;
+
+    const std::string logtag = "Tarn-CoreDataManager:";
+
+    /// Name of the database file inside the data folder.
+    static constexpr const char* kDatabaseFileName = "TarnDatabase.sqlite";
+    /// Schema version this release writes and reads.
+    static constexpr int kSchemaVersion = 1;
+
+    /// Path of the database file.
+    static std::filesystem::path databasePath();
+
+    /// Stores one event body (`eventJson`) with its `timestamp`. On success logs, under
+    /// "Tarn-QueueManager:", the `name` of `eventDictionary` followed by " has been saved to the
+    /// queue." (nothing when the dictionary has no name). A failure is not reported: the event is
+    /// lost.
+    void saveEventToQueue(const std::string& eventJson, Date timestamp,
+                          const nlohmann::json& eventDictionary);
+
+    /// Takes the oldest event (by timestamp) out of the queue. `completion` receives its JSON text,
+    /// or nothing when the queue is empty or the record holds no text; it runs before the record is
+    /// deleted, so when that delete cannot be committed it is called a second time, with nothing,
+    /// after "Fetch or delete error: " and the reason is logged. A record whose delete failed is
+    /// not handed out again by this process and is deleted with the next successful write.
+    void popOldestEvent(const std::function<void(std::optional<std::string>)>& completion);
+
+    /// Stores a conversion marker for the current actor (`Tarn::shared().actorId`). `onSaved` runs
+    /// once it is committed; on failure "<eventName> conversion couldn't save. Save Error: ..." is
+    /// logged under "Tarn-ConversionManager:" and `onSaved` is not called.
+    void saveConversion(const ConversionItem& item, const std::string& eventName,
+                        const std::function<void()>& onSaved);
+
+    /// Finds the newest marker of `actorId` for `eventName` whose time is later than now plus the
+    /// conversion offset (`processSettings().conversionOffset`), consumes it and hands it to
+    /// `completion`; otherwise hands nothing. Logs the outcome under "Tarn-ConversionManager:".
+    /// When the consumed marker's delete cannot be committed, the fetch-error message is logged,
+    /// nothing is handed, and the marker counts as consumed for the rest of this process (its
+    /// delete goes with the next successful write). `completion` is called exactly once, after the
+    /// store's lock is released.
+    void findConversion(const std::string& eventName, const std::string& actorId,
+                        const std::function<void(std::optional<ConversionItem>)>& completion);
+
+    /// Deletes every marker whose time is at or before now minus one day (a fixed period, not the
+    /// conversion period). When the deletes cannot be committed, "Delete error: " and the reason
+    /// are logged and those markers count as deleted for the rest of this process.
+    void deleteExpiredConversions();
+
+    /// How long a write waits for another connection's lock on the file before it fails (one
+    /// second by default). Only another connection to the file, such as a second process sharing
+    /// the data folder, can hold that lock, and only for the length of one transaction.
+    void setBusyTimeout(std::chrono::milliseconds timeout);
+
+    /// True once the store has been opened successfully (opens it when not yet tried).
+    bool isStoreLoaded();
+
+  private:
+    class Store;
+    std::unique_ptr<Store> store_;
+};
+
+}  // namespace tarn

@@ -1,0 +1,556 @@
+#include "tarn/store/CoreDataManager.h"
+
+#include <sqlite3.h>
+
+#include <mutex>
+#include <unordered_set>
+#include <vector>
+
+#include "store/StoreSchema.h"
+#include "tarn/core/Log.h"
+#include "tarn/core/Settings.h"
+#include "tarn/core/Shared.h"
+#include "tarn/core/Tarn.h"
+#include "tarn/platform/DataDirectory.h"
+#include "tarn/store/ConversionManager.h"
+
+namespace tarn {
+
+namespace {
+
+constexpr const char* kQueueLogTag = "Tarn-QueueManager:";
+/// Markers at or before now minus this many seconds are purged, whatever the conversion period.
+constexpr double kConversionPurgeAge = 86400.0;
+
+using Error = std::optional<std::string>;
+
+std::string describe(const nlohmann::json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+std::optional<std::string> columnText(sqlite3_stmt* stmt, int column) {
+    if (sqlite3_column_type(stmt, column) == SQLITE_NULL) {
+        return std::nullopt;
+    }
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+    return std::string(text ? text : "",
+                       static_cast<std::size_t>(sqlite3_column_bytes(stmt, column)));
+}
+
+std::optional<Date> columnDate(sqlite3_stmt* stmt, int column) {
+    if (sqlite3_column_type(stmt, column) == SQLITE_NULL) {
+        return std::nullopt;
+    }
+    return Date{sqlite3_column_double(stmt, column)};
+}
+
+/// Binds without copying: `text` must outlive the statement's use.
+void bindText(sqlite3_stmt* stmt, int index, const std::string& text) {
+    sqlite3_bind_text(stmt, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+}
+
+void bindText(sqlite3_stmt* stmt, int index, const std::optional<std::string>& text) {
+    if (text) {
+        bindText(stmt, index, *text);
+    } else {
+        sqlite3_bind_null(stmt, index);
+    }
+}
+
+void bindDate(sqlite3_stmt* stmt, int index, const std::optional<Date>& date) {
+    if (date) {
+        sqlite3_bind_double(stmt, index, date->secondsSince1970);
+    } else {
+        sqlite3_bind_null(stmt, index);
+    }
+}
+
+/// Resets a statement and drops its bindings when it leaves scope.
+struct StatementUse {
+    sqlite3_stmt* stmt;
+    ~StatementUse() {
+        sqlite3_reset(stmt);
+        sqlite3_clear_bindings(stmt);
+    }
+};
+
+}  // namespace
+
+/// The connection, its prepared statements, and the record ids that this process treats as
+/// deleted although their delete has not been committed yet (the equivalent of deletions that a
+/// failed save leaves pending in a managed-object context). Pending ids are never handed out again
+/// and are deleted with the next write that commits.
+class CoreDataManager::Store {
+  public:
+    ~Store() { close(); }
+
+    std::recursive_mutex mutex;
+    sqlite3* db = nullptr;
+    bool attempted = false;
+    std::string loadError;
+    int busyTimeoutMs = 1000;
+
+    sqlite3_stmt* insertEvent = nullptr;
+    sqlite3_stmt* selectOldest = nullptr;
+    sqlite3_stmt* deleteEvent = nullptr;
+    sqlite3_stmt* insertConversion = nullptr;
+    sqlite3_stmt* selectConversion = nullptr;
+    sqlite3_stmt* deleteConversion = nullptr;
+    sqlite3_stmt* selectExpired = nullptr;
+
+    std::unordered_set<std::int64_t> pendingEventDeletes;
+    std::unordered_set<std::int64_t> pendingConversionDeletes;
+    /// Events handed to a pop completion that is still running (a pop from inside it must not
+    /// hand the same record again).
+    std::unordered_set<std::int64_t> eventsInFlight;
+
+    /// Opens the store on first use; true when it is usable. Caller holds `mutex`.
+    bool ensureOpen(const std::string& logtag);
+    void close();
+
+    std::string errorMessage() const { return db ? sqlite3_errmsg(db) : loadError; }
+    std::string unavailable() const { return "The store is not loaded: " + loadError; }
+
+    Error exec(const char* sql);
+    /// Steps a write statement to completion.
+    Error runToDone(sqlite3_stmt* stmt);
+    /// Runs `steps` and the pending deletes as one committed transaction. A single statement with
+    /// nothing pending runs in SQLite's implicit transaction; otherwise BEGIN IMMEDIATE ... COMMIT,
+    /// rolled back on any failure (the pending ids then stay pending).
+    Error write(bool singleStatement, const std::function<Error()>& steps);
+
+  private:
+    Error open(const std::filesystem::path& path);
+    Error migrate();
+    Error prepare(const char* sql, sqlite3_stmt** stmt);
+    Error flushPending();
+};
+
+bool CoreDataManager::Store::ensureOpen(const std::string& logtag) {
+    if (attempted) {
+        return db != nullptr;
+    }
+    attempted = true;
+    if (auto error = open(CoreDataManager::databasePath())) {
+        loadError = *error;
+        close();
+        log("❌ Loading of store failed:" + loadError, logtag);
+        return false;
+    }
+    return true;
+}
+
+Error CoreDataManager::Store::open(const std::filesystem::path& path) {
+    int rc =
+        sqlite3_open_v2(path.c_str(), &db,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (rc != SQLITE_OK) {
+        std::string reason = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+        return reason + " (" + path.string() + ")";
+    }
+    sqlite3_busy_timeout(db, busyTimeoutMs);
+    // Write-ahead log with NORMAL sync: see the header for why this survives any process kill.
+    if (auto error = exec("PRAGMA journal_mode = WAL")) {
+        return error;
+    }
+    if (auto error = exec("PRAGMA synchronous = NORMAL")) {
+        return error;
+    }
+    if (auto error = migrate()) {
+        return error;
+    }
+    const std::pair<const char*, sqlite3_stmt**> statements[] = {
+        {"INSERT INTO EventQueue (event, timestamp) VALUES (?, ?)", &insertEvent},
+        {"SELECT id, event FROM EventQueue ORDER BY timestamp, id LIMIT ?", &selectOldest},
+        {"DELETE FROM EventQueue WHERE id = ?", &deleteEvent},
+        {"INSERT INTO ConversionEntity (actorId, communicationCode, convertionName, time) "
+         "VALUES (?, ?, ?, ?)",
+         &insertConversion},
+        {"SELECT id, communicationCode, convertionName, time FROM ConversionEntity "
+         "WHERE actorId = ? AND convertionName = ? AND time > ? "
+         "ORDER BY time DESC, id DESC LIMIT ?",
+         &selectConversion},
+        {"DELETE FROM ConversionEntity WHERE id = ?", &deleteConversion},
+        {"SELECT id FROM ConversionEntity WHERE time <= ?", &selectExpired},
+    };
+    for (const auto& [sql, stmt] : statements) {
+        if (auto error = prepare(sql, stmt)) {
+            return error;
+        }
+    }
+    return std::nullopt;
+}
+
+/// Brings the file to `kSchemaVersion` inside one write transaction, so that a process killed
+/// half-way leaves either the old layout or the new one. A file written by a newer release is not
+/// touched: the store stays unloaded rather than risk that release's data.
+Error CoreDataManager::Store::migrate() {
+    auto readVersion = [this](int& version) -> Error {
+        sqlite3_stmt* stmt = nullptr;
+        if (auto error = prepare("PRAGMA user_version", &stmt)) {
+            return error;
+        }
+        int rc = sqlite3_step(stmt);
+        version = rc == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : 0;
+        Error error;
+        if (rc != SQLITE_ROW) {
+            error = errorMessage();
+        }
+        sqlite3_finalize(stmt);
+        return error;
+    };
+    int version = 0;
+    if (auto error = readVersion(version)) {
+        return error;
+    }
+    if (version == kSchemaVersion) {
+        return std::nullopt;
+    }
+    if (auto error = exec("BEGIN IMMEDIATE")) {
+        return error;
+    }
+    Error error = readVersion(version);  // another process may have migrated meanwhile
+    if (!error && version > kSchemaVersion) {
+        error = "The store's schema version " + std::to_string(version) +
+                " is newer than this library reads (" + std::to_string(kSchemaVersion) + ")";
+    }
+    if (!error && version < 1) {
+        error = exec(store::kSchemaV1);
+    }
+    // Later versions add their steps here, each from the version before it.
+    if (!error && version != kSchemaVersion) {
+        error = exec(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
+    }
+    if (!error) {
+        error = exec("COMMIT");
+    }
+    if (error && !sqlite3_get_autocommit(db)) {
+        exec("ROLLBACK");
+    }
+    return error;
+}
+
+Error CoreDataManager::Store::prepare(const char* sql, sqlite3_stmt** stmt) {
+    if (sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, stmt, nullptr) != SQLITE_OK) {
+        return errorMessage();
+    }
+    return std::nullopt;
+}
+
+Error CoreDataManager::Store::exec(const char* sql) {
+    char* message = nullptr;
+    if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+        std::string reason = message ? message : errorMessage();
+        sqlite3_free(message);
+        return reason;
+    }
+    return std::nullopt;
+}
+
+Error CoreDataManager::Store::runToDone(sqlite3_stmt* stmt) {
+    StatementUse use{stmt};
+    if (sqlite3_step(stmt) != SQLITE_DONE) {
+        return errorMessage();
+    }
+    return std::nullopt;
+}
+
+Error CoreDataManager::Store::flushPending() {
+    for (auto id : pendingEventDeletes) {
+        sqlite3_bind_int64(deleteEvent, 1, id);
+        if (auto error = runToDone(deleteEvent)) {
+            return error;
+        }
+    }
+    for (auto id : pendingConversionDeletes) {
+        sqlite3_bind_int64(deleteConversion, 1, id);
+        if (auto error = runToDone(deleteConversion)) {
+            return error;
+        }
+    }
+    return std::nullopt;
+}
+
+Error CoreDataManager::Store::write(bool singleStatement, const std::function<Error()>& steps) {
+    bool flush = !pendingEventDeletes.empty() || !pendingConversionDeletes.empty();
+    if (singleStatement && !flush) {
+        return steps();
+    }
+    if (auto error = exec("BEGIN IMMEDIATE")) {
+        return error;
+    }
+    Error error = steps();
+    if (!error && flush) {
+        error = flushPending();
+    }
+    if (!error) {
+        error = exec("COMMIT");
+    }
+    if (error) {
+        if (!sqlite3_get_autocommit(db)) {
+            exec("ROLLBACK");
+        }
+        return error;
+    }
+    if (flush) {
+        pendingEventDeletes.clear();
+        pendingConversionDeletes.clear();
+    }
+    return std::nullopt;
+}
+
+void CoreDataManager::Store::close() {
+    for (auto** stmt : {&insertEvent, &selectOldest, &deleteEvent, &insertConversion,
+                        &selectConversion, &deleteConversion, &selectExpired}) {
+        sqlite3_finalize(*stmt);
+        *stmt = nullptr;
+    }
+    if (db) {
+        sqlite3_close_v2(db);
+        db = nullptr;
+    }
+}
+
+CoreDataManager& CoreDataManager::shared() {
+    return detail::SharedInstance<CoreDataManager, 500>::get();
+}
+
+CoreDataManager::CoreDataManager() : store_(std::make_unique<Store>()) {}
+
+CoreDataManager::~CoreDataManager() = default;
+
+std::filesystem::path CoreDataManager::databasePath() {
+    return dataDirectory() / kDatabaseFileName;
+}
+
+void CoreDataManager::saveEventToQueue(const std::string& eventJson, Date timestamp,
+                                       const nlohmann::json& eventDictionary) {
+    {
+        std::lock_guard lock(store_->mutex);
+        if (!store_->ensureOpen(logtag)) {
+            return;
+        }
+        auto error = store_->write(true, [&]() -> Error {
+            sqlite3_bind_text(store_->insertEvent, 1, eventJson.data(),
+                              static_cast<int>(eventJson.size()), SQLITE_STATIC);
+            sqlite3_bind_double(store_->insertEvent, 2, timestamp.secondsSince1970);
+            return store_->runToDone(store_->insertEvent);
+        });
+        if (error) {
+            return;  // a failed save is not reported; the event is lost
+        }
+    }
+    if (eventDictionary.is_object()) {
+        if (auto it = eventDictionary.find("name"); it != eventDictionary.end()) {
+            log(describe(*it) + " has been saved to the queue.", kQueueLogTag);
+        }
+    }
+}
+
+void CoreDataManager::popOldestEvent(
+    const std::function<void(std::optional<std::string>)>& completion) {
+    std::lock_guard lock(store_->mutex);
+    auto& s = *store_;
+    if (!s.ensureOpen(logtag)) {
+        log("Fetch or delete error: " + s.unavailable(), logtag);
+        completion(std::nullopt);
+        return;
+    }
+    // Fetch the oldest record that is neither pending deletion nor being handed out already.
+    std::optional<std::int64_t> id;
+    std::optional<std::string> text;
+    Error fetchError;
+    {
+        StatementUse use{s.selectOldest};
+        auto skip = s.pendingEventDeletes.size() + s.eventsInFlight.size();
+        sqlite3_bind_int64(s.selectOldest, 1, static_cast<sqlite3_int64>(skip + 1));
+        int rc;
+        while ((rc = sqlite3_step(s.selectOldest)) == SQLITE_ROW) {
+            auto rowId = sqlite3_column_int64(s.selectOldest, 0);
+            if (s.pendingEventDeletes.count(rowId) || s.eventsInFlight.count(rowId)) {
+                continue;
+            }
+            id = rowId;
+            text = columnText(s.selectOldest, 1);
+            break;
+        }
+        if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+            fetchError = s.errorMessage();
+        }
+    }
+    if (fetchError) {
+        log("Fetch or delete error: " + *fetchError, logtag);
+        completion(std::nullopt);
+        return;
+    }
+    if (!id) {
+        completion(std::nullopt);
+        return;
+    }
+    // The completion sees the event before it is deleted; a failed delete calls it again.
+    s.eventsInFlight.insert(*id);
+    struct InFlight {
+        Store& s;
+        std::int64_t id;
+        ~InFlight() { s.eventsInFlight.erase(id); }
+    };
+    {
+        InFlight guard{s, *id};
+        completion(std::move(text));
+    }
+    auto error = s.write(true, [&]() -> Error {
+        sqlite3_bind_int64(s.deleteEvent, 1, *id);
+        return s.runToDone(s.deleteEvent);
+    });
+    if (error) {
+        s.pendingEventDeletes.insert(*id);
+        log("Fetch or delete error: " + *error, logtag);
+        completion(std::nullopt);
+    }
+}
+
+void CoreDataManager::saveConversion(const ConversionItem& item, const std::string& eventName,
+                                     const std::function<void()>& onSaved) {
+    std::string actorId = Tarn::shared().actorId.get();
+    Error error;
+    {
+        std::lock_guard lock(store_->mutex);
+        auto& s = *store_;
+        if (!s.ensureOpen(logtag)) {
+            error = s.unavailable();
+        } else {
+            error = s.write(true, [&]() -> Error {
+                bindText(s.insertConversion, 1, actorId);
+                bindText(s.insertConversion, 2, item.communicationCode);
+                bindText(s.insertConversion, 3, item.conversionName);
+                bindDate(s.insertConversion, 4, item.time);
+                return s.runToDone(s.insertConversion);
+            });
+        }
+    }
+    if (error) {
+        log(eventName + " conversion couldn't save. " +
+                "Save Error: An error occurred while saving the conversion event!",
+            ConversionManager::kLogTag);
+        return;
+    }
+    if (onSaved) {
+        onSaved();
+    }
+}
+
+void CoreDataManager::findConversion(
+    const std::string& eventName, const std::string& actorId,
+    const std::function<void(std::optional<ConversionItem>)>& completion) {
+    const std::string fetchError =
+        eventName + " is not a conversion event. " +
+        "Fetch Error: An error occurred while fetching the conversion event!";
+    Date cutoff = Date::now().addingTimeInterval(processSettings().conversionOffset.load());
+    std::optional<ConversionItem> found;
+    bool failed = false;
+    {
+        std::lock_guard lock(store_->mutex);
+        auto& s = *store_;
+        std::optional<std::int64_t> id;
+        if (!s.ensureOpen(logtag)) {
+            failed = true;
+        } else {
+            StatementUse use{s.selectConversion};
+            bindText(s.selectConversion, 1, actorId);
+            bindText(s.selectConversion, 2, eventName);
+            sqlite3_bind_double(s.selectConversion, 3, cutoff.secondsSince1970);
+            sqlite3_bind_int64(s.selectConversion, 4,
+                               static_cast<sqlite3_int64>(s.pendingConversionDeletes.size() + 1));
+            int rc;
+            while ((rc = sqlite3_step(s.selectConversion)) == SQLITE_ROW) {
+                auto rowId = sqlite3_column_int64(s.selectConversion, 0);
+                if (s.pendingConversionDeletes.count(rowId)) {
+                    continue;
+                }
+                id = rowId;
+                found = ConversionItem{columnText(s.selectConversion, 1),
+                                       columnText(s.selectConversion, 2),
+                                       columnDate(s.selectConversion, 3)};
+                break;
+            }
+            failed = rc != SQLITE_ROW && rc != SQLITE_DONE;
+        }
+        if (id) {
+            // One marker is consumed by one matching event.
+            auto error = s.write(true, [&]() -> Error {
+                sqlite3_bind_int64(s.deleteConversion, 1, *id);
+                return s.runToDone(s.deleteConversion);
+            });
+            if (error) {
+                s.pendingConversionDeletes.insert(*id);
+                failed = true;
+                found.reset();
+            }
+        }
+    }
+    if (failed) {
+        log(fetchError, ConversionManager::kLogTag);
+    } else if (!found) {
+        log(eventName + " is not a conversion event. " +
+                "Not Found: Requestted item was not found in conversion database!",
+            ConversionManager::kLogTag);
+    } else {
+        log(eventName + " is a conversion event", ConversionManager::kLogTag);
+    }
+    completion(std::move(found));
+}
+
+void CoreDataManager::deleteExpiredConversions() {
+    Date cutoff = Date::now().addingTimeInterval(-kConversionPurgeAge);
+    std::lock_guard lock(store_->mutex);
+    auto& s = *store_;
+    if (!s.ensureOpen(logtag)) {
+        log("Delete error: " + s.unavailable(), logtag);
+        return;
+    }
+    std::vector<std::int64_t> expired;
+    Error error;
+    {
+        StatementUse use{s.selectExpired};
+        sqlite3_bind_double(s.selectExpired, 1, cutoff.secondsSince1970);
+        int rc;
+        while ((rc = sqlite3_step(s.selectExpired)) == SQLITE_ROW) {
+            expired.push_back(sqlite3_column_int64(s.selectExpired, 0));
+        }
+        if (rc != SQLITE_DONE) {
+            error = s.errorMessage();
+        }
+    }
+    if (!error && !expired.empty()) {
+        error = s.write(expired.size() == 1, [&]() -> Error {
+            for (auto id : expired) {
+                sqlite3_bind_int64(s.deleteConversion, 1, id);
+                if (auto e = s.runToDone(s.deleteConversion)) {
+                    return e;
+                }
+            }
+            return std::nullopt;
+        });
+        if (error) {
+            s.pendingConversionDeletes.insert(expired.begin(), expired.end());
+        }
+    }
+    if (error) {
+        log("Delete error: " + *error, logtag);
+    }
+}
+
+void CoreDataManager::setBusyTimeout(std::chrono::milliseconds timeout) {
+    std::lock_guard lock(store_->mutex);
+    store_->busyTimeoutMs = static_cast<int>(timeout.count());
+    if (store_->db) {
+        sqlite3_busy_timeout(store_->db, store_->busyTimeoutMs);
+    }
+}
+
+bool CoreDataManager::isStoreLoaded() {
+    std::lock_guard lock(store_->mutex);
+    return store_->ensureOpen(logtag);
+}
+
+}  // namespace tarn
