@@ -457,11 +457,11 @@ struct SharedSessionHolder {
 }  // namespace
 
 std::shared_ptr<HttpSession> sharedHttpSessionPointer() {
-    return detail::SharedInstance<SharedSessionHolder, 40>::get().session;
+    return detail::SharedInstance<SharedSessionHolder, 55>::get().session;
 }
 
 HttpSession& sharedHttpSession() {
-    return *detail::SharedInstance<SharedSessionHolder, 40>::get().session;
+    return *detail::SharedInstance<SharedSessionHolder, 55>::get().session;
 }
 
 }  // namespace tarn
