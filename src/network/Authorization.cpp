@@ -138,7 +138,7 @@ void Tarn::requestAccessToken(std::function<void()> continuation) {
     };
     auto config = configuration.get();
     if (!config) {
-        fatalError("No stored configuration", "TarniOSCommonKit/Tarn", __LINE__);
+        fatalError("No stored configuration", __FILE__, __LINE__);
     }
     // A ready-made header value from the host wins; nothing is sent and the flag is untouched.
     if (config->authorization) {

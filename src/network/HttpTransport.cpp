@@ -456,10 +456,6 @@ struct SharedSessionHolder {
 
 }  // namespace
 
-std::shared_ptr<HttpSession> sharedHttpSessionPointer() {
-    return detail::SharedInstance<SharedSessionHolder, 55>::get().session;
-}
-
 HttpSession& sharedHttpSession() {
     return *detail::SharedInstance<SharedSessionHolder, 55>::get().session;
 }

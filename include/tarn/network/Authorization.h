@@ -56,7 +56,7 @@ enum class AuthTokenStatus { notDetermined, authorized };
 /// "notDetermined", "authorized".
 const char* rawValue(AuthTokenStatus status);
 
-/// Sends the token request and handles its answer.
+/// Sends the token request and handles its answer. Answers are decoded with `AccessToken::decode`.
 class AuthorizationRepository {
   public:
     /// The one repository, created on first use.

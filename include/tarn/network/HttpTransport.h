@@ -149,6 +149,5 @@ class CurlHttpSession final : public HttpSession {
 /// The process-wide shared session, distinct from every client's own session. Created on first
 /// use; its worker thread starts only when a task on it is resumed.
 HttpSession& sharedHttpSession();
-std::shared_ptr<HttpSession> sharedHttpSessionPointer();
 
 }  // namespace tarn
