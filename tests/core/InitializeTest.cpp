@@ -166,3 +166,9 @@ TEST_F(InitializeTest, ASecondRunKeepsTheStoredActorAndCountsAsInstalled) {
     EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::actorId), "second");
     EXPECT_FALSE(logs.contains("Tarn-ConfigManager: Tarn actorId successfully updated.;"));
 }
+
+TEST_F(InitializeTest, StepsThatNeedTheStoredConfigurationEndTheProcessWithoutIt) {
+    EXPECT_DEATH(Tarn::shared().loadState(), "Fatal error: No stored configuration");
+    EXPECT_DEATH(Tarn::shared().continueInitialization(), "Fatal error: No stored configuration");
+    EXPECT_DEATH(Tarn::shared().requestAccessToken(), "Fatal error");
+}
