@@ -37,10 +37,14 @@ TEST_F(EventPipelineTest, StoredEventsWaitForInitialisationThenGoOutOldestFirstO
     EXPECT_EQ(storedEventCount(), 3);
 
     ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
-    ASSERT_TRUE(drainUntil(1));
-    // One event per tick: nothing more arrives until the next tick.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(server_->count(kEventPath), 1u);
+    // One event per tick: each tick of the 0.5 s timer sends exactly one more.
+    for (int tick = 0; tick < 2; ++tick) {
+        auto before = server_->count(kEventPath);
+        queue().advance(0.5);
+        ASSERT_TRUE(server_->waitForCount(kEventPath, before + 1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(server_->count(kEventPath), before + 1);
+    }
     ASSERT_TRUE(drainUntil(5));
     EXPECT_EQ(receivedNames(),
               (std::vector<std::string>{"first", "second", "third", "install", "sdk_initialize"}));
@@ -64,7 +68,8 @@ TEST_F(EventPipelineTest, StoredEventsWaitForInitialisationThenGoOutOldestFirstO
     ASSERT_EQ(requestId.size(), 36u);
     for (std::size_t i = 0; i < requestId.size(); ++i) {
         bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        EXPECT_TRUE(dash ? requestId[i] == '-' : std::isxdigit(requestId[i]) && !std::islower(requestId[i]))
+        EXPECT_TRUE(dash ? requestId[i] == '-'
+                         : std::isxdigit(requestId[i]) && !std::islower(requestId[i]))
             << requestId;
     }
     const auto& p = first["parameters"];
