@@ -1,0 +1,89 @@
+#pragma once
+// The access token: the credentials sent for it, the server's answer, the persisted in-flight
+// flag and the repository that handles the answer.
+//
+// Threads: the token answer is handled on the HTTP session's worker thread, which writes
+// `Tarn::shared().tarnAuthToken` there; requests framed on other threads read either the old or
+// the new value.
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "tarn/network/Endpoint.h"
+#include "tarn/network/ServiceClient.h"
+
+namespace tarn {
+
+/// The client credentials of one token request. Only `clientId` and `clientSecret` are sent.
+struct AuthClient {
+    Url authUrl;
+    std::string clientId;
+    std::string clientSecret;
+
+    /// {"clientId": .., "clientSecret": ..}.
+    nlohmann::json body() const;
+};
+
+/// A decoding failure; its description never quotes the decoded text.
+class DecodingError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+    std::string localizedDescription() const { return what(); }
+};
+
+/// The token endpoint's answer. Every member is required and must have its type.
+struct AccessToken {
+    std::string accessToken;            // "access_token"
+    std::int64_t expiresIn = 0;         // "expires_in"
+    std::int64_t refreshExpiresIn = 0;  // "refresh_expires_in"
+    std::string tokenType;              // "token_type"
+    std::int64_t notBeforePolicy = 0;   // "not-before-policy"
+    std::string scope;                  // "scope"
+
+    /// Decodes the answer body; throws `DecodingError` when it is not JSON, not an object, or a
+    /// member is missing or of another type. Integers accept integral JSON numbers only.
+    static AccessToken decode(const Data& data);
+};
+
+/// The persisted token flag read as a status: true is `authorized` (no token request in flight),
+/// false or absent is `notDetermined` (a token request was sent and not yet answered).
+enum class AuthTokenStatus { notDetermined, authorized };
+/// "notDetermined", "authorized".
+const char* rawValue(AuthTokenStatus status);
+
+/// Sends the token request and handles its answer. Answers are decoded with `AccessToken::decode`.
+class AuthorizationRepository {
+  public:
+    /// The one repository, created on first use.
+    static AuthorizationRepository& shared();
+
+    const std::string logtag = "Tarn-AuthorizationRepository:";
+
+    /// The shared service client.
+    ServiceClient& service() const { return ServiceClient::shared(); }
+
+    /// The persisted "tokenStatus" flag as a status.
+    AuthTokenStatus tokenStatus() const;
+    /// Persists "tokenStatus": true when no token request is in flight.
+    void setTokenStatus(bool value) const;
+
+    /// POSTs the credentials to `client.authUrl` without an "Authorization" header and hands the
+    /// answer to `handleAccessTokenResponse`. `callback` runs on the session's worker thread (or
+    /// at once, on this thread, when the body cannot be serialised).
+    void requestAccessToken(const AuthClient& client, std::function<void(bool)> callback);
+
+    /// The answer handler: sets "tokenStatus" to true, then on a decodable answer stores
+    /// "<token_type> <access_token>" in the facade's `tarnAuthToken` and calls back true; on any
+    /// failure logs it, leaves the stored value alone and calls back false.
+    void handleAccessTokenResponse(const std::optional<Data>& data,
+                                   const std::optional<ServiceError>& error,
+                                   std::optional<int> statusCode,
+                                   const std::function<void(bool)>& callback);
+};
+
+}  // namespace tarn

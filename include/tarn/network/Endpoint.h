@@ -1,0 +1,36 @@
+#pragma once
+// The server's paths and the URL value the service client sends to.
+
+#include <optional>
+#include <string>
+
+namespace tarn {
+
+/// The three paths under the base URL; appended to it verbatim.
+namespace Endpoint {
+/// The access-token exchange.
+inline constexpr const char* accessToken = "/core/auth/token";
+/// In-app communications together with the server's configuration block.
+inline constexpr const char* inAppCommunication =
+    "/orbital-harbor/sdk-public/inapp-communication-wrapper";
+/// One behavioural event.
+inline constexpr const char* event = "/orbital-harbor/sdk-public/event/mobile";
+}  // namespace Endpoint
+
+/// An absolute http(s)-style URL, kept exactly as it was written (no normalisation, so a base
+/// ending in "/" followed by a path starting with "/" keeps its double slash).
+class Url {
+  public:
+    /// The URL when `text` parses as an absolute URL with a scheme and a host, else none.
+    /// Relative references and text with spaces or control characters do not parse.
+    static std::optional<Url> parse(const std::string& text);
+
+    const std::string& absoluteString() const { return text_; }
+    bool operator==(const Url&) const = default;
+
+  private:
+    explicit Url(std::string text) : text_(std::move(text)) {}
+    std::string text_;
+};
+
+}  // namespace tarn

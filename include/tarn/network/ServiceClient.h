@@ -1,0 +1,110 @@
+#pragma once
+// The one HTTP client of the library: URL forming, request framing, sending, the classification
+// of answers, the retry rule for server errors and the reaction to an expired authorization.
+//
+// Threads: completions run on the HTTP session's worker thread, never on the caller's thread or
+// the main queue, except a body that cannot be serialised, which completes at once on the
+// caller's thread. Callers that touch shared state from a completion hop threads themselves.
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "tarn/network/Endpoint.h"
+#include "tarn/network/HttpTransport.h"
+#include "tarn/network/NetworkError.h"
+
+namespace tarn {
+
+/// Every exchange ends in (data, error, status code): data on success, else the error; the
+/// status code whenever an HTTP answer arrived.
+using ServiceCompletion = std::function<void(
+    std::optional<Data> data, std::optional<ServiceError> error, std::optional<int> statusCode)>;
+
+/// Who is calling: sent with every request as the Base64 "App-Info" header.
+struct AppInfo {
+    std::string platform = "ios";
+    std::string bundleId;
+    std::string application;
+
+    /// {"platform":..,"bundleId":..,"application":..} in that order, with "/" written as "\/" in
+    /// the manner of the platform's default JSON encoder. Fails (returns none and sets `error`)
+    /// when a field is not valid UTF-8.
+    std::optional<std::string> encode(std::string* error = nullptr) const;
+};
+
+/// Standard Base64 (RFC 4648 alphabet, with padding, no line breaks).
+std::string base64Encode(const std::uint8_t* bytes, std::size_t size);
+inline std::string base64Encode(const std::string& text) {
+    return base64Encode(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+}
+
+class ServiceClient {
+  public:
+    /// The one client, created on first use.
+    static ServiceClient& shared();
+
+    ServiceClient();
+    ~ServiceClient();
+    ServiceClient(const ServiceClient&) = delete;
+    ServiceClient& operator=(const ServiceClient&) = delete;
+
+    const std::string logtag = "Tarn-ServiceClient:";
+
+    /// The client's own session: keeps no cookies, cache or credentials between requests.
+    HttpSession& urlSession() { return *urlSession_; }
+
+    /// The base URL followed by `path` (plain concatenation). An unset base URL or a result that
+    /// does not parse ends the process: both are programming errors.
+    Url url(const std::string& path) const;
+
+    /// Frames a request: method, time-out (the current `requestTimeout`), "Authorization" (unless
+    /// `skipAuthorization` is true; the facade's `tarnAuthToken` as stored), "cache-control",
+    /// "App-Info" and "Content-Type".
+    HttpRequest buildRequest(const Url& url, bool isPost,
+                             std::optional<bool> skipAuthorization = std::nullopt) const;
+
+    /// POSTs `parameters` (a JSON object) to `url`. `completion` runs later on the session's
+    /// worker thread; or at once, on this thread, with a `serializationError` when the object
+    /// cannot be serialised (a string that is not UTF-8, a number that is not finite, a top level
+    /// that is not an object).
+    ///
+    /// The answer: 200 gives the data; 401 gives `httpError(401, "Unauthorized")` and then runs
+    /// the token routine again; a 5xx with retry budget left is handed to `retryRequest` and gets
+    /// no completion; any other status gives `httpError(code, reason phrase)`; a transport failure
+    /// gives the transport error and is logged.
+    void request(const Url& url, const nlohmann::json& parameters,
+                 std::optional<bool> skipAuthorization, ServiceCompletion completion);
+
+    /// The retry of a 5xx answer: creates a task for the same framed request on the process-wide
+    /// shared session. The task is never started, so such an exchange ends without a completion;
+    /// callers must not wait for one. Its answer rule, should it run, retries a 5xx while budget
+    /// is left and otherwise passes data (whatever the status) or the error on.
+    void retryRequest(const HttpRequest& request, std::int64_t retriesLeft,
+                      ServiceCompletion completion);
+
+    /// The JSON bytes of `parameters`, or the reason they cannot be produced.
+    static std::optional<Data> serialize(const nlohmann::json& parameters, std::string* error);
+
+    /// How many retry tasks this client has created (none of them is ever started).
+    std::uint64_t retryTaskCount() const { return retryTaskCount_.load(); }
+
+  private:
+    void handleFirstAnswer(std::optional<Data> data, std::optional<HttpResponse> response,
+                           std::optional<TransportError> error, const HttpRequest& request,
+                           std::int64_t retriesLeft, const ServiceCompletion& completion);
+    void handleRetryAnswer(std::optional<Data> data, std::optional<HttpResponse> response,
+                           std::optional<TransportError> error, const HttpRequest& request,
+                           std::int64_t retriesLeft, const ServiceCompletion& completion);
+    std::optional<std::string> appInfoHeader() const;
+
+    std::shared_ptr<HttpSession> urlSession_;
+    std::atomic<std::uint64_t> retryTaskCount_{0};
+};
+
+}  // namespace tarn

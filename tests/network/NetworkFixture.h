@@ -1,0 +1,124 @@
+#pragma once
+// Fixture for the network tests: a loopback server as the base URL, a host bundle with an
+// identifier, captured log lines, and a way to wait for a service-client completion.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "support/LoopbackServer.h"
+#include "support/TestSupport.h"
+#include "tarn/config/Preferences.h"
+#include "tarn/core/Settings.h"
+#include "tarn/core/Tarn.h"
+#include "tarn/network/ServiceClient.h"
+
+namespace tarn::test {
+
+inline constexpr const char* kClientSecret = "s3cr3t-Client-Value";
+inline constexpr const char* kServerToken = "tok-9f8e7d6c5b4a";
+inline constexpr const char* kTokenAnswer =
+    R"({"access_token":"tok-9f8e7d6c5b4a","expires_in":300,"refresh_expires_in":1800,)"
+    R"("token_type":"bearer","not-before-policy":0,"scope":"email profile"})";
+
+/// One completion of the service client, as observed by a test.
+struct Outcome {
+    std::optional<Data> data;
+    std::optional<ServiceError> error;
+    std::optional<int> status;
+    std::thread::id thread;
+};
+
+/// Collects one completion; shared with the completion so it may outlive the test's wait.
+class Pending {
+  public:
+    ServiceCompletion completion() {
+        auto self = state_;
+        return [self](std::optional<Data> data, std::optional<ServiceError> error,
+                      std::optional<int> status) {
+            std::lock_guard lock(self->mutex);
+            self->outcome =
+                Outcome{std::move(data), std::move(error), status, std::this_thread::get_id()};
+            ++self->calls;
+            self->changed.notify_all();
+        };
+    }
+    /// The outcome, once the completion ran; none after `timeout`.
+    std::optional<Outcome> wait(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+        std::unique_lock lock(state_->mutex);
+        state_->changed.wait_for(lock, timeout, [&] { return state_->calls > 0; });
+        return state_->outcome;
+    }
+    int calls() const {
+        std::lock_guard lock(state_->mutex);
+        return state_->calls;
+    }
+
+  private:
+    struct State {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::optional<Outcome> outcome;
+        int calls = 0;
+    };
+    std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
+class NetworkTest : public TarnTest {
+  protected:
+    void SetUp() override {
+        TarnTest::SetUp();
+        server_ = std::make_unique<LoopbackServer>();
+        logs_ = std::make_unique<LogCapture>();
+        processSettings().baseUrl = server_->baseUrl();
+        writeInfoPlist(bundleDir(), "com.example.host");
+        Tarn::shared().applicationName = "HostApp";
+    }
+    void TearDown() override {
+        // No log line may carry a secret or an authorization value, whatever the test did.
+        for (const auto& line : logs_->lines()) {
+            EXPECT_EQ(line.find(kClientSecret), std::string::npos) << line;
+            EXPECT_EQ(line.find(kServerToken), std::string::npos) << line;
+            EXPECT_EQ(line.find("stored-token-value"), std::string::npos) << line;
+        }
+        TarnTest::TearDown();  // Stops the client's transfers before the server goes.
+        logs_.reset();
+        server_.reset();
+    }
+
+    /// The facade's configuration with client credentials (and optionally a ready-made value).
+    void configureCredentials(std::optional<std::string> authorization = std::nullopt,
+                              bool withCredentials = true) {
+        Tarn::shared().configuration = TarnInitConfig(
+            Bundle::main(), "HostApp", std::nullopt, server_->baseUrl(), std::move(authorization),
+            withCredentials ? std::optional<std::string>("client-id-1") : std::nullopt,
+            withCredentials ? std::optional<std::string>(kClientSecret) : std::nullopt, false,
+            false, false);
+        PreferencesManager::shared().set(PreferenceKey::tokenStatus, true);
+    }
+
+    /// POSTs `parameters` to `path` through the shared client.
+    Pending post(const std::string& path, const nlohmann::json& parameters = {{"k", "v"}},
+                 std::optional<bool> skipAuthorization = std::nullopt) {
+        Pending pending;
+        auto& client = ServiceClient::shared();
+        client.request(client.url(path), parameters, skipAuthorization, pending.completion());
+        return pending;
+    }
+
+    /// "<tag> <message>;", the form of a captured log line.
+    static std::string line(const std::string& tag, const std::string& message) {
+        return tag + " " + message + ";";
+    }
+
+    std::unique_ptr<LoopbackServer> server_;
+    std::unique_ptr<LogCapture> logs_;
+};
+
+}  // namespace tarn::test
