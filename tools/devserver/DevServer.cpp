@@ -139,6 +139,11 @@ bool DevServer::start(std::string* error) {
 }
 
 void DevServer::stop() {
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    stopped_.notify_all();
     if (server_) {
         server_->stop();
     }
@@ -177,7 +182,10 @@ DevServer::Answer DevServer::handle(const std::string& method, const std::string
         record.delayed = options_.faults.delayMs > 0 && inShare(n, options_.faults.delayShare);
     }
     if (record.delayed) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(options_.faults.delayMs));
+        // Held on a condition, so that stopping the server cuts the delay short.
+        std::unique_lock lock(mutex_);
+        stopped_.wait_for(lock, std::chrono::milliseconds(options_.faults.delayMs),
+                          [this] { return stopping_; });
     }
 
     Answer answer;

@@ -37,7 +37,7 @@ struct FaultPlan {
     int status = 503;
     /// Share of eligible requests answered with `status`, from 0 to 1.
     double share = 0;
-    /// Milliseconds to hold an answer before it is sent.
+    /// Milliseconds to hold an answer before it is sent (cut short when the server stops).
     int delayMs = 0;
     /// Share of eligible requests held by `delayMs`, from 0 to 1.
     double delayShare = 1;
@@ -144,6 +144,8 @@ class DevServer {
 
     mutable std::mutex mutex_;
     mutable std::condition_variable eventsChanged_;
+    std::condition_variable stopped_;
+    bool stopping_ = false;
     std::uint64_t sequence_ = 0;
     std::uint64_t eligible_ = 0;
     std::vector<ReceivedRequest> requests_;
