@@ -54,7 +54,7 @@ void ConfigManager::updateActorId(const std::string& actorId) {
     auto& tarn = Tarn::shared();
     std::string current = tarn.actorId.get();
     if (actorId != current && !current.empty()) {
-        // INTEGRATION: send "actor_change" (old = current, new = actorId) once events land.
+        tarn.sendActorChangeEvent(current, actorId);
         log("Tarn actorId successfully updated.", logtag);
     }
     tarn.actorId = actorId;

@@ -6,6 +6,7 @@
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
+#include "tarn/events/EventManager.h"
 #include "tarn/store/CoreDataManager.h"
 
 namespace tarn {
@@ -41,13 +42,14 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     auto& prefs = PreferencesManager::shared();
     prefs.appGroupSuiteName = appGroupID;
     prefs.useAppGroup = true;
-    // 8. Purge conversion markers older than one day.
+    // 8. Purge conversion markers older than a day.
     CoreDataManager::shared().deleteExpiredConversions();
     // 9. The actor.
     configManager.updateActorId(configManager.resolveActorId(config.actorId));
     // 10.
     loadState();
-    // 11. INTEGRATION: the token routine, then continueInitialization.
+    // 11. The token routine; initialisation goes on when it has ended.
+    requestAccessToken([] { Tarn::shared().continueInitialization(); });
 }
 
 bool Tarn::readClientKnowledge() {
@@ -182,8 +184,16 @@ std::optional<std::string> Tarn::getActorID(const std::string& appGroupID) {
     return std::nullopt;
 }
 
-void Tarn::sendPushTokenChange(TokenProviderType /*provider*/) {
-    // INTEGRATION: send "push_token_change" with the provider once events land.
+void Tarn::sendPushTokenChange(TokenProviderType provider) {
+    EventManager::shared().sendPushTokenChangeEvent(provider);
+}
+
+void Tarn::sendActorChangeEvent(const std::string& oldActorId, const std::string& newActorId) {
+    EventManager::shared().sendActorChangeEvent(oldActorId, newActorId);
+}
+
+TarnEvent& Tarn::event() {
+    return TarnEvent::shared();
 }
 
 }  // namespace tarn

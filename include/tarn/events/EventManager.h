@@ -1,0 +1,75 @@
+#pragma once
+// The one road of every event: build the record, refresh the notification permission, arm and
+// check conversions, store the body in the offline queue and make sure the queue's timer runs.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "tarn/core/Types.h"
+#include "tarn/events/EventRecords.h"
+#include "tarn/events/TarnEvent.h"
+#include "tarn/platform/Screen.h"
+
+namespace tarn {
+
+/// Sends one record down the pipeline.
+class EventSendable {
+  public:
+    virtual ~EventSendable() = default;
+    virtual void send(EventRecord& record) = 0;
+};
+
+/// The handlers of every event kind. Each builds its record from the arguments and the facade's
+/// state and runs `send`. Handlers run on the caller's thread.
+///
+/// Decisions of this library: a record arms a conversion marker when it reports a communication
+/// with a `conversionEvent` and is an in-app "opened" or a push "clicked" event (the user saw the
+/// communication), so one showing arms one marker. While the server's configuration block says
+/// `blockAllEvents`, `send` drops every event (logged, not stored). The journeys list of every
+/// record is `processSettings().journeys`, empty unless the host fills it.
+class EventManager : public EventSendable {
+  public:
+    static EventManager& shared();
+    const std::string logtag = "Tarn-EventManager";
+
+    void send(EventRecord& record) override;
+
+    void sendInitializeEvent();
+    void sendInstallEvent(const std::string& actorId);
+    void sendPushTokenChangeEvent(TokenProviderType tokenProvider);
+    void sendActorChangeEvent(const std::string& oldActorId, const std::string& newActorId);
+    void sendCustomEvent(const ScreenRef& controller, const std::optional<std::string>& pageName,
+                         const std::string& eventName,
+                         const std::optional<nlohmann::json>& initialParameters,
+                         const ActionCallback& onActionRequired);
+    void sendLoginEvent(const ScreenRef& controller, const std::optional<std::string>& pageName,
+                        const std::optional<nlohmann::json>& initialParameters);
+    void sendLogoutEvent();
+    /// Page events: the page name given, else the screen's class name.
+    void sendPageInEvent(const ScreenRef& controller, const std::optional<std::string>& pageName);
+    void sendPageOutEvent(const ScreenRef& controller, const std::optional<std::string>& pageName);
+    void sendAppBackgroundEvent(const ScreenRef& controller,
+                                const std::optional<std::string>& pageName);
+    void sendAppForegroundEvent(const ScreenRef& controller,
+                                const std::optional<std::string>& pageName);
+    void sendApplicationErrorEvent(const std::string& errorMessage, const std::string& errorType);
+    void sendPushNotificationEvent(const nlohmann::json& userInfo, PushNotificationEventType kind);
+    /// The in-app screen's report of an interaction with `communication`. `pageName` falls back to
+    /// the presenting screen's class name.
+    void sendInAppEvent(InAppEventType kind, const AppCommunicationItem& communication,
+                        const std::optional<std::string>& pageName, const ScreenRef& controller,
+                        const std::optional<AppCommunicationButton>& button = std::nullopt);
+
+  private:
+    template <class Record>
+    Record makeRecord(TarnEventType type);
+    void sendPage(PageInOutEventType type, const ScreenRef& controller,
+                  const std::optional<std::string>& pageName);
+    void sendGround(TarnEventType type, const ScreenRef& controller,
+                    const std::optional<std::string>& pageName);
+};
+
+}  // namespace tarn

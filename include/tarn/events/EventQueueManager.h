@@ -1,0 +1,56 @@
+#pragma once
+// The offline event queue: drains the stored events to the server, one per timer tick, oldest
+// first.
+//
+// The timer and every drain step run on the main queue (`mainQueue()`); `startTimer` and
+// `stopTimer` may be called from any thread and hop there. The manager observes the application
+// notifications (`kApplicationDidEnterBackgroundNotification`,
+// `kApplicationWillEnterForegroundNotification`, `kApplicationWillTerminateNotification`) on
+// `NotificationCenter::defaultCenter()` from its creation: background stops the timer, foreground
+// restarts it when initialised, termination unsubscribes.
+//
+// An event whose sending fails is lost: it was taken out of the store before it was sent and is not
+// stored again. Events stay stored while the library is not initialised.
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "tarn/core/Shared.h"
+#include "tarn/platform/MainQueue.h"
+
+namespace tarn {
+
+class EventQueueManager {
+  public:
+    static EventQueueManager& shared();
+    EventQueueManager();
+    ~EventQueueManager();
+
+    const std::string logtag = "Tarn-QueueManager:";
+    /// Whether draining is under way, as the pipeline and the drain see it. Safe from any thread.
+    std::atomic<bool> isTimerActive{false};
+
+    /// Creates the repeating timer on the main queue with the current queue delay. A timer already
+    /// held is replaced without being invalidated.
+    void startTimer();
+    /// Schedules one last drain step on the main queue, then invalidates and clears the timer.
+    void stopTimer();
+    /// One drain step (runs on the main queue).
+    void timerAction();
+    void appDidEnterBackground();
+    void willEnterForeground();
+    void willTerminate();
+
+    /// True while a timer is held.
+    bool hasTimer() const { return timer_.get() != nullptr; }
+
+  private:
+    void sendEvent(const nlohmann::json& event);
+
+    Locked<std::shared_ptr<RepeatingTimer>> timer_;
+};
+
+}  // namespace tarn

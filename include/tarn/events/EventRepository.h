@@ -1,0 +1,30 @@
+#pragma once
+// Posts one event body to the event endpoint.
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "tarn/network/NetworkError.h"
+
+namespace tarn {
+
+class EventRepository {
+  public:
+    static EventRepository& shared();
+    const std::string logtag = "Tarn-EventRepository:";
+
+    /// The outcome of one send: `error` is the transport's error when the exchange itself failed,
+    /// and none when the server answered (whatever its status); `failed` is set unless the server
+    /// answered 200.
+    using Completion = std::function<void(std::optional<ServiceError> error,
+                                          std::optional<int> statusCode, bool failed)>;
+
+    /// Posts `event` to "/orbital-harbor/sdk-public/event/mobile". `completion` runs on the HTTP
+    /// transport's callback thread; a 5xx answer with retries left never completes.
+    void sendEvent(const nlohmann::json& event, Completion completion);
+};
+
+}  // namespace tarn

@@ -1,0 +1,56 @@
+// The part of initialisation that runs after the token routine: start the trackers and the queue,
+// fetch the in-app communications one second later on the main queue, and complete.
+#include "tarn/core/Fatal.h"
+#include "tarn/core/Log.h"
+#include "tarn/core/Tarn.h"
+#include "tarn/device/LifeCycle.h"
+#include "tarn/events/EventManager.h"
+#include "tarn/events/EventQueueManager.h"
+#include "tarn/inapp/InAppManager.h"
+#include "tarn/inapp/InAppRepository.h"
+#include "tarn/platform/MainQueue.h"
+
+namespace tarn {
+
+void Tarn::continueInitialization() {
+    auto stored = configuration.get();
+    if (!stored) {
+        fatalError("No stored configuration", __FILE__, __LINE__);
+    }
+    if (stored->applicationLifecyleAuto) {
+        AutoLifeCyle::shared().start();
+    }
+    if (stored->isSendActivityLifeCycleEventEnabled) {
+        ActivityLifeCycle::shared().start();
+    }
+    log("checkAuthToken", logtag);
+    mainQueue()->asyncAfter(1.0, [] { Tarn::shared().requestInAppCommunications(); });
+    // Start draining; marking the queue active keeps the first event's tick from starting a second
+    // timer beside this one.
+    auto& queue = EventQueueManager::shared();
+    if (!queue.isTimerActive.exchange(true)) {
+        queue.startTimer();
+    }
+}
+
+void Tarn::requestInAppCommunications() {
+    AppCommunucationRequest request{actorId.get(), applicationName.get(), config.load()};
+    InAppRepository::shared().fetchInAppCommunications(
+        request.dictionary(), [](std::optional<AppCommunication> answer) {
+            InAppManager::shared().installAppCommunications(
+                std::move(answer),
+                [](const AppCommunication&) { Tarn::shared().completeInitialization(); });
+        });
+}
+
+void Tarn::completeInitialization() {
+    loadState();
+    isInitializeCompleted = true;
+    syncTokens();
+    if (configManager.installationStatus.load() == InstallationStatus::firstTimeInstallation) {
+        EventManager::shared().sendInstallEvent(actorId.get());
+    }
+    EventManager::shared().sendInitializeEvent();
+}
+
+}  // namespace tarn

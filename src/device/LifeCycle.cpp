@@ -1,0 +1,155 @@
+#include "tarn/device/LifeCycle.h"
+
+#include "tarn/core/Log.h"
+#include "tarn/events/EventManager.h"
+#include "tarn/platform/NotificationCenter.h"
+
+namespace tarn {
+
+namespace {
+
+Locked<std::shared_ptr<WindowSource>>& windowSource() {
+    static Locked<std::shared_ptr<WindowSource>> source;
+    return source;
+}
+
+const char* const kAutoNames[] = {kApplicationDidEnterBackgroundNotification,
+                                  kApplicationWillEnterForegroundNotification,
+                                  kApplicationWillTerminateNotification};
+const char* const kActivityNames[] = {kTarnPageInNotification, kTarnPageOutNotification,
+                                      kApplicationWillTerminateNotification};
+
+ScreenRef screenOf(const Notification& n) {
+    if (const auto* screen = std::any_cast<ScreenRef>(&n.object)) {
+        return *screen;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+void setWindowSource(std::shared_ptr<WindowSource> source) {
+    windowSource().set(std::move(source));
+}
+
+ScreenRef currentScreen() {
+    auto source = windowSource().get();
+    if (!source) {
+        return nullptr;
+    }
+    auto windows = source->windows();
+    for (auto it = windows.rbegin(); it != windows.rend(); ++it) {
+        if (it->isKeyWindow) {
+            return it->rootViewController;
+        }
+    }
+    return nullptr;
+}
+
+// ---- AutoLifeCyle
+
+AutoLifeCyle& AutoLifeCyle::shared() {
+    return detail::SharedInstance<AutoLifeCyle, 300>::get();
+}
+
+AutoLifeCyle::~AutoLifeCyle() {
+    stop();
+}
+
+void AutoLifeCyle::start() {
+    auto& center = NotificationCenter::defaultCenter();
+    stop();  // one registration per name, whatever the number of starts
+    center.addObserver(this, kAutoNames[0],
+                       [](const Notification&) { AutoLifeCyle::shared().didEnterBackground(); });
+    center.addObserver(this, kAutoNames[1],
+                       [](const Notification&) { AutoLifeCyle::shared().willEnterForeground(); });
+    center.addObserver(this, kAutoNames[2],
+                       [](const Notification&) { AutoLifeCyle::shared().willTerminate(); });
+}
+
+void AutoLifeCyle::stop() {
+    for (const char* name : kAutoNames) {
+        NotificationCenter::defaultCenter().removeObserver(this, name);
+    }
+}
+
+bool AutoLifeCyle::isObserving() const {
+    return NotificationCenter::defaultCenter().observerCount(kAutoNames[0]) > 0;
+}
+
+void AutoLifeCyle::didEnterBackground() {
+    if (auto screen = currentScreen()) {
+        EventManager::shared().sendAppBackgroundEvent(screen, std::nullopt);
+    }
+}
+
+void AutoLifeCyle::willEnterForeground() {
+    if (auto screen = currentScreen()) {
+        EventManager::shared().sendAppForegroundEvent(screen, std::nullopt);
+    }
+}
+
+// ---- ActivityLifeCycle
+
+ActivityLifeCycle& ActivityLifeCycle::shared() {
+    return detail::SharedInstance<ActivityLifeCycle, 300>::get();
+}
+
+ActivityLifeCycle::~ActivityLifeCycle() {
+    stop();
+}
+
+void ActivityLifeCycle::start() {
+    auto& center = NotificationCenter::defaultCenter();
+    stop();
+    center.addObserver(this, kActivityNames[0], [](const Notification& n) {
+        ActivityLifeCycle::shared().pageIn(screenOf(n));
+    });
+    center.addObserver(this, kActivityNames[1], [](const Notification& n) {
+        ActivityLifeCycle::shared().pageOut(screenOf(n));
+    });
+    center.addObserver(this, kActivityNames[2],
+                       [](const Notification&) { ActivityLifeCycle::shared().willTerminate(); });
+}
+
+void ActivityLifeCycle::stop() {
+    for (const char* name : kActivityNames) {
+        NotificationCenter::defaultCenter().removeObserver(this, name);
+    }
+}
+
+bool ActivityLifeCycle::isObserving() const {
+    return NotificationCenter::defaultCenter().observerCount(kActivityNames[0]) > 0;
+}
+
+void ActivityLifeCycle::pageIn(const ScreenRef& screen) {
+    if (screen) {
+        EventManager::shared().sendPageInEvent(screen, std::nullopt);
+    }
+}
+
+void ActivityLifeCycle::pageOut(const ScreenRef& screen) {
+    if (screen) {
+        EventManager::shared().sendPageOutEvent(screen, std::nullopt);
+    }
+}
+
+// ---- TarnViewController
+
+ScreenRef TarnViewController::selfRef() {
+    if (auto owned = weak_from_this().lock()) {
+        return owned;
+    }
+    // Not held by a shared_ptr: hand out a reference that does not own the screen.
+    return ScreenRef(ScreenRef{}, static_cast<Screen*>(this));
+}
+
+void TarnViewController::viewDidAppear(bool /*animated*/) {
+    NotificationCenter::defaultCenter().post(kTarnPageInNotification, selfRef());
+}
+
+void TarnViewController::viewWillDisappear(bool /*animated*/) {
+    NotificationCenter::defaultCenter().post(kTarnPageOutNotification, selfRef());
+}
+
+}  // namespace tarn

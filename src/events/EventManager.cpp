@@ -1,0 +1,384 @@
+#include "tarn/events/EventManager.h"
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <typeinfo>
+
+#include "tarn/config/ConfigManager.h"
+#include "tarn/config/Preferences.h"
+#include "tarn/core/Log.h"
+#include "tarn/core/Settings.h"
+#include "tarn/core/Tarn.h"
+#include "tarn/events/EventQueueManager.h"
+#include "tarn/events/NotificationSettings.h"
+#include "tarn/inapp/AppCommunicationCoding.h"
+#include "tarn/inapp/InAppManager.h"
+#include "tarn/store/ConversionManager.h"
+#include "tarn/store/CoreDataManager.h"
+
+namespace tarn {
+
+namespace {
+
+std::optional<std::string> pageNameOf(const ScreenRef& controller,
+                                      const std::optional<std::string>& pageName) {
+    if (pageName) {
+        return pageName;
+    }
+    if (controller) {
+        return controller->className();
+    }
+    return std::nullopt;
+}
+
+bool armsConversion(const EventRecord& record) {
+    if (const auto* inApp = dynamic_cast<const InAppEvent*>(&record)) {
+        return inApp->inAppEventType == InAppEventType::opened;
+    }
+    if (const auto* push = dynamic_cast<const PushNotificationEvent*>(&record)) {
+        return push->eventType == PushNotificationEventType::onBodyClick;
+    }
+    return false;
+}
+
+bool eventsBlocked() {
+    auto session = TarnSession::shared().appCommunication();
+    return session && session->configuration &&
+           session->configuration->blockAllEvents.value_or(false);
+}
+
+}  // namespace
+
+EventManager& EventManager::shared() {
+    return detail::SharedInstance<EventManager, 300>::get();
+}
+
+template <class Record>
+Record EventManager::makeRecord(TarnEventType type) {
+    Record record;
+    record.journeys = processSettings().journeys.get();
+    record.actorId = Tarn::shared().actorId.get();
+    record.name = rawValue(type);
+    return record;
+}
+
+void EventManager::send(EventRecord& record) {
+    if (eventsBlocked()) {
+        log(record.name + " was not saved: the server configuration blocks all events.", logtag);
+        return;
+    }
+    // 0. A communication the user saw arms its conversion before anything else.
+    if (auto reported = record.reportedCommunication();
+        reported && reported->conversionEvent && armsConversion(record)) {
+        ConversionManager::shared().armConversion(reported->code, reported->conversionEvent,
+                                                  record.name);
+    }
+    // 1. Does this event complete an armed conversion?
+    if (auto code = ConversionManager::shared().checkConversion(record.name)) {
+        record.communucationCode = code;
+    }
+    // 2. Serialise and store.
+    auto dictionary = record.dictionary();
+    std::string text;
+    try {
+        text = dictionary.dump();
+    } catch (const nlohmann::json::exception&) {
+        return;  // not serialisable (for example invalid UTF-8 from the host): dropped
+    }
+    CoreDataManager::shared().saveEventToQueue(text, Date::now(), dictionary);
+    // 3. Make sure the queue drains.
+    auto& queue = EventQueueManager::shared();
+    if (!queue.isTimerActive.load()) {
+        queue.startTimer();
+    }
+    queue.isTimerActive = true;
+}
+
+void EventManager::sendInitializeEvent() {
+    NotificationManager::shared().refreshPermission();
+    auto record = makeRecord<InitializeEvent>(TarnEventType::sdkInitialize);
+    send(record);
+}
+
+void EventManager::sendInstallEvent(const std::string& actorId) {
+    NotificationManager::shared().refreshPermission();
+    auto record = makeRecord<InstallEvent>(TarnEventType::install);
+    record.actorId = actorId;
+    auto configured = Tarn::shared().configuration.get();
+    if (configured && configured->actorId && !configured->actorId->empty()) {
+        record.configurationActorId = configured->actorId;
+    }
+    // An install without the host's own identifier runs under a generated guest identifier.
+    record.anonymous = !record.configurationActorId.has_value();
+    send(record);
+}
+
+void EventManager::sendPushTokenChangeEvent(TokenProviderType tokenProvider) {
+    NotificationManager::shared().refreshPermission();
+    auto record = makeRecord<PushTokenChangeEvent>(TarnEventType::pushTokenChange);
+    record.tokenProvider = tokenProvider;
+    send(record);
+}
+
+void EventManager::sendActorChangeEvent(const std::string& oldActorId,
+                                        const std::string& newActorId) {
+    NotificationManager::shared().refreshPermission();
+    auto record = makeRecord<ActorChangeEvent>(TarnEventType::actorChange);
+    record.actorId = oldActorId;
+    record.newActorId = newActorId;
+    send(record);
+}
+
+void EventManager::sendCustomEvent(const ScreenRef& controller,
+                                   const std::optional<std::string>& pageName,
+                                   const std::string& eventName,
+                                   const std::optional<nlohmann::json>& initialParameters,
+                                   const ActionCallback& onActionRequired) {
+    NotificationManager::shared().refreshPermission();
+    CustomEvent record;
+    record.journeys = processSettings().journeys.get();
+    record.actorId = Tarn::shared().actorId.get();
+    record.name = eventName;
+    record.pageName = pageName;
+    if (controller) {
+        record.controller = controller->className();
+    }
+    record.initialParameters = initialParameters;
+    send(record);
+    InAppManager::shared().handlePopupAction(eventName, controller, pageName, onActionRequired);
+}
+
+void EventManager::sendLoginEvent(const ScreenRef& controller,
+                                  const std::optional<std::string>& pageName,
+                                  const std::optional<nlohmann::json>& initialParameters) {
+    NotificationManager::shared().refreshPermission();
+    auto record = makeRecord<LoginEvent>(TarnEventType::login);
+    record.pageName = pageName;
+    if (controller) {
+        record.controller = controller->className();
+    }
+    record.initialParameters = initialParameters;
+    send(record);
+}
+
+void EventManager::sendLogoutEvent() {
+    NotificationManager::shared().refreshPermission();
+    auto record = makeRecord<LogoutEvent>(TarnEventType::logout);
+    send(record);
+}
+
+void EventManager::sendPage(PageInOutEventType type, const ScreenRef& controller,
+                            const std::optional<std::string>& pageName) {
+    NotificationManager::shared().refreshPermission();
+    auto record = makeRecord<PageInOutEvent>(
+        type == PageInOutEventType::pageIn ? TarnEventType::pageIn : TarnEventType::pageOut);
+    record.eventType = type;
+    record.pageName = pageNameOf(controller, pageName);
+    send(record);
+}
+
+void EventManager::sendPageInEvent(const ScreenRef& controller,
+                                   const std::optional<std::string>& pageName) {
+    sendPage(PageInOutEventType::pageIn, controller, pageName);
+}
+
+void EventManager::sendPageOutEvent(const ScreenRef& controller,
+                                    const std::optional<std::string>& pageName) {
+    sendPage(PageInOutEventType::pageOut, controller, pageName);
+}
+
+void EventManager::sendGround(TarnEventType type, const ScreenRef& controller,
+                              const std::optional<std::string>& pageName) {
+    NotificationManager::shared().refreshPermission();
+    auto record = makeRecord<AppGroundStatusEvent>(type);
+    record.pageName = pageNameOf(controller, pageName);
+    send(record);
+}
+
+void EventManager::sendAppBackgroundEvent(const ScreenRef& controller,
+                                          const std::optional<std::string>& pageName) {
+    sendGround(TarnEventType::appBackground, controller, pageName);
+}
+
+void EventManager::sendAppForegroundEvent(const ScreenRef& controller,
+                                          const std::optional<std::string>& pageName) {
+    sendGround(TarnEventType::appForeground, controller, pageName);
+}
+
+void EventManager::sendApplicationErrorEvent(const std::string& errorMessage,
+                                             const std::string& errorType) {
+    NotificationManager::shared().refreshPermission();
+    auto record = makeRecord<ApplicationErrorEvent>(TarnEventType::applicationError);
+    record.errorMessage = errorMessage;
+    record.errorType = errorType;
+    send(record);
+}
+
+void EventManager::sendPushNotificationEvent(const nlohmann::json& userInfo,
+                                             PushNotificationEventType kind) {
+    NotificationManager::shared().refreshPermission();
+    auto record = makeRecord<PushNotificationEvent>(eventType(kind));
+    record.eventType = kind;
+    // The push item travels as JSON text under "data" (or, from some senders, as an object).
+    std::optional<NotificationAppCommunicationItem> item;
+    if (userInfo.is_object()) {
+        auto data = userInfo.find("data");
+        if (data != userInfo.end() && data->is_string()) {
+            if (auto decoded = decodeNotificationAppCommunicationItem(data->get<std::string>())) {
+                item = decoded.value();
+            }
+        } else if (data != userInfo.end() && data->is_object()) {
+            if (auto decoded = decodeJson<NotificationAppCommunicationItem>(*data)) {
+                item = decoded.value();
+            }
+        }
+        auto text = [&](const char* key) -> std::optional<std::string> {
+            auto it = userInfo.find(key);
+            return it != userInfo.end() && it->is_string() ? std::optional(it->get<std::string>())
+                                                           : std::nullopt;
+        };
+        record.buttonId = text("buttonId");
+        record.buttonText = text("buttonText");
+    }
+    if (item) {
+        record.code = item->code.value_or("");
+        record.communicationId = item->uuid;
+        record.customApplicationName = item->applicationName;
+        record.conversionEvent = item->conversionEvent;
+        record.pushTokenForNotification =
+            item->pushToken.value_or(Tarn::shared().tarnPushToken.get());
+        if (item->journey) {
+            record.journeys = {*item->journey};
+        }
+    } else {
+        record.pushTokenForNotification = Tarn::shared().tarnPushToken.get();
+    }
+    send(record);
+}
+
+void EventManager::sendInAppEvent(InAppEventType kind, const AppCommunicationItem& communication,
+                                  const std::optional<std::string>& pageName,
+                                  const ScreenRef& controller,
+                                  const std::optional<AppCommunicationButton>& button) {
+    NotificationManager::shared().refreshPermission();
+    auto fill = [&](InAppEvent& record) {
+        record.journeys = {communication.journey.value_or("ALL")};
+        record.actorId = Tarn::shared().actorId.get();
+        record.name = rawValue(eventType(kind));
+        record.pageName = pageNameOf(controller, pageName);
+        record.communication = communication;
+        record.inAppEventType = kind;
+        record.conversionEvent = communication.conversionEvent;
+    };
+    if (kind == InAppEventType::buttonClicked) {
+        InAppButtonClickedEvent record;
+        fill(record);
+        record.button = button.value_or(AppCommunicationButton{});
+        send(record);
+    } else {
+        InAppEvent record;
+        fill(record);
+        send(record);
+    }
+}
+
+// ---- TarnEvent: the public calls and their gates
+
+TarnEvent& TarnEvent::shared() {
+    return detail::SharedInstance<TarnEvent, 300>::get();
+}
+
+void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string> pageName,
+                                const std::string& eventName,
+                                std::optional<nlohmann::json> initialParameters,
+                                ActionCallback onActionRequired) {
+    EventManager::shared().sendCustomEvent(controller, pageName, eventName, initialParameters,
+                                           onActionRequired);
+}
+
+void TarnEvent::sendLoginEvent(ScreenRef controller, std::optional<std::string> pageName,
+                               const std::string& actorID,
+                               std::optional<nlohmann::json> initialParameters) {
+    auto& tarn = Tarn::shared();
+    tarn.loggedIn = true;
+    tarn.configManager.updateActorId(actorID);
+    EventManager::shared().sendLoginEvent(controller, pageName, initialParameters);
+}
+
+void TarnEvent::sendLogoutEvent() {
+    auto& tarn = Tarn::shared();
+    tarn.loggedIn = false;
+    EventManager::shared().sendLogoutEvent();
+    auto guest = PreferencesManager::shared().stringValue(PreferenceKey::guestActorId).value_or("");
+    tarn.configManager.updateActorId(guest);
+}
+
+void TarnEvent::sendPageInEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    if (!Tarn::shared().isSendActivityLifeCycleEventEnabled.load() && controller) {
+        EventManager::shared().sendPageInEvent(controller, pageName);
+    }
+}
+
+void TarnEvent::sendPageOutEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    if (!Tarn::shared().isSendActivityLifeCycleEventEnabled.load() && controller) {
+        EventManager::shared().sendPageOutEvent(controller, pageName);
+    }
+}
+
+void TarnEvent::sendAppBackgroundEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    if (!Tarn::shared().applicationLifecyleAuto.load() && controller) {
+        EventManager::shared().sendAppBackgroundEvent(controller, pageName);
+    }
+}
+
+void TarnEvent::sendAppForegroundEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    if (!Tarn::shared().applicationLifecyleAuto.load() && controller) {
+        EventManager::shared().sendAppForegroundEvent(controller, pageName);
+    }
+}
+
+namespace {
+
+std::string demangledTypeName(const std::type_info& type) {
+    int status = 0;
+    char* name = abi::__cxa_demangle(type.name(), nullptr, nullptr, &status);
+    std::string result = status == 0 && name ? name : type.name();
+    std::free(name);
+    return result;
+}
+
+}  // namespace
+
+void TarnEvent::sendApplicationErrorEvent(const std::exception& error) {
+    EventManager::shared().sendApplicationErrorEvent(error.what(),
+                                                     demangledTypeName(typeid(error)));
+}
+
+void TarnEvent::sendApplicationErrorEvent(const std::error_code& error) {
+    EventManager::shared().sendApplicationErrorEvent(
+        error.message(),
+        std::string(error.category().name()) + ":" + std::to_string(error.value()));
+}
+
+void TarnEvent::sendPushNotificationClickedEvent(const nlohmann::json& notification) {
+    EventManager::shared().sendPushNotificationEvent(notification,
+                                                     PushNotificationEventType::onBodyClick);
+}
+
+void TarnEvent::sendPushNotificationDismissedEvent(const nlohmann::json& notification) {
+    EventManager::shared().sendPushNotificationEvent(notification,
+                                                     PushNotificationEventType::onDismiss);
+}
+
+void TarnEvent::sendPushNotificationReceivedEvent(const nlohmann::json& notification) {
+    EventManager::shared().sendPushNotificationEvent(notification,
+                                                     PushNotificationEventType::received);
+}
+
+void TarnEvent::sendPushNotificationDeniedEvent(const nlohmann::json& notification) {
+    EventManager::shared().sendPushNotificationEvent(notification,
+                                                     PushNotificationEventType::denied);
+}
+
+}  // namespace tarn
