@@ -107,6 +107,10 @@ bool DevServer::waitForEvents(std::size_t count, std::chrono::milliseconds timeo
 
 bool DevServer::start(std::string* error) {
     server_ = std::make_unique<httplib::Server>();
+    // Without this, answers on a reused connection wait for the client's delayed ACK (~40 ms).
+    server_->set_tcp_nodelay(true);
+    // An idle kept-alive connection holds a worker until this timeout, and stop() waits for it.
+    server_->set_keep_alive_timeout(1);
     auto handler = [this](const httplib::Request& request, httplib::Response& response) {
         Answer answer = handle(request.method, request.path, request.body,
                                request.get_header_value("Authorization"));
@@ -134,7 +138,11 @@ bool DevServer::start(std::string* error) {
     }
     thread_ = std::thread([this] { server_->listen_after_bind(); });
     // The socket already listens: connections made before the accept loop runs wait in its
-    // backlog.
+    // backlog. cpp-httplib ignores stop() until that loop runs, so wait for it here.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!server_->is_running() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     return true;
 }
 
