@@ -95,6 +95,11 @@ std::vector<ReceivedEvent> DevServer::events() const {
     return events_;
 }
 
+std::vector<ReceivedEvent> DevServer::eventAttempts() const {
+    std::lock_guard lock(mutex_);
+    return attempts_;
+}
+
 std::uint64_t DevServer::requestCount() const {
     std::lock_guard lock(mutex_);
     return requests_.size();
@@ -212,6 +217,13 @@ DevServer::Answer DevServer::handle(const std::string& method, const std::string
         answer = {404, errorBody("not found"), "unknown path"};
     }
     record.status = answer.status;
+    std::optional<ReceivedEvent> attempt = event;
+    if (!attempt && path == kEventPath) {
+        attempt = parseEvent(body);
+    }
+    if (attempt) {
+        attempt->status = answer.status;
+    }
 
     std::function<void(const ReceivedRequest&)> requestObserver;
     std::function<void(const ReceivedEvent&)> eventObserver;
@@ -228,6 +240,10 @@ DevServer::Answer DevServer::handle(const std::string& method, const std::string
         }
         record.summary = line.str();
         requests_.push_back(record);
+        if (attempt) {
+            attempt->sequence = record.sequence;
+            attempts_.push_back(*attempt);
+        }
         if (event) {
             event->sequence = record.sequence;
             events_.push_back(*event);
@@ -344,9 +360,23 @@ DevServer::Answer DevServer::handleEvent(const std::string& body, const std::str
     if (!authorized(authorization)) {
         return {401, errorBody("invalid_token"), "missing, unknown or expired token"};
     }
+    auto parsed = parseEvent(body);
+    if (!parsed) {
+        return {400, errorBody("invalid_event"), "the body is not a JSON object"};
+    }
+    ReceivedEvent received = std::move(*parsed);
+    std::string summary = "event \"" + received.name + "\" actor " + received.actorId;
+    if (received.conversionCode) {
+        summary += " conversion " + *received.conversionCode;
+    }
+    event = std::move(received);
+    return {200, nlohmann::json{{"status", "OK"}}.dump(), summary};
+}
+
+std::optional<ReceivedEvent> DevServer::parseEvent(const std::string& body) {
     auto json = nlohmann::json::parse(body, nullptr, false);
     if (!json.is_object()) {
-        return {400, errorBody("invalid_event"), "the body is not a JSON object"};
+        return std::nullopt;
     }
     ReceivedEvent received;
     received.name = stringAt(json, "name").value_or("");
@@ -357,12 +387,7 @@ DevServer::Answer DevServer::handleEvent(const std::string& body, const std::str
         received.communicationCode = stringAt(*parameters, "communicationCode");
     }
     received.body = std::move(json);
-    std::string summary = "event \"" + received.name + "\" actor " + received.actorId;
-    if (received.conversionCode) {
-        summary += " conversion " + *received.conversionCode;
-    }
-    event = std::move(received);
-    return {200, nlohmann::json{{"status", "OK"}}.dump(), summary};
+    return received;
 }
 
 }  // namespace tarn::devserver

@@ -81,9 +81,11 @@ struct ReceivedRequest {
     std::string summary;
 };
 
-/// An event that the event endpoint accepted (answered with 200).
+/// An event sent to the event endpoint: accepted (status 200) or refused (a fault, a bad token).
 struct ReceivedEvent {
     std::uint64_t sequence = 0;
+    /// The status it was answered with.
+    int status = 200;
     std::string name;
     std::string actorId;
     /// "parameters"."conversionCommunicationCode", when the event completes a conversion.
@@ -120,7 +122,10 @@ class DevServer {
     void setNoticeObserver(std::function<void(const std::string&)> observer);
 
     std::vector<ReceivedRequest> requests() const;
+    /// The accepted events, in the order they arrived.
     std::vector<ReceivedEvent> events() const;
+    /// Every request to the event endpoint whose body is a JSON object, accepted or not, in order.
+    std::vector<ReceivedEvent> eventAttempts() const;
     std::uint64_t requestCount() const;
     /// Waits until at least `count` events have been accepted or `timeout` passes.
     bool waitForEvents(std::size_t count, std::chrono::milliseconds timeout) const;
@@ -134,6 +139,7 @@ class DevServer {
     Answer handleEvent(const std::string& body, const std::string& authorization,
                        std::optional<ReceivedEvent>& event);
     bool authorized(const std::string& authorization);
+    static std::optional<ReceivedEvent> parseEvent(const std::string& body);
     std::string inappAnswerText();
     void notice(const std::string& text);
 
@@ -150,6 +156,7 @@ class DevServer {
     std::uint64_t eligible_ = 0;
     std::vector<ReceivedRequest> requests_;
     std::vector<ReceivedEvent> events_;
+    std::vector<ReceivedEvent> attempts_;
     std::vector<std::pair<std::string, std::chrono::steady_clock::time_point>> tokens_;
     std::function<void(const ReceivedRequest&)> requestObserver_;
     std::function<void(const ReceivedEvent&)> eventObserver_;

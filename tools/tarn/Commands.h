@@ -50,6 +50,10 @@ struct DemoOptions {
     bool quiet = false;
     bool verbose = false;
     double timeout = 30;
+    /// Share of event requests the server fails (the library drops an event whose sending fails,
+    /// so a share above 0 makes the demo fail: a way to see what a host loses under faults).
+    double faultShare = 0;
+    int faultStatus = 500;
 };
 
 /// `tarn demo`: a host's user journey against the development server on a loopback port.

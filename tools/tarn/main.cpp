@@ -39,6 +39,16 @@ int main(int argc, char** argv) {
         ->default_val(30)
         ->check(CLI::PositiveNumber);
 
+    demoCommand
+        ->add_option("--fault-share", demo.faultShare,
+                     "Share of event requests (0 to 1) the server fails, spread evenly; the "
+                     "library drops such events, so the demo then reports them missing")
+        ->default_val(0)
+        ->check(CLI::Range(0.0, 1.0));
+    demoCommand->add_option("--fault-status", demo.faultStatus, "Status code of failed events")
+        ->default_val(500)
+        ->check(CLI::Range(100, 599));
+
     ServeOptions serve;
     auto* serveCommand = app.add_subcommand(
         "serve",
