@@ -310,6 +310,12 @@ bool DevServer::authorized(const std::string& authorization) {
     return false;
 }
 
+void DevServer::loadInAppFile() {
+    if (!options_.inappFile.empty()) {
+        inappAnswerText();
+    }
+}
+
 std::string DevServer::inappAnswerText() {
     if (options_.inappFile.empty()) {
         return options_.inappAnswer.dump();

@@ -121,6 +121,10 @@ class DevServer {
     /// Called with notices about the server's own inputs, e.g. an in-app file that does not decode.
     void setNoticeObserver(std::function<void(const std::string&)> observer);
 
+    /// Reads the in-app file now (it is otherwise read on the first in-app request), so that a
+    /// notice says at once whether it decodes.
+    void loadInAppFile();
+
     std::vector<ReceivedRequest> requests() const;
     /// The accepted events, in the order they arrived.
     std::vector<ReceivedEvent> events() const;

@@ -109,6 +109,7 @@ int runServe(const ServeOptions& options) {
                  " ms";
     }
     emit(console, setup + "\n");
+    server.loadInAppFile();
 
     auto started = std::chrono::steady_clock::now();
     std::string reason;
@@ -128,7 +129,9 @@ int runServe(const ServeOptions& options) {
     auto requests = server.requests();
     auto events = server.events();
     emit(console, "tarn serve: stopped (" + reason + ") after " + std::to_string(requests.size()) +
-                      " requests, " + std::to_string(events.size()) + " events\n");
+                      (requests.size() == 1 ? " request, " : " requests, ") +
+                      std::to_string(events.size()) +
+                      (events.size() == 1 ? " event\n" : " events\n"));
     return 0;
 }
 
