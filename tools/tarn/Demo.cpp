@@ -104,7 +104,8 @@ json demoInAppAnswer() {
             {"configuration", configuration}};
 }
 
-/// Where the demo's own lines go, with the library's stdout taken away from it.
+/// Where the demo's own lines go, with the library's stdout taken away from it. Thread-safe: the
+/// journey, the main queue (the popup) and the server's workers (progress) all write to it.
 class Console {
   public:
     explicit Console(const DemoOptions& options, const fs::path& libraryLog) {
@@ -127,16 +128,21 @@ class Console {
         }
     }
     /// The final results (table or JSON lines).
-    void result(const std::string& text) { emit(out_, text); }
+    void result(const std::string& text) {
+        std::lock_guard lock(mutex_);
+        emit(out_, text);
+    }
     /// A step of the journey.
     void say(const std::string& text) {
+        std::lock_guard lock(mutex_);
         if (journey_) {
-            endProgress();
+            closeProgress();
             emit(journey_, text + "\n");
         }
     }
     /// A progress line, rewritten in place on a terminal.
     void progress(const std::string& text) {
+        std::lock_guard lock(mutex_);
         if (!journey_ || text == lastProgress_) {
             return;
         }
@@ -149,18 +155,24 @@ class Console {
         }
     }
     void endProgress() {
+        std::lock_guard lock(mutex_);
+        closeProgress();
+    }
+    /// A problem: always shown, on standard error.
+    void problem(const std::string& text) {
+        std::lock_guard lock(mutex_);
+        closeProgress();
+        emit(stderr, "tarn demo: " + text + "\n");
+    }
+
+  private:
+    void closeProgress() {
         if (open_) {
             emit(journey_, "\n");
             open_ = false;
         }
     }
-    /// A problem: always shown, on standard error.
-    void problem(const std::string& text) {
-        endProgress();
-        emit(stderr, "tarn demo: " + text + "\n");
-    }
-
-  private:
+    std::mutex mutex_;
     std::FILE* out_ = nullptr;
     std::FILE* journey_ = nullptr;
     bool tty_ = false;
