@@ -74,7 +74,7 @@ void AutoLifeCyle::stop() {
 }
 
 bool AutoLifeCyle::isObserving() const {
-    return NotificationCenter::defaultCenter().observerCount(kAutoNames[0]) > 0;
+    return NotificationCenter::defaultCenter().isObserving(this, kAutoNames[0]);
 }
 
 void AutoLifeCyle::didEnterBackground() {
@@ -119,7 +119,7 @@ void ActivityLifeCycle::stop() {
 }
 
 bool ActivityLifeCycle::isObserving() const {
-    return NotificationCenter::defaultCenter().observerCount(kActivityNames[0]) > 0;
+    return NotificationCenter::defaultCenter().isObserving(this, kActivityNames[0]);
 }
 
 void ActivityLifeCycle::pageIn(const ScreenRef& screen) {

@@ -233,15 +233,31 @@ MainQueueSlot& slot() {
     return s;
 }
 
+/// Drops every task: the main queue while the shared instances are being reset, so that work
+/// arriving from other threads meanwhile (an HTTP answer, say) cannot start a fresh queue that
+/// would then run against half-destroyed instances.
+class DiscardingExecutor final : public Executor {
+  public:
+    void async(Task) override {}
+    void asyncAfter(double, Task) override {}
+    bool isCurrent() const override { return false; }
+};
+
 struct MainQueueResetRegistration {
     MainQueueResetRegistration() {
-        // The main queue stops first, so no task runs while the other instances are destroyed.
+        // The main queue stops first, so no task runs while the other instances are destroyed...
         detail::registerSharedReset(0, [] {
             std::shared_ptr<Executor> old;
             {
                 std::lock_guard lock(slot().mutex);
                 old = std::move(slot().executor);
+                slot().executor = std::make_shared<DiscardingExecutor>();
             }
+        });
+        // ...and a fresh one is made on first use once they all are.
+        detail::registerSharedReset(10000, [] {
+            std::lock_guard lock(slot().mutex);
+            slot().executor = nullptr;
         });
     }
 };

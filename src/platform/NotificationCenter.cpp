@@ -54,3 +54,13 @@ std::size_t NotificationCenter::observerCount(const std::string& name) const {
 }
 
 }  // namespace tarn
+
+namespace tarn {
+
+bool NotificationCenter::isObserving(const void* owner, const std::string& name) const {
+    std::lock_guard lock(mutex_);
+    return std::any_of(entries_.begin(), entries_.end(),
+                       [&](const Entry& e) { return e.owner == owner && e.name == name; });
+}
+
+}  // namespace tarn

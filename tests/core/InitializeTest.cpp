@@ -77,7 +77,7 @@ TEST_F(InitializeTest, BadServiceFilesFailWithTheExactLinesAndPersistNothing) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        resetSharedInstancesForTesting();
+        simulateNewProcess();
         std::filesystem::remove_all(bundleDir());
         std::filesystem::create_directories(bundleDir());
         c.write(bundleDir());
@@ -155,12 +155,12 @@ TEST_F(InitializeTest, ASecondCallWithoutForceIsRefusedWithTheStatus) {
 TEST_F(InitializeTest, ASecondRunKeepsTheStoredActorAndCountsAsInstalled) {
     writeGoodServiceFile();
     run(hostConfig("first"));
-    resetSharedInstancesForTesting();  // a new process
+    simulateNewProcess();
     run(hostConfig());
     EXPECT_EQ(Tarn::shared().actorId.get(), "first");
     EXPECT_EQ(ConfigManager::shared().installationStatus.load(),
               InstallationStatus::alreadyInstalled);
-    resetSharedInstancesForTesting();
+    simulateNewProcess();
     test::LogCapture logs;
     run(hostConfig("second"));  // a different host actor replaces it silently
     EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::actorId), "second");

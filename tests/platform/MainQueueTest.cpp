@@ -95,12 +95,18 @@ TEST(ThreadExecutor, RunsSeriallyOffTheCallerAndHonoursDelays) {
 
 TEST(ThreadExecutor, MayBeReleasedFromItsOwnTask) {
     auto executor = std::make_shared<ThreadExecutor>();
+    std::weak_ptr<ThreadExecutor> watch = executor;
+    std::atomic<bool> released{false};
     std::atomic<bool> ran{false};
-    auto* raw = executor.get();
-    raw->async([held = std::move(executor), &ran]() mutable {
+    executor->async([held = executor, &released, &ran]() mutable {
+        while (!released)
+            std::this_thread::yield();
         held.reset();  // the last reference goes away on the executor's own thread
         ran = true;
     });
+    executor.reset();
+    released = true;
     while (!ran)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(watch.expired());
 }

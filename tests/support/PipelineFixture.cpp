@@ -28,8 +28,9 @@ void PipelineTest::SetUp() {
 }
 
 void PipelineTest::TearDown() {
-    server_->stop();
+    // The library goes first, closing its kept-alive connections, so the server stops at once.
     TarnTest::TearDown();
+    server_->stop();
     server_.reset();
 }
 
@@ -86,6 +87,28 @@ int PipelineTest::storedEventCount() const {
     }
     sqlite3_close(db);
     return count;
+}
+
+std::vector<nlohmann::json> PipelineTest::storedEvents() const {
+    std::vector<nlohmann::json> events;
+    if (!std::filesystem::exists(CoreDataManager::databasePath())) {
+        return events;
+    }
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(CoreDataManager::databasePath().c_str(), &db, SQLITE_OPEN_READONLY,
+                        nullptr) == SQLITE_OK) {
+        sqlite3_stmt* stmt = nullptr;
+        if (sqlite3_prepare_v2(db, "SELECT event FROM EventQueue ORDER BY timestamp", -1, &stmt,
+                               nullptr) == SQLITE_OK) {
+            while (sqlite3_step(stmt) == SQLITE_ROW) {
+                const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+                events.push_back(nlohmann::json::parse(text ? text : "null", nullptr, false));
+            }
+        }
+        sqlite3_finalize(stmt);
+    }
+    sqlite3_close(db);
+    return events;
 }
 
 void PipelineTest::insertRawEvent(const std::string& text, double timestamp) const {

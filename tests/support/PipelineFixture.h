@@ -40,6 +40,8 @@ class PipelineTest : public TarnTest {
     std::vector<std::string> receivedNames() const;
     /// Rows in the local queue, read with SQLite directly.
     int storedEventCount() const;
+    /// The stored event bodies, oldest first, read with SQLite directly.
+    std::vector<nlohmann::json> storedEvents() const;
     /// Inserts a raw row into the local queue, bypassing the library.
     void insertRawEvent(const std::string& text, double timestamp) const;
 

@@ -113,6 +113,12 @@ void TarnTest::TearDown() {
     temp_.reset();
 }
 
+void TarnTest::simulateNewProcess() {
+    resetSharedInstancesForTesting();
+    queue_ = std::make_shared<ManualExecutor>();
+    setMainQueue(queue_);
+}
+
 bool TarnTest::pumpUntil(const std::function<bool()>& done, double step,
                          std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;

@@ -69,6 +69,9 @@ class TarnTest : public ::testing::Test {
     std::filesystem::path dataDir() const { return temp_->path() / "data"; }
     std::filesystem::path bundleDir() const { return temp_->path() / "bundle"; }
     ManualExecutor& queue() { return *queue_; }
+    /// Drops every shared instance and the main queue, as a new process would start, and installs
+    /// a fresh manual main queue. The data folder and the bundle stay.
+    void simulateNewProcess();
     /// Advances the manual main queue in small steps until `done` holds or `timeout` of wall time
     /// passes; each step moves virtual time by `step` seconds.
     bool pumpUntil(const std::function<bool()>& done, double step = 0.05,

@@ -62,6 +62,8 @@ class NotificationCenter {
     }
 
     std::size_t observerCount(const std::string& name) const;
+    /// Whether `owner` observes `name`.
+    bool isObserving(const void* owner, const std::string& name) const;
 
   private:
     struct Entry {
