@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# The main job: installs what is missing, builds, and runs the demo host against its own server.
+# The main job: installs what is missing, builds the `tarn` command and runs its demo: a host's
+# user journey against the development server on a loopback port. Arguments go to `tarn demo`
+# (try --help, --json, --keep, --verbose).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/setup.sh
 cmake --preset default >/dev/null
-cmake --build --preset default -j "$(nproc)" --target tarn_example_host
-exec build/default/tools/tarn_example_host "$@"
+cmake --build --preset default -j "$(nproc)" --target tarn
+exec build/default/tools/tarn demo "$@"

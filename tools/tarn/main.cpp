@@ -1,0 +1,147 @@
+// The `tarn` command: a development companion for hosts of the library.
+//
+//   tarn demo                 a host's user journey against the development server
+//   tarn serve                the development server for host developers
+//   tarn check service FILE   checks a TarnService-Info.plist
+//   tarn check inapp FILE     checks an in-app answer against the wire model
+#include <CLI/CLI.hpp>
+
+#include "Commands.h"
+
+int main(int argc, char** argv) {
+    using namespace tarn::cli;
+    CLI::App app{
+        "Development companion for TarniOSCommonKit hosts: a demo, a dev server and "
+        "checks for the files a host ships or serves.",
+        "tarn"};
+    app.require_subcommand(1);
+    app.set_help_all_flag("--help-all", "Help for every subcommand");
+
+    DemoOptions demo;
+    auto* demoCommand = app.add_subcommand(
+        "demo",
+        "Run a user's journey (install, login, pages, a popup and its button, a purchase that "
+        "converts, logout) against the dev server on a loopback port, then list what the server "
+        "received. Exit status 0 only when every expected event arrived.");
+    demoCommand->add_flag("--keep", demo.keep,
+                          "Keep the temporary folder (bundle, data folder, library log)");
+    demoCommand->add_flag("--json", demo.json,
+                          "Print the received events as JSON lines on standard output (the "
+                          "journey goes to standard error)");
+    auto* quiet = demoCommand->add_flag("-q,--quiet", demo.quiet,
+                                        "Print only the final table (or JSON lines) and problems");
+    demoCommand
+        ->add_flag("-v,--verbose", demo.verbose,
+                   "Show the library's own log lines (otherwise they go to the log file in the "
+                   "temporary folder)")
+        ->excludes(quiet);
+    demoCommand->add_option("--timeout", demo.timeout, "Seconds to wait for the queue to drain")
+        ->default_val(30)
+        ->check(CLI::PositiveNumber);
+
+    demoCommand
+        ->add_option("--fault-share", demo.faultShare,
+                     "Share of event requests (0 to 1) the server fails, spread evenly; the "
+                     "library drops such events, so the demo then reports them missing")
+        ->default_val(0)
+        ->check(CLI::Range(0.0, 1.0));
+    demoCommand->add_option("--fault-status", demo.faultStatus, "Status code of failed events")
+        ->default_val(500)
+        ->check(CLI::Range(100, 599));
+
+    ServeOptions serve;
+    auto* serveCommand = app.add_subcommand(
+        "serve",
+        "Run the dev server: the token, in-app and event endpoints on 127.0.0.1. The first line "
+        "printed names the bound address. Stops on SIGINT/SIGTERM, --max-requests or "
+        "--duration.");
+    serveCommand->add_option("--host", serve.host, "Address to bind")->default_val("127.0.0.1");
+    serveCommand->add_option("-p,--port", serve.port, "Port to bind; 0 picks a free one")
+        ->default_val(8080)
+        ->check(CLI::Range(0, 65535));
+    serveCommand->add_flag("--allow-remote", serve.allowRemote,
+                           "Allow binding an address other than a loopback one");
+    serveCommand
+        ->add_option("--client-id", serve.clientId,
+                     "Client identifier the token "
+                     "endpoint accepts")
+        ->default_val("dev-client");
+    serveCommand
+        ->add_option("--client-secret", serve.clientSecret,
+                     "Client secret the token endpoint accepts")
+        ->default_val("dev-secret");
+    serveCommand
+        ->add_option("--expires-in", serve.expiresIn,
+                     "Lifetime of issued tokens in seconds; older tokens get 401")
+        ->default_val(300)
+        ->check(CLI::PositiveNumber);
+    serveCommand->add_flag("--accept-any-token", serve.acceptAnyToken,
+                           "Do not check the Authorization header of in-app and event requests");
+    serveCommand
+        ->add_option("--inapp", serve.inappFile,
+                     "JSON file served as the in-app answer, re-read when it changes (default: "
+                     "an answer with a configuration block and no communications)")
+        ->check(CLI::ExistingFile);
+    serveCommand->add_option("--events-file", serve.eventsFile,
+                             "Append every received event to this file as a JSON line");
+    serveCommand->add_flag("--json", serve.json,
+                           "Print each received event as a JSON line instead of a summary line");
+    serveCommand->add_option("--fault-status", serve.faultStatus, "Status code of faulty answers")
+        ->default_val(503)
+        ->check(CLI::Range(100, 599));
+    serveCommand
+        ->add_option("--fault-share", serve.faultShare,
+                     "Share of requests (0 to 1) answered with --fault-status, spread "
+                     "evenly: 0.25 fails every fourth request")
+        ->default_val(0)
+        ->check(CLI::Range(0.0, 1.0));
+    serveCommand->add_option("--delay", serve.delayMs, "Milliseconds to hold answers")
+        ->default_val(0)
+        ->check(CLI::Range(0, 600000));
+    serveCommand
+        ->add_option("--delay-share", serve.delayShare,
+                     "Share of requests (0 to 1) held by --delay, spread evenly")
+        ->default_val(1)
+        ->check(CLI::Range(0.0, 1.0));
+    serveCommand->add_option("--fault-path", serve.faultPaths,
+                             "Limit faults and delays to this endpoint path (repeatable)");
+    serveCommand->add_option("--max-requests", serve.maxRequests,
+                             "Stop after answering this many requests");
+    serveCommand->add_option("--duration", serve.duration, "Stop after this many seconds")
+        ->check(CLI::NonNegativeNumber);
+
+    auto* check = app.add_subcommand("check", "Check a file a host ships or a server answers");
+    check->require_subcommand(1);
+    std::string serviceFile;
+    auto* checkService = check->add_subcommand(
+        "service",
+        "Check a TarnService-Info plist (XML or binary): DOMAIN, CLIENT_ID and CLIENT_SECRET "
+        "present as strings, DOMAIN usable as the base of the endpoint URLs. Exit status 1 with "
+        "one line per problem.");
+    checkService->add_option("FILE", serviceFile, "The plist file")->required();
+    std::string inappFile;
+    bool strict = false;
+    auto* checkInapp = check->add_subcommand(
+        "inapp",
+        "Check an in-app answer against the wire model: one line with the path of the fault per "
+        "broken communication, warnings for values the library ignores, and a table of the "
+        "communications. Exit status 1 when any part fails to decode.");
+    checkInapp->add_option("FILE", inappFile, "The JSON file")->required();
+    checkInapp->add_flag("--strict", strict, "Exit with status 1 on warnings too");
+
+    CLI11_PARSE(app, argc, argv);
+
+    if (*demoCommand) {
+        return runDemo(demo);
+    }
+    if (*serveCommand) {
+        return runServe(serve);
+    }
+    if (*checkService) {
+        return runCheckService(serviceFile);
+    }
+    if (*checkInapp) {
+        return runCheckInapp(inappFile, strict);
+    }
+    return 2;
+}
