@@ -254,6 +254,29 @@ void BM_CustomEventBody(benchmark::State& state) {
 }
 BENCHMARK(BM_CustomEventBody)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
+/// Device facts that cost nothing: what a body costs without the system's device readings.
+class FixedDeviceInfo final : public tarn::DeviceInfoProvider {
+  public:
+    std::string batteryLevel() override { return "87"; }
+    std::optional<std::string> networkStatus() override { return "WIFI"; }
+    std::string availableDiskCapacity() override { return "51234567890"; }
+    std::string totalDiskCapacity() override { return "256000000000"; }
+    std::string deviceId() override { return "5D3C6E1A-9B7F-5C2D-8E4A-1F0B3A6C9D2E"; }
+    std::string modelName() override { return "x86_64"; }
+    std::string osVersion() override { return "6.1.0"; }
+    std::string timeZone() override { return "Europe/Istanbul"; }
+    std::optional<std::pair<double, double>> location() override { return std::nullopt; }
+};
+
+/// The same body with the device facts from `FixedDeviceInfo`: the share of building and
+/// serialising alone.
+void BM_CustomEventBody_FixedDeviceFacts(benchmark::State& state) {
+    tarn::setDeviceInfoProvider(std::make_shared<FixedDeviceInfo>());
+    BM_CustomEventBody(state);
+    tarn::setDeviceInfoProvider(nullptr);
+}
+BENCHMARK(BM_CustomEventBody_FixedDeviceFacts)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
 /// Selecting the communication for an event among 1,000: the last item matches, its show count is
 /// used up, so nothing is presented ("popup reached max show count!").
 void BM_HandlePopupAction_LastOf1000(benchmark::State& state) {
