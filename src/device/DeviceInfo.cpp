@@ -1,7 +1,9 @@
 #include "tarn/device/DeviceInfo.h"
 
+#include <unistd.h>
 #include <uuid/uuid.h>
 
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -44,10 +46,12 @@ std::string timeZoneIdentifier() {
             return value;
         }
     }
-    std::error_code ec;
-    auto target = std::filesystem::read_symlink("/etc/localtime", ec);
-    if (!ec) {
-        if (auto zone = afterZoneinfo(target.string()); zone && !zone->empty()) {
+    // One readlink call: this runs for every event.
+    char target[PATH_MAX];
+    if (auto length = ::readlink("/etc/localtime", target, sizeof target);
+        length > 0 && static_cast<std::size_t>(length) < sizeof target) {
+        if (auto zone = afterZoneinfo(std::string(target, static_cast<std::size_t>(length)));
+            zone && !zone->empty()) {
             return *zone;
         }
     }
@@ -99,6 +103,9 @@ class LinuxDeviceInfoProvider final : public DeviceInfoProvider {
     }
     std::string totalDiskCapacity() override {
         return DeviceStatusHelper::shared().totalDiskCapacity();
+    }
+    std::pair<std::string, std::string> diskCapacities() override {
+        return DeviceStatusHelper::shared().diskCapacities();
     }
     std::string deviceId() override {
         static const std::string id = vendorDeviceIdentifier();

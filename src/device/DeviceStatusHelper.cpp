@@ -1,8 +1,12 @@
 #include "tarn/device/DeviceStatusHelper.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <fstream>
 #include <limits>
@@ -26,6 +30,49 @@ std::optional<std::string> readFirstLine(const std::filesystem::path& path) {
         line.pop_back();
     }
     return line;
+}
+
+/// The serial queue of the monitor that `networkStatus` makes for one reading: the calling thread
+/// itself. That monitor is never started, so its only work is the synchronous flag update of
+/// `connection()`; running it in place spares every event a thread started and joined for it.
+/// Nothing else may be put on this queue.
+class CallerThreadQueue final : public Executor {
+  public:
+    void async(Task task) override { task(); }
+    void asyncAfter(double, Task task) override { task(); }
+    bool isCurrent() const override { return true; }
+};
+
+/// The names in `folder` other than "." and "..", in name order; none when it cannot be read.
+/// Straight directory reads (open, getdents64 until it gives nothing, close): this runs for every
+/// event, and the stream calls of `opendir` add a stat of their own.
+std::vector<std::string> sortedEntries(const std::string& folder) {
+    std::vector<std::string> names;
+    int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return names;
+    }
+    alignas(dirent64) char buffer[4096];
+    while (true) {
+        auto length = ::getdents64(fd, buffer, sizeof buffer);
+        if (length < 0 && errno == EINTR) {
+            continue;
+        }
+        if (length <= 0) {
+            break;
+        }
+        for (decltype(length) at = 0; at < length;) {
+            const auto* entry = reinterpret_cast<const dirent64*>(buffer + at);
+            std::string_view name = entry->d_name;
+            if (name != "." && name != "..") {
+                names.emplace_back(name);
+            }
+            at += entry->d_reclen;
+        }
+    }
+    ::close(fd);
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 }  // namespace
@@ -70,14 +117,10 @@ std::string DeviceStatusHelper::batteryLevelText(float level) {
 }
 
 std::optional<int> DeviceStatusHelper::readBatteryCapacity(const std::filesystem::path& sysfsRoot) {
-    std::error_code ec;
-    std::vector<std::filesystem::path> supplies;
-    for (std::filesystem::directory_iterator it(sysfsRoot / "class" / "power_supply", ec), end;
-         !ec && it != end; it.increment(ec)) {
-        supplies.push_back(it->path());
-    }
-    std::sort(supplies.begin(), supplies.end());
-    for (const auto& supply : supplies) {
+    // Plain directory calls: the listing runs for every event, mostly over an empty folder.
+    const std::string folder = (sysfsRoot / "class" / "power_supply").string();
+    for (const auto& name : sortedEntries(folder)) {
+        const std::filesystem::path supply = folder + "/" + name;
         if (readFirstLine(supply / "type") != "Battery") {
             continue;
         }
@@ -113,9 +156,10 @@ std::string DeviceStatusHelper::batteryLevel() {
 std::string DeviceStatusHelper::networkStatus() {
     // The monitor reads once and is released. Its first reading is announced like any change,
     // but onto a queue that nobody runs, so a reading for an event neither posts
-    // "reachabilityChanged" nor leaves work on the main queue; its own thread is its serial queue.
+    // "reachabilityChanged" nor leaves work on the main queue; it reads on the calling thread.
     auto discarded = std::make_shared<ManualExecutor>();
-    auto monitor = Reachability::create(DispatchQoS::defaultQoS, {}, discarded);
+    auto monitor = Reachability::create(DispatchQoS::defaultQoS,
+                                        std::make_shared<CallerThreadQueue>(), discarded);
     switch (monitor->connection()) {
         case Connection::unavailable:
             return rawValue(NetworkCapability::none);
@@ -142,6 +186,17 @@ std::string DeviceStatusHelper::availableDiskCapacity() {
         return "-1";
     }
     return std::to_string(static_cast<unsigned long long>(figures.f_bavail) * figures.f_frsize);
+}
+
+std::pair<std::string, std::string> DeviceStatusHelper::diskCapacities() {
+    struct statvfs figures {};
+    if (::statvfs(volumePath_.get().c_str(), &figures) != 0) {
+        log("Available disk capacity is unavailable", logtag);
+        log("Total disk capacity is unavailable", logtag);
+        return {"-1", "-1"};
+    }
+    return {std::to_string(static_cast<unsigned long long>(figures.f_bavail) * figures.f_frsize),
+            std::to_string(static_cast<unsigned long long>(figures.f_blocks) * figures.f_frsize)};
 }
 
 }  // namespace tarn

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -157,6 +158,134 @@ std::string interfaceOwning(const sockaddr_storage& local) {
     return found;
 }
 
+/// The default route's flags read from the kernel's present state.
+std::optional<ReachabilityFlags> readDefaultRouteFlags(std::int32_t& error) {
+    std::map<std::string, InterfaceState> interfaces;
+    std::vector<std::string> order;
+    if (!readInterfaces(interfaces, order, error)) {
+        return std::nullopt;
+    }
+    std::optional<DefaultRoute> route;
+    for (const auto& candidate : defaultRoutes()) {
+        auto it = interfaces.find(candidate.interface);
+        if (it != interfaces.end() && usable(it->second)) {
+            route = candidate;
+            break;
+        }
+    }
+    std::string carrier;
+    if (route) {
+        carrier = route->interface;
+    } else {
+        for (const auto& name : order) {
+            const auto& state = interfaces[name];
+            if (usable(state) && state.hasAddress) {
+                carrier = name;
+                break;
+            }
+        }
+    }
+    if (carrier.empty()) {
+        return ReachabilityFlags{0};
+    }
+    ReachabilityFlags flags = kReachabilityReachable;
+    if (!route || !route->hasGateway) {
+        flags |= kReachabilityIsDirect;
+    }
+    if (isCellularDevice(carrier)) {
+        flags |= kReachabilityIsWWAN;
+    }
+    return flags;
+}
+
+/// The default route's flags, read again only when the routing state may have changed.
+///
+/// Everything `readDefaultRouteFlags` depends on (the interfaces with their flags and addresses,
+/// and the IPv4 and IPv6 default routes; the kind of a device is fixed for its life) is announced
+/// by the kernel on the routing netlink groups below, and the kernel queues the announcement on
+/// every subscribed socket before the change it describes completes. So the reading kept from an
+/// earlier call is still what a fresh reading would give as long as the socket holds nothing new,
+/// and each call costs one non-blocking receive instead of an interface dump and two route
+/// tables. Any message, an overflow of the socket's queue (ENOBUFS) or a failed reading discards
+/// the kept one. Without a usable socket (netlink refused) every call reads afresh. A child
+/// process opens a socket of its own, so parent and child never take each other's messages.
+class DefaultRouteReading {
+  public:
+    static DefaultRouteReading& shared() {
+        static auto* reading = new DefaultRouteReading;  // never destroyed: used until exit
+        return *reading;
+    }
+
+    std::optional<ReachabilityFlags> flags(std::int32_t& error) {
+        std::lock_guard lock(mutex_);
+        if (socketPid_ != ::getpid()) {
+            openSocket();
+        }
+        if (socket_ < 0 || drainChanges()) {
+            kept_.reset();
+        }
+        if (kept_) {
+            return kept_;
+        }
+        auto flags = readDefaultRouteFlags(error);
+        if (socket_ >= 0) {
+            kept_ = flags;
+        }
+        return flags;
+    }
+
+  private:
+    void openSocket() {
+        if (socket_ >= 0) {
+            ::close(socket_);  // the parent's socket, inherited by this child
+        }
+        socketPid_ = ::getpid();
+        socket_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+        if (socket_ < 0) {
+            return;
+        }
+        sockaddr_nl local{};
+        local.nl_family = AF_NETLINK;
+        local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR |
+                          RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+        if (::bind(socket_, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
+            ::close(socket_);
+            socket_ = -1;
+        }
+    }
+
+    /// Empties the socket; true when anything had arrived or the socket failed.
+    bool drainChanges() {
+        bool changed = false;
+        char buffer[4096];
+        while (true) {
+            ssize_t received = ::recv(socket_, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (received > 0) {
+                changed = true;
+                continue;
+            }
+            if (received < 0 && errno == EINTR) {
+                continue;
+            }
+            if (received < 0 && errno == ENOBUFS) {
+                changed = true;  // announcements were lost
+                continue;
+            }
+            if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+                return changed;
+            }
+            ::close(socket_);  // unusable from now on: read afresh every time
+            socket_ = -1;
+            return true;
+        }
+    }
+
+    std::mutex mutex_;
+    int socket_ = -1;
+    pid_t socketPid_ = 0;
+    std::optional<ReachabilityFlags> kept_;
+};
+
 class LinuxReachabilitySource final : public ReachabilityFlagsSource {
   public:
     /// `host`: a numeric destination to check, or none for the default route.
@@ -165,7 +294,7 @@ class LinuxReachabilitySource final : public ReachabilityFlagsSource {
 
     std::optional<ReachabilityFlags> getFlags() override {
         std::int32_t error = 0;
-        auto flags = host_ ? hostFlags(error) : defaultRouteFlags(error);
+        auto flags = host_ ? hostFlags(error) : DefaultRouteReading::shared().flags(error);
         if (!flags) {
             lastError_ = error;
         }
@@ -278,45 +407,6 @@ class LinuxReachabilitySource final : public ReachabilityFlagsSource {
                 queue->async(std::move(callback));
             }
         }
-    }
-
-    std::optional<ReachabilityFlags> defaultRouteFlags(std::int32_t& error) const {
-        std::map<std::string, InterfaceState> interfaces;
-        std::vector<std::string> order;
-        if (!readInterfaces(interfaces, order, error)) {
-            return std::nullopt;
-        }
-        std::optional<DefaultRoute> route;
-        for (const auto& candidate : defaultRoutes()) {
-            auto it = interfaces.find(candidate.interface);
-            if (it != interfaces.end() && usable(it->second)) {
-                route = candidate;
-                break;
-            }
-        }
-        std::string carrier;
-        if (route) {
-            carrier = route->interface;
-        } else {
-            for (const auto& name : order) {
-                const auto& state = interfaces[name];
-                if (usable(state) && state.hasAddress) {
-                    carrier = name;
-                    break;
-                }
-            }
-        }
-        if (carrier.empty()) {
-            return ReachabilityFlags{0};
-        }
-        ReachabilityFlags flags = kReachabilityReachable;
-        if (!route || !route->hasGateway) {
-            flags |= kReachabilityIsDirect;
-        }
-        if (isCellularDevice(carrier)) {
-            flags |= kReachabilityIsWWAN;
-        }
-        return flags;
     }
 
     std::optional<ReachabilityFlags> hostFlags(std::int32_t& error) const {

@@ -76,8 +76,9 @@ nlohmann::json EventRecord::dictionary() const {
         }
     }
     if (tarn.isDiskCapacityRequired) {
-        params["freeDisk"] = device->availableDiskCapacity();
-        params["totalDisk"] = device->totalDiskCapacity();
+        auto [available, total] = device->diskCapacities();
+        params["freeDisk"] = std::move(available);
+        params["totalDisk"] = std::move(total);
     }
     params["deviceId"] = device->deviceId();
     params["deviceOs"] = "IOS";

@@ -7,6 +7,8 @@
 
 #include <cstdio>
 #include <map>
+#include <mutex>
+#include <set>
 
 #include "tarn/platform/DataDirectory.h"
 
@@ -38,15 +40,16 @@ class FileLock {
     int fd_ = -1;
 };
 
+/// One store per file for the life of the process. Keeping them (a process uses one or two) lets
+/// a read of an unchanged file cost one `stat` instead of a locked read and parse of the whole file
+/// on every call; a change on disk is still seen through the file's stamp.
 std::shared_ptr<PreferenceStore> storeFor(const std::filesystem::path& file) {
     static std::mutex mutex;
-    static std::map<std::filesystem::path, std::weak_ptr<PreferenceStore>> stores;
+    static std::map<std::filesystem::path, std::shared_ptr<PreferenceStore>> stores;
     std::lock_guard lock(mutex);
-    auto& slot = stores[file];
-    auto store = slot.lock();
+    auto& store = stores[file];
     if (!store) {
         store = std::make_shared<PreferenceStore>(file);
-        slot = store;
     }
     return store;
 }
@@ -65,11 +68,32 @@ bool ensureFolder(const std::filesystem::path& folder) {
     return std::filesystem::is_directory(folder, ec);
 }
 
+/// `ensureFolder` for opening a store: each folder is checked on its first use in the process
+/// only, since a read needs no folder (a missing file reads as empty). Every write checks its
+/// folder again (`PreferenceStore::setValue`), so a folder removed meanwhile is made anew before it
+/// is written to.
+bool ensureFolderOnce(const std::filesystem::path& folder) {
+    static std::mutex mutex;
+    static std::set<std::string> seen;
+    {
+        std::lock_guard lock(mutex);
+        if (seen.count(folder.native())) {
+            return true;
+        }
+    }
+    if (!ensureFolder(folder)) {
+        return false;
+    }
+    std::lock_guard lock(mutex);
+    seen.insert(folder.native());
+    return true;
+}
+
 }  // namespace
 
 std::shared_ptr<PreferenceStore> PreferenceStore::standard() {
     auto folder = preferencesFolder();
-    ensureFolder(folder);
+    ensureFolderOnce(folder);
     return storeFor(folder / "standard.json");
 }
 
@@ -79,7 +103,7 @@ std::shared_ptr<PreferenceStore> PreferenceStore::suite(const std::string& name)
         return nullptr;
     }
     auto folder = preferencesFolder();
-    if (!ensureFolder(folder)) {
+    if (!ensureFolderOnce(folder)) {
         return nullptr;
     }
     return storeFor(folder / (name + ".json"));
@@ -165,6 +189,7 @@ bool PreferenceStore::writeFileLocked(const nlohmann::json& values) {
 
 void PreferenceStore::setValue(const std::string& key, nlohmann::json value) {
     std::lock_guard guard(mutex_);
+    ensureFolder(file_.parent_path());
     FileLock lock(file_, LOCK_EX);
     auto current = readFileLocked();
     current[key] = std::move(value);
@@ -179,6 +204,7 @@ void PreferenceStore::setValue(const std::string& key, nlohmann::json value) {
 
 void PreferenceStore::remove(const std::string& key) {
     std::lock_guard guard(mutex_);
+    ensureFolder(file_.parent_path());
     FileLock lock(file_, LOCK_EX);
     auto current = readFileLocked();
     current.erase(key);

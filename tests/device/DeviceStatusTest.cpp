@@ -85,15 +85,21 @@ TEST_F(DeviceStatusTest, DiskCapacitiesOfRootAndUnavailableVolume) {
     EXPECT_GT(total, 0u);
     EXPECT_GT(available, 0u);
     EXPECT_LE(available, total);
+    // Both at once, as an event's body reads them: the same volume figures.
+    auto [bothAvailable, bothTotal] = makePlatformDeviceInfoProvider()->diskCapacities();
+    EXPECT_EQ(std::stoull(bothTotal), total);
+    EXPECT_GT(std::stoull(bothAvailable), 0u);
     EXPECT_TRUE(logs.lines().empty());
 
     helper.setVolumePath(temp_->path() / "no-such-volume");
     EXPECT_EQ(helper.totalDiskCapacity(), "-1");
     EXPECT_EQ(helper.availableDiskCapacity(), "-1");
-    EXPECT_EQ(logs.lines(),
-              (std::vector<std::string>{
-                  "Tarn-DeviceStatusHelper: Total disk capacity is unavailable;",
-                  "Tarn-DeviceStatusHelper: Available disk capacity is unavailable;"}));
+    EXPECT_EQ(helper.diskCapacities(), (std::pair<std::string, std::string>{"-1", "-1"}));
+    EXPECT_EQ(logs.lines(), (std::vector<std::string>{
+                                "Tarn-DeviceStatusHelper: Total disk capacity is unavailable;",
+                                "Tarn-DeviceStatusHelper: Available disk capacity is unavailable;",
+                                "Tarn-DeviceStatusHelper: Available disk capacity is unavailable;",
+                                "Tarn-DeviceStatusHelper: Total disk capacity is unavailable;"}));
 }
 
 TEST_F(DeviceStatusTest, NetworkStatusAgreesWithDefaultRouteMonitor) {

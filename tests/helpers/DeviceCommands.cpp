@@ -36,6 +36,17 @@ TARN_HELPER_COMMAND(network_status) {
     return 0;
 }
 
+// network-status-repeat: prints the network status once for every line read from standard input,
+// until it closes: readings of one process across changes of the network.
+TARN_HELPER_COMMAND(network_status_repeat) {
+    (void)args;
+    char line[256];
+    while (std::fgets(line, sizeof line, stdin)) {
+        printFlushed(tarn::DeviceStatusHelper::shared().networkStatus());
+    }
+    return 0;
+}
+
 // reachability-watch: runs a default-route monitor and prints "changed <connection> <flags>" for
 // every "reachabilityChanged" notification, until standard input closes (or 60 seconds pass).
 TARN_HELPER_COMMAND(reachability_watch) {

@@ -23,6 +23,12 @@ class DeviceInfoProvider {
     virtual std::string availableDiskCapacity() = 0;
     /// Total bytes of that volume, as text, or "-1".
     virtual std::string totalDiskCapacity() = 0;
+    /// Both figures as an event's body takes them: `availableDiskCapacity`, then
+    /// `totalDiskCapacity`. A provider that reads the two at once overrides this.
+    virtual std::pair<std::string, std::string> diskCapacities() {
+        auto available = availableDiskCapacity();
+        return {std::move(available), totalDiskCapacity()};
+    }
     /// The vendor identifier of the device as UUID text, or "" when there is none.
     virtual std::string deviceId() = 0;
     /// The marketing model name.

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "tarn/core/Shared.h"
 
@@ -31,7 +32,8 @@ class DeviceStatusHelper {
     /// such battery means the level is unknown: "-100".
     std::string batteryLevel();
     /// "WIFI", "CELLULAR" or "NONE", from a reachability monitor for the default route made for
-    /// this call and read once without starting it. The reading posts no "reachabilityChanged".
+    /// this call and read once, on the calling thread, without starting it. The reading posts no
+    /// "reachabilityChanged".
     std::string networkStatus();
     /// Total bytes of the volume holding the volume path ("/"), or "-1" with the log line "Total
     /// disk capacity is unavailable".
@@ -39,6 +41,9 @@ class DeviceStatusHelper {
     /// Free bytes of that volume available to the process (`statvfs` f_bavail, so blocks kept for
     /// the super-user do not count), or "-1" with "Available disk capacity is unavailable".
     std::string availableDiskCapacity();
+    /// Free and total bytes, in this order, from one reading of the volume; on failure "-1" for
+    /// both and the two log lines, "Available disk capacity is unavailable" first.
+    std::pair<std::string, std::string> diskCapacities();
 
     /// The sysfs root read for the battery ("/sys"). Tests and hosts with an unusual layout change
     /// it; any thread.

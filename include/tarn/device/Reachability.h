@@ -67,7 +67,9 @@ class ReachabilityFlagsSource {
 /// its sysfs entry) or a wired one counts as reachable without the WWAN bit; DEVTYPE=wwan sets the
 /// WWAN bit. IsDirect is set when no default route exists (only on-link networks) or the route has
 /// no gateway. Changes are observed on a routing netlink socket (link, IPv4 and IPv6 address and
-/// IPv4 route groups) by a watcher thread that posts the callback onto the attached queue.
+/// IPv4 route groups) by a watcher thread that posts the callback onto the attached queue. The
+/// process keeps its last default-route reading and reads again only after the kernel has announced
+/// a change of links, addresses or routes, which leaves every reading as fresh as a full one.
 std::shared_ptr<ReachabilityFlagsSource> makeDefaultRouteReachabilitySource();
 
 /// The Linux source for one host. A numeric address is checked against the kernel's routing table
