@@ -1,6 +1,6 @@
 #pragma once
 // Fixture for the network tests: a loopback server as the base URL, a host bundle with an
-// identifier, captured log lines, and a way to wait for a service-client completion.
+// identifier, captured log lines (none may carry a secret), and a way to wait for a completion.
 
 #include <gtest/gtest.h>
 
@@ -27,7 +27,7 @@ inline constexpr const char* kTokenAnswer =
     R"({"access_token":"tok-9f8e7d6c5b4a","expires_in":300,"refresh_expires_in":1800,)"
     R"("token_type":"bearer","not-before-policy":0,"scope":"email profile"})";
 
-/// One completion of the service client, as observed by a test.
+/// One completion of the service client (or of a plain continuation), as observed by a test.
 struct Outcome {
     std::optional<Data> data;
     std::optional<ServiceError> error;
@@ -35,21 +35,21 @@ struct Outcome {
     std::thread::id thread;
 };
 
-/// Collects one completion; shared with the completion so it may outlive the test's wait.
+/// Collects completions; shared with the callback so it may outlive the test's wait.
 class Pending {
   public:
     ServiceCompletion completion() {
-        auto self = state_;
-        return [self](std::optional<Data> data, std::optional<ServiceError> error,
-                      std::optional<int> status) {
-            std::lock_guard lock(self->mutex);
-            self->outcome =
-                Outcome{std::move(data), std::move(error), status, std::this_thread::get_id()};
-            ++self->calls;
-            self->changed.notify_all();
+        return [s = state_](std::optional<Data> data, std::optional<ServiceError> error,
+                            std::optional<int> status) {
+            s->record(
+                Outcome{std::move(data), std::move(error), status, std::this_thread::get_id()});
         };
     }
-    /// The outcome, once the completion ran; none after `timeout`.
+    /// A continuation without arguments, recorded with the thread it ran on.
+    std::function<void()> continuation() {
+        return [s = state_] { s->record(Outcome{{}, {}, {}, std::this_thread::get_id()}); };
+    }
+    /// The last outcome, once there is one; none after `timeout`.
     std::optional<Outcome> wait(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
         std::unique_lock lock(state_->mutex);
         state_->changed.wait_for(lock, timeout, [&] { return state_->calls > 0; });
@@ -62,6 +62,12 @@ class Pending {
 
   private:
     struct State {
+        void record(Outcome outcome) {
+            std::lock_guard lock(mutex);
+            this->outcome = std::move(outcome);
+            ++calls;
+            changed.notify_all();
+        }
         std::mutex mutex;
         std::condition_variable changed;
         std::optional<Outcome> outcome;
@@ -83,9 +89,9 @@ class NetworkTest : public TarnTest {
     void TearDown() override {
         // No log line may carry a secret or an authorization value, whatever the test did.
         for (const auto& line : logs_->lines()) {
-            EXPECT_EQ(line.find(kClientSecret), std::string::npos) << line;
-            EXPECT_EQ(line.find(kServerToken), std::string::npos) << line;
-            EXPECT_EQ(line.find("stored-token-value"), std::string::npos) << line;
+            for (const char* secret : {kClientSecret, kServerToken, "stored-token-value"}) {
+                EXPECT_EQ(line.find(secret), std::string::npos) << line;
+            }
         }
         TarnTest::TearDown();  // Stops the client's transfers before the server goes.
         logs_.reset();
@@ -95,11 +101,12 @@ class NetworkTest : public TarnTest {
     /// The facade's configuration with client credentials (and optionally a ready-made value).
     void configureCredentials(std::optional<std::string> authorization = std::nullopt,
                               bool withCredentials = true) {
+        auto credential = [&](std::string value) {
+            return withCredentials ? std::optional<std::string>(value) : std::nullopt;
+        };
         Tarn::shared().configuration = TarnInitConfig(
             Bundle::main(), "HostApp", std::nullopt, server_->baseUrl(), std::move(authorization),
-            withCredentials ? std::optional<std::string>("client-id-1") : std::nullopt,
-            withCredentials ? std::optional<std::string>(kClientSecret) : std::nullopt, false,
-            false, false);
+            credential("client-id-1"), credential(kClientSecret), false, false, false);
         PreferencesManager::shared().set(PreferenceKey::tokenStatus, true);
     }
 
