@@ -55,11 +55,14 @@ EventManager& EventManager::shared() {
 }
 
 template <class Record>
-Record EventManager::makeRecord(TarnEventType type) {
+Record EventManager::makeRecord(const std::string& name) {
+    // The handler pattern: build the record from the facade's state, then ask for the notification
+    // permission without waiting for the answer.
     Record record;
     record.journeys = processSettings().journeys.get();
     record.actorId = Tarn::shared().actorId.get();
-    record.name = rawValue(type);
+    record.name = name;
+    NotificationManager::shared().refreshPermission();
     return record;
 }
 
@@ -96,14 +99,12 @@ void EventManager::send(EventRecord& record) {
 }
 
 void EventManager::sendInitializeEvent() {
-    NotificationManager::shared().refreshPermission();
-    auto record = makeRecord<InitializeEvent>(TarnEventType::sdkInitialize);
+    auto record = makeRecord<InitializeEvent>(rawValue(TarnEventType::sdkInitialize));
     send(record);
 }
 
 void EventManager::sendInstallEvent(const std::string& actorId) {
-    NotificationManager::shared().refreshPermission();
-    auto record = makeRecord<InstallEvent>(TarnEventType::install);
+    auto record = makeRecord<InstallEvent>(rawValue(TarnEventType::install));
     record.actorId = actorId;
     auto configured = Tarn::shared().configuration.get();
     if (configured && configured->actorId && !configured->actorId->empty()) {
@@ -115,16 +116,14 @@ void EventManager::sendInstallEvent(const std::string& actorId) {
 }
 
 void EventManager::sendPushTokenChangeEvent(TokenProviderType tokenProvider) {
-    NotificationManager::shared().refreshPermission();
-    auto record = makeRecord<PushTokenChangeEvent>(TarnEventType::pushTokenChange);
+    auto record = makeRecord<PushTokenChangeEvent>(rawValue(TarnEventType::pushTokenChange));
     record.tokenProvider = tokenProvider;
     send(record);
 }
 
 void EventManager::sendActorChangeEvent(const std::string& oldActorId,
                                         const std::string& newActorId) {
-    NotificationManager::shared().refreshPermission();
-    auto record = makeRecord<ActorChangeEvent>(TarnEventType::actorChange);
+    auto record = makeRecord<ActorChangeEvent>(rawValue(TarnEventType::actorChange));
     record.actorId = oldActorId;
     record.newActorId = newActorId;
     send(record);
@@ -135,11 +134,7 @@ void EventManager::sendCustomEvent(const ScreenRef& controller,
                                    const std::string& eventName,
                                    const std::optional<nlohmann::json>& initialParameters,
                                    const ActionCallback& onActionRequired) {
-    NotificationManager::shared().refreshPermission();
-    CustomEvent record;
-    record.journeys = processSettings().journeys.get();
-    record.actorId = Tarn::shared().actorId.get();
-    record.name = eventName;
+    auto record = makeRecord<CustomEvent>(eventName);
     record.pageName = pageName;
     if (controller) {
         record.controller = controller->className();
@@ -152,8 +147,7 @@ void EventManager::sendCustomEvent(const ScreenRef& controller,
 void EventManager::sendLoginEvent(const ScreenRef& controller,
                                   const std::optional<std::string>& pageName,
                                   const std::optional<nlohmann::json>& initialParameters) {
-    NotificationManager::shared().refreshPermission();
-    auto record = makeRecord<LoginEvent>(TarnEventType::login);
+    auto record = makeRecord<LoginEvent>(rawValue(TarnEventType::login));
     record.pageName = pageName;
     if (controller) {
         record.controller = controller->className();
@@ -163,16 +157,14 @@ void EventManager::sendLoginEvent(const ScreenRef& controller,
 }
 
 void EventManager::sendLogoutEvent() {
-    NotificationManager::shared().refreshPermission();
-    auto record = makeRecord<LogoutEvent>(TarnEventType::logout);
+    auto record = makeRecord<LogoutEvent>(rawValue(TarnEventType::logout));
     send(record);
 }
 
 void EventManager::sendPage(PageInOutEventType type, const ScreenRef& controller,
                             const std::optional<std::string>& pageName) {
-    NotificationManager::shared().refreshPermission();
-    auto record = makeRecord<PageInOutEvent>(
-        type == PageInOutEventType::pageIn ? TarnEventType::pageIn : TarnEventType::pageOut);
+    auto record = makeRecord<PageInOutEvent>(rawValue(
+        type == PageInOutEventType::pageIn ? TarnEventType::pageIn : TarnEventType::pageOut));
     record.eventType = type;
     record.pageName = pageNameOf(controller, pageName);
     send(record);
@@ -190,8 +182,7 @@ void EventManager::sendPageOutEvent(const ScreenRef& controller,
 
 void EventManager::sendGround(TarnEventType type, const ScreenRef& controller,
                               const std::optional<std::string>& pageName) {
-    NotificationManager::shared().refreshPermission();
-    auto record = makeRecord<AppGroundStatusEvent>(type);
+    auto record = makeRecord<AppGroundStatusEvent>(rawValue(type));
     record.pageName = pageNameOf(controller, pageName);
     send(record);
 }
@@ -208,8 +199,7 @@ void EventManager::sendAppForegroundEvent(const ScreenRef& controller,
 
 void EventManager::sendApplicationErrorEvent(const std::string& errorMessage,
                                              const std::string& errorType) {
-    NotificationManager::shared().refreshPermission();
-    auto record = makeRecord<ApplicationErrorEvent>(TarnEventType::applicationError);
+    auto record = makeRecord<ApplicationErrorEvent>(rawValue(TarnEventType::applicationError));
     record.errorMessage = errorMessage;
     record.errorType = errorType;
     send(record);
@@ -217,8 +207,7 @@ void EventManager::sendApplicationErrorEvent(const std::string& errorMessage,
 
 void EventManager::sendPushNotificationEvent(const nlohmann::json& userInfo,
                                              PushNotificationEventType kind) {
-    NotificationManager::shared().refreshPermission();
-    auto record = makeRecord<PushNotificationEvent>(eventType(kind));
+    auto record = makeRecord<PushNotificationEvent>(rawValue(eventType(kind)));
     record.eventType = kind;
     // The push item travels as JSON text under "data" (or, from some senders, as an object).
     std::optional<NotificationAppCommunicationItem> item;
@@ -261,23 +250,21 @@ void EventManager::sendInAppEvent(InAppEventType kind, const AppCommunicationIte
                                   const std::optional<std::string>& pageName,
                                   const ScreenRef& controller,
                                   const std::optional<AppCommunicationButton>& button) {
-    NotificationManager::shared().refreshPermission();
     auto fill = [&](InAppEvent& record) {
         record.journeys = {communication.journey.value_or("ALL")};
-        record.actorId = Tarn::shared().actorId.get();
-        record.name = rawValue(eventType(kind));
         record.pageName = pageNameOf(controller, pageName);
         record.communication = communication;
         record.inAppEventType = kind;
         record.conversionEvent = communication.conversionEvent;
     };
+    const std::string name = rawValue(eventType(kind));
     if (kind == InAppEventType::buttonClicked) {
-        InAppButtonClickedEvent record;
+        auto record = makeRecord<InAppButtonClickedEvent>(name);
         fill(record);
         record.button = button.value_or(AppCommunicationButton{});
         send(record);
     } else {
-        InAppEvent record;
+        auto record = makeRecord<InAppEvent>(name);
         fill(record);
         send(record);
     }

@@ -65,7 +65,7 @@ class EventManager : public EventSendable {
 
   private:
     template <class Record>
-    Record makeRecord(TarnEventType type);
+    Record makeRecord(const std::string& name);
     void sendPage(PageInOutEventType type, const ScreenRef& controller,
                   const std::optional<std::string>& pageName);
     void sendGround(TarnEventType type, const ScreenRef& controller,
