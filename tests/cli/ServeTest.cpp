@@ -43,7 +43,8 @@ class ServeCommand : public ::testing::Test {
     httplib::Result post(const char* path, const json& body, const std::string& token = {}) {
         httplib::Client client("127.0.0.1", port_);
         client.set_read_timeout(10, 0);
-        httplib::Headers headers;
+        // Ask for compression as the library's transport does.
+        httplib::Headers headers{{"Accept-Encoding", "gzip, deflate, br"}};
         if (!token.empty()) {
             headers.emplace("Authorization", "Bearer " + token);
         }
@@ -90,6 +91,7 @@ TEST_F(ServeCommand, TokensInAppFileEventsAndEveryThirdEventFailing) {
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->status, 200);
     EXPECT_EQ(answer->body, R"({"configuration":{}})");
+    EXPECT_FALSE(answer->has_header("Content-Encoding")) << "answers go uncompressed by default";
     // A changed file is served at once.
     std::ofstream(inapp)
         << R"({"inAppCommunicationCommands":[],"configuration":{"batteryEnabled":true}})";
@@ -166,6 +168,14 @@ TEST_F(ServeCommand, DelaysJsonOutputSignalsAndBounds) {
     EXPECT_EQ(serve->wait(10s), 0);
     EXPECT_NE(serve->err().find("stopped (SIGTERM) after 4 requests, 2 events"), std::string::npos)
         << serve->err();
+
+    // --compress honours the client's Accept-Encoding.
+    auto compressing = start({"--compress", "--accept-any-token", "--max-requests", "1"});
+    auto compressed = post(kInApp, {{"actorId", "a"}});
+    ASSERT_TRUE(compressed);
+    EXPECT_TRUE(compressed->has_header("Content-Encoding"));
+    EXPECT_NO_THROW(json::parse(compressed->body)) << compressed->body;
+    EXPECT_EQ(compressing->wait(10s), 0);
 
     auto timed = start({"--duration", "0.3"});
     auto begin = std::chrono::steady_clock::now();

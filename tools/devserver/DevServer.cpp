@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <sstream>
 
@@ -120,7 +121,18 @@ bool DevServer::start(std::string* error) {
         Answer answer = handle(request.method, request.path, request.body,
                                request.get_header_value("Authorization"));
         response.status = answer.status;
-        response.set_content(answer.body, "application/json");
+        if (options_.compress) {
+            response.set_content(answer.body, "application/json");
+            return;
+        }
+        // A content provider of known length is sent as it stands: the server compresses only
+        // bodies set with set_content.
+        auto body = std::make_shared<std::string>(std::move(answer.body));
+        response.set_content_provider(
+            body->size(), "application/json",
+            [body](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+                return sink.write(body->data() + offset, length);
+            });
     };
     server_->Post(R"(.*)", handler);
     server_->Get(R"(.*)", handler);

@@ -64,6 +64,10 @@ struct DevServerOptions {
     /// Every accepted event is appended to this file as one JSON line, when set.
     std::filesystem::path eventsFile;
     FaultPlan faults;
+    /// Compress answers when the client's Accept-Encoding allows it (gzip or brotli). Off by
+    /// default: the library asks for every encoding it can read, and on a loopback connection
+    /// compressing costs more time than it saves.
+    bool compress = false;
 };
 
 /// One request as the server saw and answered it. Secrets (the client secret, tokens, the

@@ -39,6 +39,7 @@ struct ServeOptions {
     std::uint64_t maxRequests = 0;
     double duration = 0;
     bool json = false;
+    bool compress = false;
 };
 
 /// `tarn serve`: the development server; runs until SIGINT/SIGTERM, `maxRequests` or `duration`.

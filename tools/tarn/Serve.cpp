@@ -66,6 +66,7 @@ int runServe(const ServeOptions& options) {
     serverOptions.clientSecret = options.clientSecret;
     serverOptions.expiresIn = options.expiresIn;
     serverOptions.acceptAnyToken = options.acceptAnyToken;
+    serverOptions.compress = options.compress;
     serverOptions.inappFile = options.inappFile;
     serverOptions.eventsFile = options.eventsFile;
     serverOptions.faults.status = options.faultStatus;

@@ -84,6 +84,9 @@ int main(int argc, char** argv) {
         ->check(CLI::ExistingFile);
     serveCommand->add_option("--events-file", serve.eventsFile,
                              "Append every received event to this file as a JSON line");
+    serveCommand->add_flag("--compress", serve.compress,
+                           "Compress answers as the client's Accept-Encoding allows (default: "
+                           "answers go uncompressed)");
     serveCommand->add_flag("--json", serve.json,
                            "Print each received event as a JSON line instead of a summary line");
     serveCommand->add_option("--fault-status", serve.faultStatus, "Status code of faulty answers")
