@@ -3,12 +3,12 @@
 #include <unistd.h>
 #include <uuid/uuid.h>
 
-#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
 
+#include "device/KernelAnnouncements.h"
 #include "tarn/device/DeviceModel.h"
 #include "tarn/device/DeviceStatusHelper.h"
 
@@ -26,40 +26,21 @@ std::shared_ptr<DeviceInfoProvider>& providerSlot() {
     return p;
 }
 
-/// The time zone identifier: TZ (without a leading ':' and, for a path, the part after
-/// "zoneinfo/"), else the zone that /etc/localtime links to, else the first line of /etc/timezone,
-/// else "UTC".
-std::string timeZoneIdentifier() {
-    auto afterZoneinfo = [](const std::string& path) -> std::optional<std::string> {
-        auto at = path.find("zoneinfo/");
-        if (at == std::string::npos) {
-            return std::nullopt;
-        }
-        return path.substr(at + 9);
-    };
-    if (const char* tz = std::getenv("TZ"); tz && *tz) {
-        std::string value = *tz == ':' ? tz + 1 : tz;
-        if (auto zone = afterZoneinfo(value)) {
-            return *zone;
-        }
-        if (!value.empty()) {
-            return value;
-        }
+/// The time zone identifier that TZ names (without a leading ':' and, for a path, the part after
+/// "zoneinfo/"); none when TZ is unset or empty.
+std::optional<std::string> timeZoneFromEnvironment() {
+    const char* tz = std::getenv("TZ");
+    if (!tz || !*tz) {
+        return std::nullopt;
     }
-    // One readlink call: this runs for every event.
-    char target[PATH_MAX];
-    if (auto length = ::readlink("/etc/localtime", target, sizeof target);
-        length > 0 && static_cast<std::size_t>(length) < sizeof target) {
-        if (auto zone = afterZoneinfo(std::string(target, static_cast<std::size_t>(length)));
-            zone && !zone->empty()) {
-            return *zone;
-        }
+    std::string value = *tz == ':' ? tz + 1 : tz;
+    if (auto at = value.find("zoneinfo/"); at != std::string::npos) {
+        return value.substr(at + 9);
     }
-    std::string line;
-    if (std::ifstream in("/etc/timezone"); in && std::getline(in, line) && !line.empty()) {
-        return line;
+    if (value.empty()) {
+        return std::nullopt;
     }
-    return "UTC";
+    return value;
 }
 
 /// A device identifier scoped to this library, in the manner of a vendor identifier: the
@@ -89,9 +70,10 @@ std::string vendorDeviceIdentifier() {
     return "";
 }
 
-/// The Linux provider: battery, network and disks from `DeviceStatusHelper` (read fresh on every
-/// call), the model name and OS version computed once per process, the time zone read on every
-/// call (TZ may change), the device identifier computed once, and no location source.
+/// The Linux provider: battery, network and disks from `DeviceStatusHelper`, the model name and OS
+/// version computed once per process, the device identifier computed once, and no location
+/// source. The time zone is TZ's when set (looked at on every call), else the one the files in
+/// /etc name, kept until inotify announces a change of "localtime" or "timezone" there.
 class LinuxDeviceInfoProvider final : public DeviceInfoProvider {
   public:
     std::string batteryLevel() override { return DeviceStatusHelper::shared().batteryLevel(); }
@@ -113,8 +95,16 @@ class LinuxDeviceInfoProvider final : public DeviceInfoProvider {
     }
     std::string modelName() override { return tarn::modelName(); }
     std::string osVersion() override { return tarn::osVersion(); }
-    std::string timeZone() override { return timeZoneIdentifier(); }
+    std::string timeZone() override {
+        if (auto zone = timeZoneFromEnvironment()) {
+            return *zone;
+        }
+        return timeZoneFiles_->get([] { return detail::timeZoneFromFiles("/etc"); });
+    }
     std::optional<std::pair<double, double>> location() override { return std::nullopt; }
+
+  private:
+    std::unique_ptr<detail::AnnouncedValue> timeZoneFiles_ = detail::makeTimeZoneFileCache("/etc");
 };
 
 }  // namespace

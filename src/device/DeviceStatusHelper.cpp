@@ -12,6 +12,7 @@
 #include <limits>
 #include <vector>
 
+#include "device/KernelAnnouncements.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
 #include "tarn/device/Reachability.h"
@@ -106,6 +107,10 @@ DeviceStatusHelper& DeviceStatusHelper::shared() {
     return detail::SharedInstance<DeviceStatusHelper>::get();
 }
 
+DeviceStatusHelper::DeviceStatusHelper() : powerSupplies_(detail::makePowerSupplyCache()) {}
+
+DeviceStatusHelper::~DeviceStatusHelper() = default;
+
 std::string DeviceStatusHelper::batteryLevelText(float level) {
     float product = level * 100.0f;
     if (!std::isfinite(product) ||
@@ -147,10 +152,16 @@ std::optional<int> DeviceStatusHelper::readBatteryCapacity(const std::filesystem
 std::string DeviceStatusHelper::batteryLevel() {
     // The kernel already reports whole percent; only an unknown level goes through the level text
     // (-1.0 gives "-100").
-    if (auto capacity = readBatteryCapacity(sysfsRoot_.get())) {
-        return std::to_string(*capacity);
+    auto read = [root = sysfsRoot_.get()] {
+        if (auto capacity = readBatteryCapacity(root)) {
+            return std::to_string(*capacity);
+        }
+        return batteryLevelText(-1.0f);
+    };
+    if (sysfsRoot_.get() == "/sys") {
+        return powerSupplies_->get(read);
     }
-    return batteryLevelText(-1.0f);
+    return read();
 }
 
 std::string DeviceStatusHelper::networkStatus() {

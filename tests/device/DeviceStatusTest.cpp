@@ -3,6 +3,7 @@
 #include <cmath>
 #include <fstream>
 
+#include "device/KernelAnnouncements.h"
 #include "support/TestSupport.h"
 #include "tarn/device/DeviceInfo.h"
 #include "tarn/device/DeviceModel.h"
@@ -112,4 +113,44 @@ TEST_F(DeviceStatusTest, LinuxProviderReportsTheMachine) {
     ::setenv("TZ", "/usr/share/zoneinfo/Asia/Tokyo", 1);
     EXPECT_EQ(provider->timeZone(), "Asia/Tokyo");
     ::unsetenv("TZ");
+}
+
+TEST_F(DeviceStatusTest, TimeZoneFilesAreReadAgainOnlyWhenInotifyAnnouncesAChange) {
+    namespace fs = std::filesystem;
+    auto etc = temp_->path() / "etc";
+    fs::create_directories(etc);
+    fs::create_symlink("/usr/share/zoneinfo/Europe/Istanbul", etc / "localtime");
+    auto cache = detail::makeTimeZoneFileCache(etc);
+    ASSERT_TRUE(cache->watching());
+    int reads = 0;
+    auto read = [&] {
+        ++reads;
+        return detail::timeZoneFromFiles(etc);
+    };
+    EXPECT_EQ(cache->get(read), "Europe/Istanbul");
+    EXPECT_EQ(cache->get(read), "Europe/Istanbul");
+    EXPECT_EQ(reads, 1);
+
+    // Replaced the way tools do it: a new link renamed over the old one.
+    fs::create_symlink("/usr/share/zoneinfo/Asia/Tokyo", etc / "localtime.new");
+    fs::rename(etc / "localtime.new", etc / "localtime");
+    EXPECT_EQ(cache->get(read), "Asia/Tokyo");
+    EXPECT_EQ(reads, 2);
+    // Another file in the folder announces nothing of interest.
+    std::ofstream(etc / "hostname") << "box\n";
+    EXPECT_EQ(cache->get(read), "Asia/Tokyo");
+    EXPECT_EQ(reads, 2);
+    // No link: the "timezone" file names the zone.
+    fs::remove(etc / "localtime");
+    std::ofstream(etc / "timezone") << "America/Lima\n";
+    EXPECT_EQ(cache->get(read), "America/Lima");
+
+    // With the folder gone the watch ends: every read is fresh from then on.
+    fs::remove_all(etc);
+    EXPECT_EQ(cache->get(read), "UTC");
+    EXPECT_FALSE(cache->watching());
+    int before = reads;
+    cache->get(read);
+    cache->get(read);
+    EXPECT_EQ(reads, before + 2);
 }

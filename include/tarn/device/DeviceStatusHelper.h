@@ -2,6 +2,7 @@
 // Battery, network and disk facts of the device, each as text ready for an event's attributes.
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,18 +19,28 @@ std::string rawValue(NetworkCapability capability);
 /// The case whose raw value is exactly `raw` (case-sensitive); none for any other text.
 std::optional<NetworkCapability> networkCapabilityFromRawValue(std::string_view raw);
 
-/// Reads the device facts fresh on every call. Every call may come from any thread; messages are
-/// logged under `logtag`.
+namespace detail {
+class AnnouncedValue;
+}
+
+/// The device facts. The battery level under the real /sys is kept until the kernel announces a
+/// power-supply change (a uevent), so it is never older than the last announcement; the network
+/// status comes from the route monitor; the disk figures, which the kernel does not announce, are
+/// read on every call. Every call may come from any thread; messages are logged under `logtag`.
 class DeviceStatusHelper {
   public:
     static DeviceStatusHelper& shared();
+
+    DeviceStatusHelper();
+    ~DeviceStatusHelper();
 
     const std::string logtag = "Tarn-DeviceStatusHelper:";
 
     /// Whole percent of charge as decimal text. On Linux: the "capacity" of the first power supply
     /// (in name order) under <sysfs root>/class/power_supply whose "type" is "Battery", which is
     /// not marked absent ("present" 0) and does not belong to a peripheral ("scope" Device). No
-    /// such battery means the level is unknown: "-100".
+    /// such battery means the level is unknown: "-100". Under "/sys" the reading is kept until
+    /// the kernel announces a power-supply change; under any other root it is fresh.
     std::string batteryLevel();
     /// "WIFI", "CELLULAR" or "NONE", from a reachability monitor for the default route made for
     /// this call and read once, on the calling thread, without starting it. The reading posts no
@@ -60,6 +71,7 @@ class DeviceStatusHelper {
   private:
     Locked<std::filesystem::path> sysfsRoot_{std::filesystem::path("/sys")};
     Locked<std::filesystem::path> volumePath_{std::filesystem::path("/")};
+    std::unique_ptr<detail::AnnouncedValue> powerSupplies_;
 };
 
 }  // namespace tarn
