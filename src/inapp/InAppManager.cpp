@@ -25,13 +25,9 @@ void InAppManager::handlePopupAction(const std::string& eventName, const ScreenR
                                      const ActionCallback& onActionRequired) {
     auto session = TarnSession::shared().appCommunication();
     const AppCommunicationItem* chosen = nullptr;
-    if (session && session->model) {
-        for (const auto& item : *session->model) {
-            if (item.triggeringEventName == eventName) {
-                chosen = &item;  // only the first match is ever considered
-                break;
-            }
-        }
+    auto index = triggerIndex(session);
+    if (auto found = index->first.find(eventName); found != index->first.end()) {
+        chosen = found->second;  // only the first match is ever considered
     }
     if (!chosen) {
         log("couldn't get action type!", logtag);
@@ -45,6 +41,24 @@ void InAppManager::handlePopupAction(const std::string& eventName, const ScreenR
         return;
     }
     present(*chosen, *session->configuration, controller, pageName, onActionRequired);
+}
+
+std::shared_ptr<const InAppManager::TriggerIndex> InAppManager::triggerIndex(
+    const std::shared_ptr<const AppCommunication>& answer) {
+    auto index = triggers_.get();
+    if (index && index->answer == answer) {
+        return index;
+    }
+    auto fresh = std::make_shared<TriggerIndex>();
+    fresh->answer = answer;
+    if (answer && answer->model) {
+        for (const auto& item : *answer->model) {
+            // The keys view the names inside the answer, which the index keeps alive.
+            fresh->first.try_emplace(item.triggeringEventName, &item);
+        }
+    }
+    triggers_.set(fresh);
+    return fresh;
 }
 
 bool InAppManager::checkShowCount(std::int64_t maxShowCount, const std::string& uuid) {
@@ -130,6 +144,7 @@ void InAppManager::installAppCommunications(
     std::optional<AppCommunication> answer,
     const std::function<void(const AppCommunication&)>& completion) {
     TarnSession::shared().setAppCommunication(answer);
+    triggerIndex(TarnSession::shared().appCommunication());
     if (answer) {
         if (completion) {
             completion(*answer);

@@ -7,6 +7,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include "tarn/core/Shared.h"
 #include "tarn/inapp/InAppModel.h"
@@ -53,7 +55,19 @@ class InAppManager {
                  const std::optional<std::string>& pageName,
                  const ActionCallback& onActionRequired);
 
+    /// The first communication of each trigger name in one installed answer. Built when an
+    /// answer is installed (or at the first lookup in an answer installed some other way), so a
+    /// custom event finds its communication without scanning the list.
+    struct TriggerIndex {
+        std::shared_ptr<const AppCommunication> answer;
+        std::unordered_map<std::string_view, const AppCommunicationItem*> first;
+    };
+    /// The index of `answer`, rebuilt when it is not the indexed one.
+    std::shared_ptr<const TriggerIndex> triggerIndex(
+        const std::shared_ptr<const AppCommunication>& answer);
+
     Locked<InAppScreenFactory> factory_;
+    Locked<std::shared_ptr<const TriggerIndex>> triggers_;
 };
 
 /// Text of an action as the relay logs it, e.g. "AppCommunicationAction(link: x, type: deep)".
