@@ -21,7 +21,7 @@ constexpr const char* kWrongFormat =
 const nlohmann::json& member(const nlohmann::json& object, const char* key) {
     auto it = object.find(key);
     if (it == object.end()) {
-        throw DecodingError(kMissing);
+        throw TokenDecodingError(kMissing);
     }
     return *it;
 }
@@ -29,7 +29,7 @@ const nlohmann::json& member(const nlohmann::json& object, const char* key) {
 std::string stringMember(const nlohmann::json& object, const char* key) {
     const auto& value = member(object, key);
     if (!value.is_string()) {
-        throw DecodingError(kWrongFormat);
+        throw TokenDecodingError(kWrongFormat);
     }
     return value.get<std::string>();
 }
@@ -44,7 +44,7 @@ std::int64_t integerMember(const nlohmann::json& object, const char* key) {
         if (u <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
             return static_cast<std::int64_t>(u);
         }
-        throw DecodingError(kWrongFormat);
+        throw TokenDecodingError(kWrongFormat);
     }
     if (value.is_number_float()) {
         // "3.0" decodes as 3; "3.5" or a value out of range does not.
@@ -53,7 +53,7 @@ std::int64_t integerMember(const nlohmann::json& object, const char* key) {
             return static_cast<std::int64_t>(d);
         }
     }
-    throw DecodingError(kWrongFormat);
+    throw TokenDecodingError(kWrongFormat);
 }
 
 }  // namespace
@@ -65,7 +65,7 @@ nlohmann::json AuthClient::body() const {
 AccessToken AccessToken::decode(const Data& data) {
     auto root = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
     if (root.is_discarded() || !root.is_object()) {
-        throw DecodingError(kWrongFormat);
+        throw TokenDecodingError(kWrongFormat);
     }
     AccessToken token;
     token.accessToken = stringMember(root, "access_token");
@@ -114,7 +114,7 @@ void AuthorizationRepository::handleAccessTokenResponse(
             auto token = AccessToken::decode(*data);
             Tarn::shared().tarnAuthToken = token.tokenType + " " + token.accessToken;
             stored = true;
-        } catch (const DecodingError& e) {
+        } catch (const TokenDecodingError& e) {
             log(e.localizedDescription(), "Tarn-Repository");
             log("Access token could not fetched!", logtag);
         }

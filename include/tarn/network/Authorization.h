@@ -30,7 +30,7 @@ struct AuthClient {
 };
 
 /// A decoding failure; its description never quotes the decoded text.
-class DecodingError : public std::runtime_error {
+class TokenDecodingError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
     std::string localizedDescription() const { return what(); }
@@ -45,7 +45,7 @@ struct AccessToken {
     std::int64_t notBeforePolicy = 0;   // "not-before-policy"
     std::string scope;                  // "scope"
 
-    /// Decodes the answer body; throws `DecodingError` when it is not JSON, not an object, or a
+    /// Decodes the answer body; throws `TokenDecodingError` when it is not JSON, not an object, or a
     /// member is missing or of another type. Integers accept integral JSON numbers only.
     static AccessToken decode(const Data& data);
 };
