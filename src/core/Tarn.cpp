@@ -30,6 +30,8 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     }
     // 2.-4.
     settings.initializeStatus = InitializeStatusType::initializing;
+    // Until this run's configuration fetch answers, requests run under the start-up settings.
+    settings.configurationFetched = false;
     configuration = config;
     tarnBundle = config.bundle.bundleIdentifier().value_or("");
     // 5.-6. The service file's address and credentials.
@@ -106,9 +108,17 @@ void Tarn::loadState() {
 
     auto& settings = processSettings();
     settings.baseUrl = stored->domainUrl;
-    settings.requestRetryCount =
-        block && block->apiRequestRetryCount ? *block->apiRequestRetryCount : 3;
-    settings.requestTimeout = block && block->apiRequestTimeout ? *block->apiRequestTimeout : 3;
+    if (settings.configurationFetched) {
+        settings.requestRetryCount =
+            block && block->apiRequestRetryCount ? *block->apiRequestRetryCount : 3;
+        settings.requestTimeout = block && block->apiRequestTimeout ? *block->apiRequestTimeout : 3;
+    } else {
+        // The token request and the configuration fetch wait long on purpose: a block left from
+        // an earlier run does not shorten them, and the fallback of 3 applies only once an
+        // answer has come.
+        settings.requestRetryCount = ProcessSettings::kStartupRequestRetryCount;
+        settings.requestTimeout = ProcessSettings::kStartupRequestTimeout;
+    }
     settings.queueDelay = block && block->eventQueueDelay ? *block->eventQueueDelay : 0.5;
     std::int64_t timeoutMs =
         block && block->conversionTimeout ? *block->conversionTimeout : 86400000;

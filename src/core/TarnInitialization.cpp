@@ -44,6 +44,8 @@ void Tarn::requestInAppCommunications() {
 }
 
 void Tarn::completeInitialization() {
+    // An answer was installed: from now on its configuration block (or the fallbacks) rules.
+    processSettings().configurationFetched = true;
     loadState();
     isInitializeCompleted = true;
     syncTokens();

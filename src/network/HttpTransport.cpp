@@ -35,7 +35,16 @@ void ensureCurlGlobalInit() {
     });
 }
 
-TransportError makeTransportError(CURLcode code, const char* detail) {
+/// What went wrong in a finished transfer besides libcurl's code: whether a connection to the
+/// server was made, and which bound our own callbacks enforced when they stopped the transfer.
+struct FailureContext {
+    bool connected = false;
+    bool bodyTooLarge = false;
+    bool headersTooLarge = false;
+};
+
+TransportError makeTransportError(CURLcode code, const char* detail,
+                                  const FailureContext& context = {}) {
     TransportError error;
     error.transportCode = static_cast<int>(code);
     error.detail = (detail && *detail) ? detail : curl_easy_strerror(code);
@@ -44,6 +53,8 @@ TransportError makeTransportError(CURLcode code, const char* detail) {
             error.code = TransportError::timedOut;
             break;
         case CURLE_COULDNT_CONNECT:
+        case CURLE_INTERFACE_FAILED:
+        case CURLE_PROXY:
             error.code = TransportError::cannotConnectToHost;
             break;
         case CURLE_COULDNT_RESOLVE_HOST:
@@ -54,7 +65,10 @@ TransportError makeTransportError(CURLcode code, const char* detail) {
             error.code = TransportError::badURL;
             break;
         case CURLE_UNSUPPORTED_PROTOCOL:
-            error.code = TransportError::unsupportedURL;
+            // Before a connection this is the URL's scheme. After one it is the answer: bytes
+            // that are no HTTP status line read as HTTP/0.9, which libcurl refuses this way.
+            error.code = context.connected ? TransportError::badServerResponse
+                                           : TransportError::unsupportedURL;
             break;
         case CURLE_GOT_NOTHING:
         case CURLE_SEND_ERROR:
@@ -65,23 +79,53 @@ TransportError makeTransportError(CURLcode code, const char* detail) {
         case CURLE_WEIRD_SERVER_REPLY:
         case CURLE_BAD_CONTENT_ENCODING:
         case CURLE_TOO_MANY_REDIRECTS:
+        case CURLE_HTTP_RETURNED_ERROR:
+        case CURLE_RANGE_ERROR:
         case CURLE_HTTP2:
         case CURLE_HTTP2_STREAM:
+        case CURLE_HTTP3:
+        case CURLE_QUIC_CONNECT_ERROR:
             error.code = TransportError::badServerResponse;
+            break;
+        case CURLE_FILESIZE_EXCEEDED:
+            error.code = TransportError::dataLengthExceedsMaximum;
+            break;
+        case CURLE_WRITE_ERROR:
+            // Only our callbacks refuse bytes, and only over a bound.
+            error.code = context.bodyTooLarge      ? TransportError::dataLengthExceedsMaximum
+                         : context.headersTooLarge ? TransportError::badServerResponse
+                                                   : TransportError::unknown;
             break;
         case CURLE_SSL_CONNECT_ERROR:
         case CURLE_PEER_FAILED_VERIFICATION:
         case CURLE_SSL_CERTPROBLEM:
         case CURLE_SSL_CIPHER:
         case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_ENGINE_NOTFOUND:
+        case CURLE_SSL_ENGINE_SETFAILED:
+        case CURLE_SSL_ENGINE_INITFAILED:
+        case CURLE_SSL_SHUTDOWN_FAILED:
+        case CURLE_SSL_CRL_BADFILE:
+        case CURLE_SSL_ISSUER_ERROR:
+        case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        case CURLE_SSL_INVALIDCERTSTATUS:
+        case CURLE_SSL_CLIENTCERT:
+        case CURLE_USE_SSL_FAILED:
             error.code = TransportError::secureConnectionFailed;
             break;
         case CURLE_ABORTED_BY_CALLBACK:
             error.code = TransportError::cancelled;
             break;
         default:
+            // Out of memory, a libcurl that lacks a feature, a misuse of its interface: nothing
+            // the server or the URL did.
             error.code = TransportError::unknown;
             break;
+    }
+    if (error.code == TransportError::dataLengthExceedsMaximum && context.bodyTooLarge) {
+        error.detail = "answer body over the request's bound";
+    } else if (context.headersTooLarge) {
+        error.detail = "answer header block over its bound";
     }
     return error;
 }
@@ -119,7 +163,7 @@ std::string TransportError::localizedDescription() const {
         case cancelled:
             return "cancelled";
         case badURL:
-            return "unsupported URL";
+            return "bad URL";
         case timedOut:
             return "The request timed out.";
         case unsupportedURL:
@@ -132,6 +176,8 @@ std::string TransportError::localizedDescription() const {
             return "The network connection was lost.";
         case badServerResponse:
             return "The server returned a bad response.";
+        case dataLengthExceedsMaximum:
+            return "The server's answer is larger than this request accepts.";
         case secureConnectionFailed:
             return "An SSL error has occurred and a secure connection to the server cannot be "
                    "made.";
@@ -168,15 +214,71 @@ std::shared_ptr<HttpDataTask> HttpSession::dataTask(HttpRequest request,
 
 namespace {
 
+/// An answer body as it arrives: one vector while it is small, then blocks of a fixed size, so a
+/// body that grows to its bound never has an old and a new copy alive at once (a growing vector
+/// would hold both while it moves, one and a half times the bound). Joined once it is complete.
+class BodyBuffer {
+  public:
+    std::size_t size() const { return size_; }
+
+    void append(const std::uint8_t* bytes, std::size_t count) {
+        size_ += count;
+        while (count > 0) {
+            if (blocks_.empty() || blocks_.back().size() == kBlockSize) {
+                blocks_.emplace_back();
+                if (blocks_.size() > 1) {
+                    blocks_.back().reserve(kBlockSize);
+                }
+            }
+            auto& block = blocks_.back();
+            auto take = std::min(count, kBlockSize - block.size());
+            block.insert(block.end(), bytes, bytes + take);
+            bytes += take;
+            count -= take;
+        }
+    }
+
+    /// The whole body; the buffer is left empty. Blocks are freed as they are copied.
+    Data take() {
+        if (blocks_.size() <= 1) {
+            Data whole = blocks_.empty() ? Data() : std::move(blocks_.front());
+            clear();
+            return whole;
+        }
+        Data whole;
+        whole.reserve(size_);
+        for (auto& block : blocks_) {
+            whole.insert(whole.end(), block.begin(), block.end());
+            Data().swap(block);
+        }
+        clear();
+        return whole;
+    }
+
+    void clear() {
+        std::vector<Data>().swap(blocks_);
+        size_ = 0;
+    }
+
+  private:
+    static constexpr std::size_t kBlockSize = 256 * 1024;
+    std::vector<Data> blocks_;
+    std::size_t size_ = 0;
+};
+
 /// One transfer in flight: the easy handle and everything its callbacks write into.
 struct Transfer {
     CURL* easy = nullptr;
     curl_slist* headerList = nullptr;
     HttpRequest request;
     DataTaskCompletion completion;
-    Data body;
+    BodyBuffer body;
     HttpResponse response;
     char errorBuffer[CURL_ERROR_SIZE] = {};
+    /// Bytes of header lines received, over every interim answer.
+    std::size_t headerBytes = 0;
+    bool bodyTooLarge = false;
+    bool headersTooLarge = false;
 
     ~Transfer() {
         if (easy) {
@@ -188,11 +290,19 @@ struct Transfer {
     }
 };
 
+/// The bound on an answer's header lines, all interim answers included.
+constexpr std::size_t kMaxHeaderBytes = 256 * 1024;
+
 std::size_t writeBody(char* ptr, std::size_t size, std::size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
     auto bytes = size * count;
-    transfer->body.insert(transfer->body.end(), reinterpret_cast<std::uint8_t*>(ptr),
-                          reinterpret_cast<std::uint8_t*>(ptr) + bytes);
+    // libcurl hands over decoded bytes, so this counts what a compressed answer expands to.
+    // Refusing them (a short count) ends the transfer at once.
+    if (bytes > transfer->request.maxResponseBytes - transfer->body.size()) {
+        transfer->bodyTooLarge = true;
+        return 0;
+    }
+    transfer->body.append(reinterpret_cast<const std::uint8_t*>(ptr), bytes);
     return bytes;
 }
 
@@ -208,6 +318,11 @@ std::string trim(std::string_view text) {
 std::size_t writeHeader(char* ptr, std::size_t size, std::size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
     auto bytes = size * count;
+    transfer->headerBytes += bytes;
+    if (transfer->headerBytes > kMaxHeaderBytes) {
+        transfer->headersTooLarge = true;
+        return 0;
+    }
     std::string_view line(ptr, bytes);
     if (line.starts_with("HTTP/")) {
         // A new status line (after a redirect or an interim answer) starts a fresh header set.
@@ -303,10 +418,14 @@ struct CurlHttpSession::Impl {
         curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, t.errorBuffer);
         curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
         curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
+        // A 3xx is handed to the caller as it stands (see the header).
+        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
         curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+        // An announced length over the bound fails before any of the body is read; the write
+        // callback enforces the bound on what actually arrives.
+        curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE,
+                         static_cast<curl_off_t>(std::min<std::size_t>(
+                             r.maxResponseBytes, static_cast<std::size_t>(INT64_MAX))));
         curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &writeBody);
         curl_easy_setopt(easy, CURLOPT_WRITEDATA, &t);
         curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &writeHeader);
@@ -355,10 +474,17 @@ struct CurlHttpSession::Impl {
             return;
         }
         if (result == CURLE_OK) {
-            t.completion(std::move(t.body), std::move(response), std::nullopt);
+            t.completion(t.body.take(), std::move(response), std::nullopt);
         } else {
+            FailureContext context;
+            context.bodyTooLarge = t.bodyTooLarge;
+            context.headersTooLarge = t.headersTooLarge;
+            char* ip = nullptr;
+            context.connected =
+                curl_easy_getinfo(t.easy, CURLINFO_PRIMARY_IP, &ip) == CURLE_OK && ip && *ip;
+            t.body.clear();  // a partial body is not kept while the completion runs
             t.completion(std::nullopt, std::move(response),
-                         makeTransportError(result, t.errorBuffer));
+                         makeTransportError(result, t.errorBuffer, context));
         }
     }
 

@@ -141,6 +141,7 @@ HttpRequest ServiceClient::buildRequest(const Url& url, bool isPost,
     request.timeoutInterval = 60.0;
     request.timeoutInterval = static_cast<double>(processSettings().requestTimeout.load());
     request.method = isPost ? "POST" : "GET";
+    request.maxResponseBytes = Endpoint::maxAnswerBytes(request.url);
     if (!skipAuthorization.value_or(false)) {
         request.setValue(Tarn::shared().tarnAuthToken.get(), "Authorization");
     }

@@ -126,14 +126,15 @@ TEST_F(InitializeTest, TheFileWinsOverTheHostAndAFirstRunMakesAGuest) {
     EXPECT_EQ(ConfigManager::shared().installationStatus.load(),
               InstallationStatus::firstTimeInstallation);
 
-    // No configuration block yet: every device switch is off, defaults are in force.
+    // No configuration block yet: every device switch is off, defaults are in force, and the
+    // token request runs under the long start-up time-out.
     EXPECT_FALSE(tarn.isWifiStatusRequired);
     EXPECT_FALSE(tarn.isBatteryStatusRequired);
     EXPECT_FALSE(tarn.isDiskCapacityRequired);
     EXPECT_FALSE(tarn.isLocationRequired);
     // The token request to the (unreachable) server is in flight.
     EXPECT_EQ(prefs.boolValue(PreferenceKey::tokenStatus), false);
-    EXPECT_EQ(processSettings().requestTimeout.load(), 3);
+    EXPECT_EQ(processSettings().requestTimeout.load(), 3000);
     EXPECT_EQ(processSettings().conversionOffset.load(), -86400.0);
     EXPECT_EQ(tarn.applicationName.get(), "HostApp");
 }

@@ -16,12 +16,24 @@
 namespace tarn {
 
 struct ProcessSettings {
+    /// The request settings in force until the configuration fetch of an initialisation has
+    /// answered. The token request and that fetch run under them, so they may take long; the
+    /// fallback once an answer without these members arrived is 3 for both.
+    static constexpr std::int64_t kStartupRequestRetryCount = 3;
+    static constexpr std::int64_t kStartupRequestTimeout = 3000;
+
     /// The server's base address; unset until initialisation reads the service file.
     Locked<std::optional<std::string>> baseUrl;
     /// Retry budget of the service client for 5xx answers.
-    std::atomic<std::int64_t> requestRetryCount{3};
-    /// Request time-out in seconds: 3000 before any configuration, then the server's value or 3.
-    std::atomic<std::int64_t> requestTimeout{3000};
+    std::atomic<std::int64_t> requestRetryCount{kStartupRequestRetryCount};
+    /// Request time-out in seconds: 3000 until the configuration fetch has answered, then the
+    /// server's value or 3.
+    std::atomic<std::int64_t> requestTimeout{kStartupRequestTimeout};
+    /// Whether the configuration fetch of the current initialisation has answered. Every
+    /// initialisation, a forced one included, clears it before its first `loadState`, so the
+    /// token request and the fetch run under the start-up values whatever an earlier answer
+    /// said; the `loadState` after an installed answer sets it and applies the block.
+    std::atomic<bool> configurationFetched{false};
     /// Period of the offline queue's timer, in seconds.
     std::atomic<double> queueDelay{0.5};
     /// Conversion offset in seconds: minus the conversion period.

@@ -45,8 +45,8 @@ struct AccessToken {
     std::int64_t notBeforePolicy = 0;   // "not-before-policy"
     std::string scope;                  // "scope"
 
-    /// Decodes the answer body; throws `TokenDecodingError` when it is not JSON, not an object, or a
-    /// member is missing or of another type. Integers accept integral JSON numbers only.
+    /// Decodes the answer body; throws `TokenDecodingError` when it is not JSON, not an object, or
+    /// a member is missing or of another type. Integers accept integral JSON numbers only.
     static AccessToken decode(const Data& data);
 };
 

@@ -1,8 +1,10 @@
 #pragma once
 // The server's paths and the URL value the service client sends to.
 
+#include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace tarn {
 
@@ -15,6 +17,19 @@ inline constexpr const char* inAppCommunication =
     "/orbital-harbor/sdk-public/inapp-communication-wrapper";
 /// One behavioural event.
 inline constexpr const char* event = "/orbital-harbor/sdk-public/event/mobile";
+
+/// The largest answer body (decoded bytes) accepted from the in-app path: the answer carries
+/// every communication with its texts and image addresses, so the bound is generous.
+inline constexpr std::size_t maxInAppAnswerBytes = std::size_t{16} << 20;
+/// The largest answer body accepted from the token and event paths (and any other): a token
+/// document or an acknowledgement is a few hundred bytes.
+inline constexpr std::size_t maxShortAnswerBytes = std::size_t{64} << 10;
+
+/// The answer bound for a request to `url`: `maxInAppAnswerBytes` when it ends with the in-app
+/// path, else `maxShortAnswerBytes`. An answer over it fails like a lost connection would.
+inline std::size_t maxAnswerBytes(std::string_view url) {
+    return url.ends_with(inAppCommunication) ? maxInAppAnswerBytes : maxShortAnswerBytes;
+}
 }  // namespace Endpoint
 
 /// An absolute http(s)-style URL, kept exactly as it was written (no normalisation, so a base

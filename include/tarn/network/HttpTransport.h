@@ -6,6 +6,7 @@
 // calls every task's completion on that thread, one completion at a time. Completions never run on
 // the thread that resumed the task, nor on the main queue. A completion may start new tasks.
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -46,6 +47,14 @@ struct HttpRequest {
     /// Seconds the whole exchange (connection, request and answer) may take before it fails with
     /// a time-out. Zero or less means no limit.
     double timeoutInterval = 60.0;
+    /// The most answer-body bytes the request accepts, counted after content decoding (a gzip
+    /// answer counts by what it expands to). A longer answer, or one whose "Content-Length"
+    /// announces more, is cut off while it arrives and fails with
+    /// `TransportError::dataLengthExceedsMaximum`: the body is never held beyond this bound.
+    std::size_t maxResponseBytes = kDefaultMaxResponseBytes;
+
+    /// The bound of a request that names none: 16 MiB.
+    static constexpr std::size_t kDefaultMaxResponseBytes = std::size_t{16} << 20;
 
     /// Sets a header field, replacing an earlier one of the same name.
     void setValue(std::string value, std::string_view field) {
@@ -60,7 +69,8 @@ struct HttpResponse {
     std::string url;
 };
 
-/// A failure below HTTP: no connection, a time-out, a dropped connection, a malformed answer.
+/// A failure below HTTP: no connection, a time-out, a dropped connection, a malformed answer, an
+/// answer larger than the request accepts.
 struct TransportError {
     /// Codes in the manner of the platform's URL loading errors.
     enum Code : int {
@@ -73,6 +83,7 @@ struct TransportError {
         cannotConnectToHost = -1004,
         networkConnectionLost = -1005,
         badServerResponse = -1011,
+        dataLengthExceedsMaximum = -1103,
         secureConnectionFailed = -1200,
     };
     int code = unknown;
@@ -127,8 +138,15 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 };
 
 /// The libcurl session: one worker thread drives a multi handle for all the session's transfers.
-/// Redirects are followed (at most 10, http and https only); an "Authorization" header is not
-/// sent on to another host.
+///
+/// Redirects are not followed: a 3xx is an answer like any other status and reaches the
+/// completion with its code and body. Every request of the library is a POST of a JSON body;
+/// following would either turn it into a GET without its body (libcurl's and browsers' rule for
+/// 301 to 303), so a request that reached no server looks answered, or send the body (client
+/// credentials among them) on to wherever the "Location" points. The caller sees the 3xx instead.
+///
+/// Answers are bounded: the body by the request's `maxResponseBytes` (decoded bytes, checked as
+/// they arrive and against "Content-Length" up front), the header block by 256 KiB.
 class CurlHttpSession final : public HttpSession {
   public:
     /// `name` tells sessions apart in diagnostics.

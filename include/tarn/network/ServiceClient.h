@@ -63,7 +63,8 @@ class ServiceClient {
     /// does not parse ends the process: both are programming errors.
     Url url(const std::string& path) const;
 
-    /// Frames a request: method, time-out (the current `requestTimeout`), "Authorization" (unless
+    /// Frames a request: method, time-out (the current `requestTimeout`), the answer bound
+    /// (`Endpoint::maxAnswerBytes` of the URL), "Authorization" (unless
     /// `skipAuthorization` is true; the facade's `tarnAuthToken` as stored), "cache-control",
     /// "App-Info" and "Content-Type".
     HttpRequest buildRequest(const Url& url, bool isPost,
@@ -76,8 +77,9 @@ class ServiceClient {
     ///
     /// The answer: 200 gives the data; 401 gives `httpError(401, "Unauthorized")` and then runs
     /// the token routine again; a 5xx with retry budget left is handed to `retryRequest` and gets
-    /// no completion; any other status gives `httpError(code, reason phrase)`; a transport failure
-    /// gives the transport error and is logged.
+    /// no completion; any other status gives `httpError(code, reason phrase)` (a 3xx too:
+    /// redirects are not followed); a transport failure gives the transport error and is logged,
+    /// and an answer over the request's bound is one (`dataLengthExceedsMaximum`).
     void request(const Url& url, const nlohmann::json& parameters,
                  std::optional<bool> skipAuthorization, ServiceCompletion completion);
 
