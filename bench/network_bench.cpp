@@ -179,4 +179,43 @@ void BM_CurlCommand1000InOneProcess(benchmark::State& state) {
 }
 BENCHMARK(BM_CurlCommand1000InOneProcess)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+/// One in-app answer of the given size received through the client's session: the cost of
+/// collecting the body in blocks and joining it, next to the wire.
+void BM_ReceiveInAppAnswer(benchmark::State& state) {
+    auto& env = environment();
+    const auto size = static_cast<std::size_t>(state.range(0));
+    env.server.on(tarn::Endpoint::inAppCommunication,
+                  ScriptedAnswer::json(200, std::string(size, ' ')));
+    auto& client = tarn::ServiceClient::shared();
+    auto request = client.buildRequest(client.url(tarn::Endpoint::inAppCommunication), true);
+    request.body = {'{', '}'};
+    std::mutex mutex;
+    std::condition_variable changed;
+    for (auto _ : state) {
+        bool done = false;
+        std::size_t received = 0;
+        client.urlSession()
+            .dataTask(request,
+                      [&](auto data, auto, auto) {
+                          std::lock_guard lock(mutex);
+                          received = data ? data->size() : 0;
+                          done = true;
+                          changed.notify_all();
+                      })
+            ->resume();
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return done; });
+        if (received != size) {
+            state.SkipWithError("short answer");
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(size));
+}
+BENCHMARK(BM_ReceiveInAppAnswer)
+    ->Arg(4 << 10)
+    ->Arg(1 << 20)
+    ->Arg(8 << 20)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
 }  // namespace

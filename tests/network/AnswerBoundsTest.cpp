@@ -19,6 +19,14 @@ namespace {
 
 constexpr std::size_t kMiB = std::size_t{1} << 20;
 
+/// How far peak RSS may grow while one hostile answer is handled: far below the answers' sizes,
+/// with room for the thread sanitizer's shadow of every byte touched.
+#if defined(__SANITIZE_THREAD__)
+constexpr std::size_t kRssGrowthBound = 256 * kMiB;
+#else
+constexpr std::size_t kRssGrowthBound = 64 * kMiB;
+#endif
+
 }  // namespace
 
 class AnswerBoundsTest : public NetworkTest {
@@ -71,7 +79,7 @@ TEST_F(AnswerBoundsTest, OversizedTokenAnswersFailTheRoutineWithoutGrowingThePro
     ASSERT_TRUE(tokenRoutineEnds());
     auto growth = peakRssBytes() - baseline;
     std::printf("peak RSS growth, 100 MB token answer: %.1f MiB\n", double(growth) / kMiB);
-    EXPECT_LT(growth, 64 * kMiB);
+    EXPECT_LT(growth, kRssGrowthBound);
     EXPECT_LT(raw_->bytesWritten(), 100 * kMiB);  // the client stopped reading before the end
     EXPECT_TRUE(logs_->waitFor(tooLarge));
     EXPECT_TRUE(logs_->contains(notFetched));
@@ -108,8 +116,9 @@ TEST_F(AnswerBoundsTest, ACompressedAnswerIsBoundedByWhatItExpandsTo) {
     auto growth = peakRssBytes() - baseline;
     std::printf("peak RSS growth, gzip answer expanding to 512 MiB: %.1f MiB\n",
                 double(growth) / kMiB);
-    EXPECT_LT(growth, 64 * kMiB);
-    EXPECT_TRUE(logs_->contains(
+    EXPECT_LT(growth, kRssGrowthBound);
+    // The client logs right after the completion has run.
+    EXPECT_TRUE(logs_->waitFor(
         line("Tarn-ServiceClient:", "The server's answer is larger than this request accepts.")));
     EXPECT_TRUE(logs_->contains(line("Tarn-InAppRepository:", "No Data")));
 
@@ -129,9 +138,10 @@ TEST_F(AnswerBoundsTest, AnOversizedInAppAnswerIsCutAtItsBound) {
     EXPECT_EQ(inAppFetchDecoded(), false);
     auto growth = peakRssBytes() - baseline;
     std::printf("peak RSS growth, 100 MB in-app answer: %.1f MiB\n", double(growth) / kMiB);
-    EXPECT_LT(growth, 64 * kMiB);
+    EXPECT_LT(growth, kRssGrowthBound);
     EXPECT_LT(raw_->bytesWritten() - written, 100 * kMiB);
-    EXPECT_TRUE(logs_->contains(
+    // The client logs right after the completion has run.
+    EXPECT_TRUE(logs_->waitFor(
         line("Tarn-ServiceClient:", "The server's answer is larger than this request accepts.")));
     EXPECT_TRUE(logs_->contains(line("Tarn-InAppRepository:", "No Data")));
 }

@@ -94,6 +94,11 @@ TEST_F(AuthorizationTest, UndecodableOrFailedAnswersKeepTheOldValue) {
              {ScriptedAnswer::json(200, withoutPolicy.dump()),
               {line("Tarn-Repository", "The data couldn’t be read because it is missing."),
                notFetched}},
+             // An empty body is no JSON: the token decoder's own error describes it.
+             {ScriptedAnswer::json(200, ""),
+              {line("Tarn-Repository",
+                    "The data couldn’t be read because it isn’t in the correct format."),
+               notFetched}},
              {ScriptedAnswer::json(400, R"({"error":"invalid_client"})"), {notFetched}}}) {
         SCOPED_TRACE(lines.front());
         logs_ = std::make_unique<LogCapture>();
