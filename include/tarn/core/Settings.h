@@ -32,7 +32,8 @@ struct ProcessSettings {
     /// Whether the configuration fetch of the current initialisation has answered. Every
     /// initialisation, a forced one included, clears it before its first `loadState`, so the
     /// token request and the fetch run under the start-up values whatever an earlier answer
-    /// said; the `loadState` after an installed answer sets it and applies the block.
+    /// said; `completeInitialization` sets it once an answer is installed, and its `loadState`
+    /// then applies the block (or the fallbacks of 3).
     std::atomic<bool> configurationFetched{false};
     /// Period of the offline queue's timer, in seconds.
     std::atomic<double> queueDelay{0.5};
