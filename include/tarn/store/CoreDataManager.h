@@ -19,7 +19,8 @@
 // into the library, so there is no data-model resource that could be missing and opening the store
 // never ends the process. Every failure to open logs "❌ Loading of store failed:" with the reason.
 // - A file whose content cannot be read (not a database, truncated by a disk or a copy, or failing
-//   SQLite's `PRAGMA quick_check`, which reads each page once per open and never on the event path)
+//   SQLite's `PRAGMA quick_check`, which reads each page once per open and never on the event path;
+//   files above 32 MiB skip that check to bound the open's cost, see `kFullCheckLimit`)
 //   is then moved aside, with its -wal, -shm and -journal files, to
 //   "TarnDatabase.sqlite.corrupt-<UTC time as YYYYMMDDThhmmssZ>" (plus the same suffixes, so SQLite
 //   opens the copy with its log), one more line names the new path, and a new, empty store is
