@@ -27,7 +27,8 @@
 //   created in its place: the events of this run and every later one are kept. Only the
 //   `kKeptUnreadableStores` newest moved-aside copies are kept; older ones are deleted, so a disk
 //   that keeps corrupting the file cannot fill up with copies. A file that is found unreadable
-//   only after it was opened is not moved; the next process's open finds it.
+//   only after it was opened is not moved; the next process's open finds it. Another process that
+//   already had the damaged file open goes on with the moved copy until it restarts.
 // - Any other failure (a folder that cannot be written, a lock held too long by another process,
 //   a file written by a newer release) leaves the library running without a store: each later
 //   operation fails on its own with its own log line, and no stored byte is touched.
