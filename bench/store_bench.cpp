@@ -206,6 +206,34 @@ void BM_FindConversion_Miss(benchmark::State& state) {
 }
 BENCHMARK(BM_FindConversion_Miss)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
+/// The first operation of a process opens the store and checks every page of it once
+/// (`PRAGMA quick_check`, skipped above 32 MiB: 1,000,000 events); with `range(0)` events queued.
+void BM_OpenStore(benchmark::State& state) {
+    const auto& folder = prefilled(static_cast<int>(state.range(0)), 0);
+    Latencies latencies;
+    for (auto _ : state) {
+        useStore(folder);
+        auto start = Clock::now();
+        bool loaded = tarn::CoreDataManager::shared().isStoreLoaded();
+        auto elapsed = Clock::now() - start;
+        latencies.add(elapsed);
+        state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
+        if (!loaded) {
+            state.SkipWithError("the store did not open");
+            break;
+        }
+    }
+    latencies.report(state);
+    tarn::resetSharedInstancesForTesting();
+}
+BENCHMARK(BM_OpenStore)
+    ->Arg(100)
+    ->Arg(10'000)
+    ->Arg(100'000)
+    ->Arg(1'000'000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
 /// Resident memory of a fresh process (the test helper) that opens the store with 1,000,000
 /// queued events and pops, saves and looks up 2,000 times: VmRSS at the end and its peak (VmHWM).
 void BM_ResidentMemory_1MQueued(benchmark::State& state) {

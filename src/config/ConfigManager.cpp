@@ -40,7 +40,9 @@ std::string ConfigManager::resolveActorId(const std::optional<std::string>& acto
         return prefs.stringValue(PreferenceKey::actorId).value_or("");
     }
     auto guest = makeUuidString();
-    prefs.set(PreferenceKey::guestActorId, guest);
+    if (!prefs.set(PreferenceKey::guestActorId, guest)) {
+        identityNotSaved();
+    }
     return guest;
 }
 
@@ -58,7 +60,17 @@ void ConfigManager::updateActorId(const std::string& actorId) {
         log("Tarn actorId successfully updated.", logtag);
     }
     tarn.actorId = actorId;
-    PreferencesManager::shared().set(PreferenceKey::actorId, actorId);
+    if (!PreferencesManager::shared().set(PreferenceKey::actorId, actorId)) {
+        identityNotSaved();
+    }
+}
+
+void ConfigManager::identityNotSaved() {
+    if (!identityNotSavedReported_.exchange(true)) {
+        log("The actor identifier could not be saved in the preference store; it is kept in "
+            "memory for this process and a later run may not know it.",
+            logtag);
+    }
 }
 
 }  // namespace tarn

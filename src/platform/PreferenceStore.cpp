@@ -5,6 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <signal.h>
+
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -40,6 +44,44 @@ class FileLock {
     int fd_ = -1;
 };
 
+/// A temporary file older than this is left over whatever process wrote it: a write takes
+/// milliseconds.
+constexpr auto kTemporaryFileMaxAge = std::chrono::minutes(1);
+
+bool processIsAlive(pid_t pid) {
+    return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM);
+}
+
+/// Removes the temporary files "<file>.tmp.<pid>" that writers killed between writing and renaming
+/// left behind: those of a process that is gone, and any older than `kTemporaryFileMaxAge`. Runs
+/// under the file's exclusive lock, which every writer holds while its temporary file exists.
+void removeLeftoverTemporaries(const std::filesystem::path& file) {
+    const std::string prefix = file.filename().string() + ".tmp.";
+    std::error_code ec;
+    if (!std::filesystem::is_directory(file.parent_path(), ec)) {
+        return;
+    }
+    FileLock lock(file, LOCK_EX);
+    const auto oldest = std::filesystem::file_time_type::clock::now() - kTemporaryFileMaxAge;
+    for (std::filesystem::directory_iterator it(file.parent_path(), ec), end; !ec && it != end;
+         it.increment(ec)) {
+        auto name = it->path().filename().string();
+        if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0) {
+            continue;
+        }
+        auto digits = name.substr(prefix.size());
+        if (digits.size() > 9 || digits.find_first_not_of("0123456789") != std::string::npos) {
+            continue;
+        }
+        std::error_code timeError;
+        auto written = std::filesystem::last_write_time(it->path(), timeError);
+        bool old = !timeError && written < oldest;
+        if (old || !processIsAlive(static_cast<pid_t>(std::stol(digits)))) {
+            std::filesystem::remove(it->path(), timeError);
+        }
+    }
+}
+
 /// One store per file for the life of the process. Keeping them (a process uses one or two) lets
 /// a read of an unchanged file cost one `stat` instead of a locked read and parse of the whole file
 /// on every call; a change on disk is still seen through the file's stamp.
@@ -49,6 +91,7 @@ std::shared_ptr<PreferenceStore> storeFor(const std::filesystem::path& file) {
     std::lock_guard lock(mutex);
     auto& store = stores[file];
     if (!store) {
+        removeLeftoverTemporaries(file);
         store = std::make_shared<PreferenceStore>(file);
     }
     return store;
@@ -155,6 +198,40 @@ void PreferenceStore::refreshLocked() {
     }
     FileLock lock(file_, LOCK_SH);
     values_ = readFileLocked();
+    applyUnsavedLocked(values_);
+}
+
+void PreferenceStore::applyUnsavedLocked(nlohmann::json& values) const {
+    for (const auto& [key, value] : unsaved_.items()) {
+        if (value.is_null()) {
+            values.erase(key);
+        } else {
+            values[key] = value;
+        }
+    }
+}
+
+bool PreferenceStore::writeLocked(const std::string& key, const nlohmann::json& value) {
+    ensureFolder(file_.parent_path());
+    FileLock lock(file_, LOCK_EX);
+    auto current = readFileLocked();
+    applyUnsavedLocked(current);  // an earlier change that could not be written goes with this one
+    if (value.is_null()) {
+        current.erase(key);
+    } else {
+        current[key] = value;
+    }
+    bool saved = writeFileLocked(current);
+    if (saved) {
+        readFileLocked();  // refresh the stamp to the file just written
+        unsaved_ = nlohmann::json::object();
+    } else {
+        // The write failed (for example a folder that cannot be written): the change is kept in
+        // memory for this process and written with the next write that succeeds.
+        unsaved_[key] = value;
+    }
+    values_ = std::move(current);
+    return saved;
 }
 
 bool PreferenceStore::writeFileLocked(const nlohmann::json& values) {
@@ -163,6 +240,7 @@ bool PreferenceStore::writeFileLocked(const nlohmann::json& values) {
     if (fd < 0) {
         return false;
     }
+    ::fchmod(fd, 0600);  // a file of that name left by an earlier process keeps its mode otherwise
     auto text = values.dump(2);
     const char* p = text.data();
     std::size_t left = text.size();
@@ -187,30 +265,14 @@ bool PreferenceStore::writeFileLocked(const nlohmann::json& values) {
     return true;
 }
 
-void PreferenceStore::setValue(const std::string& key, nlohmann::json value) {
+bool PreferenceStore::setValue(const std::string& key, nlohmann::json value) {
     std::lock_guard guard(mutex_);
-    ensureFolder(file_.parent_path());
-    FileLock lock(file_, LOCK_EX);
-    auto current = readFileLocked();
-    current[key] = std::move(value);
-    if (writeFileLocked(current)) {
-        readFileLocked();  // refresh the stamp to the file just written
-        values_ = std::move(current);
-    } else {
-        // The write failed (for example a read-only folder); keep the value for this process.
-        values_ = std::move(current);
-    }
+    return writeLocked(key, value);
 }
 
-void PreferenceStore::remove(const std::string& key) {
+bool PreferenceStore::remove(const std::string& key) {
     std::lock_guard guard(mutex_);
-    ensureFolder(file_.parent_path());
-    FileLock lock(file_, LOCK_EX);
-    auto current = readFileLocked();
-    current.erase(key);
-    writeFileLocked(current);
-    readFileLocked();
-    values_ = std::move(current);
+    return writeLocked(key, nullptr);
 }
 
 std::optional<nlohmann::json> PreferenceStore::object(const std::string& key) {

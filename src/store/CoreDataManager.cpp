@@ -1,8 +1,16 @@
 #include "tarn/store/CoreDataManager.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
 #include <mutex>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -65,6 +73,114 @@ void bindDate(sqlite3_stmt* stmt, int index, const std::optional<Date>& date) {
     }
 }
 
+/// Files SQLite keeps beside the database, named by appending these to its path.
+constexpr const char* kCompanionSuffixes[] = {"-wal", "-shm", "-journal"};
+/// Files up to this size are checked page by page when opened (about 60 ms of one core at the
+/// limit, some 130,000 queued events). A larger file, which only a device that stayed offline for
+/// very long can hold, skips that check so that opening it cannot stall the host's first call
+/// for seconds; reading its schema and preparing the statements still find most damage.
+constexpr std::uintmax_t kFullCheckLimit = 32u << 20;
+/// What a moved-aside store's name carries between the database's name and its UTC time.
+constexpr const char* kCorruptInfix = ".corrupt-";
+
+/// True for the failures that mean the file's content cannot be trusted (as opposed to a folder
+/// that cannot be written, a lock held elsewhere or a newer schema, which leave the file alone).
+bool meansCorruption(int code) {
+    code &= 0xff;
+    return code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
+}
+
+/// Makes the database file and whatever companions exist private to the user. The main file is
+/// created here with mode 0600 before SQLite opens it, so no umask can widen it, and SQLite gives
+/// the -wal and -shm files it creates later the main file's mode. Files left by an earlier release
+/// with wider modes are narrowed. Failures are left for the open to report.
+void makeFilesPrivate(const std::filesystem::path& path) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        ::fchmod(fd, 0600);
+        ::close(fd);
+    }
+    for (const char* suffix : kCompanionSuffixes) {
+        auto companion = path.string() + suffix;
+        if (::access(companion.c_str(), F_OK) == 0) {
+            ::chmod(companion.c_str(), 0600);
+        }
+    }
+}
+
+std::string utcStamp() {
+    std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    ::gmtime_r(&now, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &parts);
+    return text;
+}
+
+/// Removes the oldest moved-aside stores (and their companions) beyond the newest `keep`. Their
+/// names end in a fixed-width UTC time, so name order is age order.
+void pruneMovedAside(const std::filesystem::path& path, std::size_t keep) {
+    const std::string prefix = path.filename().string() + kCorruptInfix;
+    std::vector<std::filesystem::path> stores;
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(path.parent_path(), ec), end; !ec && it != end;
+         it.increment(ec)) {
+        auto name = it->path().filename().string();
+        if (name.rfind(prefix, 0) != 0) {
+            continue;
+        }
+        bool companion = false;
+        for (const char* suffix : kCompanionSuffixes) {
+            std::string_view tail(suffix);
+            companion =
+                companion || (name.size() > tail.size() &&
+                              name.compare(name.size() - tail.size(), tail.size(), tail) == 0);
+        }
+        if (!companion) {
+            stores.push_back(it->path());
+        }
+    }
+    if (stores.size() <= keep) {
+        return;
+    }
+    std::sort(stores.begin(), stores.end());
+    for (std::size_t i = 0; i + keep < stores.size(); ++i) {
+        std::filesystem::remove(stores[i], ec);
+        for (const char* suffix : kCompanionSuffixes) {
+            std::filesystem::remove(stores[i].string() + suffix, ec);
+        }
+    }
+}
+
+/// Renames the database and its companions to "<name>.corrupt-<UTC time>[-<n>]" plus the same
+/// suffixes, so SQLite still opens the moved copy together with its log. Returns the new path, or
+/// the reason it could not be moved.
+std::pair<std::optional<std::filesystem::path>, std::string> moveAside(
+    const std::filesystem::path& path) {
+    std::string base = path.string() + kCorruptInfix + utcStamp();
+    std::string target = base;
+    for (int n = 2; ::access(target.c_str(), F_OK) == 0 && n < 1000; ++n) {
+        target = base + "-" + std::to_string(n);
+    }
+    if (::rename(path.c_str(), target.c_str()) != 0) {
+        return {std::nullopt, std::strerror(errno)};
+    }
+    ::chmod(target.c_str(), 0600);
+    for (const char* suffix : kCompanionSuffixes) {
+        auto from = path.string() + suffix;
+        if (::access(from.c_str(), F_OK) != 0) {
+            continue;
+        }
+        auto to = target + suffix;
+        // A log left beside a new, empty database would be replayed into it: it must go too.
+        if (::rename(from.c_str(), to.c_str()) != 0) {
+            return {std::nullopt, std::strerror(errno)};
+        }
+        ::chmod(to.c_str(), 0600);
+    }
+    return {std::filesystem::path(target), {}};
+}
+
 /// Resets a statement and drops its bindings when it leaves scope.
 struct StatementUse {
     sqlite3_stmt* stmt;
@@ -88,6 +204,8 @@ class CoreDataManager::Store {
     sqlite3* db = nullptr;
     bool attempted = false;
     std::string loadError;
+    /// SQLite's code for the last failure while opening (corruption is told apart by it).
+    int openFailure = SQLITE_OK;
     int busyTimeoutMs = 1000;
 
     sqlite3_stmt* insertEvent = nullptr;
@@ -121,6 +239,7 @@ class CoreDataManager::Store {
 
   private:
     Error open(const std::filesystem::path& path);
+    Error quickCheck();
     Error migrate();
     Error prepare(const char* sql, sqlite3_stmt** stmt);
     Error flushPending();
@@ -131,24 +250,60 @@ bool CoreDataManager::Store::ensureOpen(const std::string& logtag) {
         return db != nullptr;
     }
     attempted = true;
-    if (auto error = open(CoreDataManager::databasePath())) {
-        loadError = *error;
+    const auto path = CoreDataManager::databasePath();
+    auto error = open(path);
+    if (!error) {
+        return true;
+    }
+    const bool corrupt = meansCorruption(openFailure);
+    loadError = *error;
+    close();
+    log("❌ Loading of store failed:" + loadError, logtag);
+    if (!corrupt) {
+        return false;
+    }
+    // The file cannot be read: keep it for a person to look at and start a new, empty store, so
+    // that the events of this and every later run are kept.
+    auto [moved, reason] = moveAside(path);
+    if (!moved) {
+        log("The unreadable store could not be moved aside: " + reason, logtag);
+        return false;
+    }
+    pruneMovedAside(path, kKeptUnreadableStores);
+    log("The unreadable store was moved to " + moved->string() + "; a new store is created.",
+        logtag);
+    if (auto again = open(path)) {
+        loadError = *again;
         close();
         log("❌ Loading of store failed:" + loadError, logtag);
         return false;
     }
+    loadError.clear();
     return true;
 }
 
 Error CoreDataManager::Store::open(const std::filesystem::path& path) {
+    openFailure = SQLITE_OK;
+    makeFilesPrivate(path);
     int rc =
         sqlite3_open_v2(path.c_str(), &db,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) {
+        openFailure = rc;
         std::string reason = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
         return reason + " (" + path.string() + ")";
     }
     sqlite3_busy_timeout(db, busyTimeoutMs);
+    // Until the file has passed its check, closing the connection must not checkpoint a log into
+    // it nor delete that log: an unreadable file is moved aside with its log as it was found.
+    sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    std::error_code ec;
+    auto size = std::filesystem::file_size(path, ec);
+    if (ec || size <= kFullCheckLimit) {
+        if (auto error = quickCheck()) {
+            return error;
+        }
+    }
     // Write-ahead log with NORMAL sync: see the header for why this survives any process kill.
     if (auto error = exec("PRAGMA journal_mode = WAL")) {
         return error;
@@ -178,7 +333,28 @@ Error CoreDataManager::Store::open(const std::filesystem::path& path) {
             return error;
         }
     }
+    sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
     return std::nullopt;
+}
+
+/// Reads every page of the file once (`PRAGMA quick_check`): a file that is not a database, or that
+/// a disk or copy truncated, fails here rather than on some later write. Runs once per open.
+Error CoreDataManager::Store::quickCheck() {
+    sqlite3_stmt* stmt = nullptr;
+    if (auto error = prepare("PRAGMA quick_check(1)", &stmt)) {
+        return error;
+    }
+    Error error;
+    int rc = sqlite3_step(stmt);
+    if (rc != SQLITE_ROW) {
+        openFailure = sqlite3_extended_errcode(db);
+        error = errorMessage();
+    } else if (auto verdict = columnText(stmt, 0); verdict != "ok") {
+        openFailure = SQLITE_CORRUPT;
+        error = "The store failed its integrity check: " + verdict.value_or("");
+    }
+    sqlite3_finalize(stmt);
+    return error;
 }
 
 /// Brings the file to `kSchemaVersion` inside one write transaction, so that a process killed
@@ -194,6 +370,7 @@ Error CoreDataManager::Store::migrate() {
         version = rc == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : 0;
         Error error;
         if (rc != SQLITE_ROW) {
+            openFailure = sqlite3_extended_errcode(db);
             error = errorMessage();
         }
         sqlite3_finalize(stmt);
@@ -232,6 +409,7 @@ Error CoreDataManager::Store::migrate() {
 
 Error CoreDataManager::Store::prepare(const char* sql, sqlite3_stmt** stmt) {
     if (sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, stmt, nullptr) != SQLITE_OK) {
+        openFailure = sqlite3_extended_errcode(db);
         return errorMessage();
     }
     return std::nullopt;
@@ -239,7 +417,8 @@ Error CoreDataManager::Store::prepare(const char* sql, sqlite3_stmt** stmt) {
 
 Error CoreDataManager::Store::exec(const char* sql) {
     char* message = nullptr;
-    if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    if (int rc = sqlite3_exec(db, sql, nullptr, nullptr, &message); rc != SQLITE_OK) {
+        openFailure = rc;
         std::string reason = message ? message : errorMessage();
         sqlite3_free(message);
         return reason;

@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+
+#include "support/PipelineFixture.h"
 #include "support/TestSupport.h"
 #include "tarn/config/ConfigManager.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Tarn.h"
+#include "tarn/events/TarnEvent.h"
 
 using namespace tarn;
 
@@ -74,3 +78,31 @@ TEST_F(IdentityTest, TokensAreStoredFirstWithoutAnEventAndHexIsLowerCase) {
     auto lines = logs.lines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "Tarn: Push token set complete;"), 2);
 }
+
+// The preference folder's path runs through a regular file, so no identity can be written (even
+// as root); the database folder stays writable. With a host identifier, and as a guest.
+class UnsavedIdentityTest : public test::PipelineTest,
+                            public testing::WithParamInterface<std::optional<std::string>> {};
+
+TEST_P(UnsavedIdentityTest, IsKeptForTheProcessOnEveryEventAndSaidOnce) {
+    std::ofstream(dataDir() / "Preferences") << "not a folder";
+    test::LogCapture logs;
+    ASSERT_EQ(initializeAndWait(hostConfig(GetParam())), InitializeStatusType::initialized);
+    TarnEvent::shared().sendCustomEvent(nullptr, std::nullopt, "one");
+    TarnEvent::shared().sendCustomEvent(nullptr, std::nullopt, "two");
+    ASSERT_TRUE(drainUntil(4));
+    const auto actor = Tarn::shared().actorId.get();
+    EXPECT_EQ(actor.empty(), false);
+    EXPECT_EQ(actor, GetParam().value_or(actor));
+    for (const auto& event : receivedEvents()) {
+        EXPECT_EQ(event["actorId"], actor) << event["name"];
+    }
+    EXPECT_EQ(logs.count("Tarn-ConfigManager: The actor identifier could not be saved in the "
+                         "preference store; it is kept in memory for this process and a later run "
+                         "may not know it.;"),
+              1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(HostAndGuest, UnsavedIdentityTest,
+                         testing::Values(std::optional<std::string>("actor-1"), std::nullopt),
+                         [](const auto& info) { return info.param ? "Host" : "Guest"; });

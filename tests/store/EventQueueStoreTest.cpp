@@ -1,7 +1,9 @@
 // The event queue of the local store: order, failure paths, an unusable store, and use from several
 // threads, all against a real database file in the test's data folder.
+#include <algorithm>
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <thread>
 
@@ -130,73 +132,71 @@ TEST_F(EventQueueStoreTest, FailedDeleteHandsTheEventThenNothing) {
     EXPECT_EQ(popOnce(), Popped{event("after").dump()});
 }
 
+// A store that cannot be opened, yet whose file must not be replaced: the library runs on without
+// it, logs the failure once, every operation fails on its own, and the file stays as it was.
 TEST_F(EventQueueStoreTest, UnusableStoreLogsOnceAndEveryOperationFailsOnItsOwn) {
-    LogCapture logs;
-    // A file that is not a database: nothing in it is touched.
-    auto file = CoreDataManager::databasePath();
-    std::string garbage(8192, 'x');
-    std::ofstream(file, std::ios::binary) << garbage;
-
-    auto& store = CoreDataManager::shared();
-    EXPECT_FALSE(store.isStoreLoaded());
-    EXPECT_TRUE(
-        logs.contains("Tarn-CoreDataManager: ❌ Loading of store failed:file is not a database;"));
-
-    Tarn::shared().actorId = "actor";
-    save(event("e"), 1);
-    EXPECT_EQ(popOnce(), Popped{std::nullopt});
-    EXPECT_TRUE(
-        logs.contains("Tarn-CoreDataManager: Fetch or delete error: The store is not "
-                      "loaded: file is not a database;"));
-    bool saved = false;
-    store.saveConversion({"code", "purchase", Date{1}}, "inapp_open", [&] { saved = true; });
-    EXPECT_FALSE(saved);
-    EXPECT_TRUE(
-        logs.contains("Tarn-ConversionManager: inapp_open conversion couldn't save. Save "
-                      "Error: An error occurred while saving the conversion event!;"));
-    int answers = 0;
-    store.findConversion("purchase", "actor", [&](std::optional<ConversionItem> found) {
-        ++answers;
-        EXPECT_FALSE(found);
-    });
-    EXPECT_EQ(answers, 1);
-    EXPECT_TRUE(
-        logs.contains("Tarn-ConversionManager: purchase is not a conversion event. Fetch "
-                      "Error: An error occurred while fetching the conversion event!;"));
-    store.deleteExpiredConversions();
-    EXPECT_TRUE(logs.contains(
-        "Tarn-CoreDataManager: Delete error: The store is not loaded: file is not a database;"));
-
-    EXPECT_EQ(logs.count("Tarn-CoreDataManager: ❌ Loading of store failed:file is not a database;"),
-              1u);
-    std::ifstream in(file, std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), garbage);
-}
-
-TEST_F(EventQueueStoreTest, FolderThatCannotHoldTheFileOrNewerSchemaLeavesStoreUnloaded) {
-    {
+    struct Case {
+        const char* name;
+        std::string reason;
+        std::function<void()> prepare;
+    } cases[] = {
+        {"folder through a regular file", "unable to open database file",
+         [&] {
+             std::ofstream(temp_->path() / "not-a-folder") << "x";
+             setDataDirectory(temp_->path() / "not-a-folder" / "data");
+         }},
+        {"schema of a newer release",
+         "The store's schema version 7 is newer than this library reads (1)",
+         [] {
+             RawDatabase raw(CoreDataManager::databasePath());
+             ASSERT_EQ(raw.exec("CREATE TABLE Future (x); INSERT INTO Future VALUES (1); "
+                                "PRAGMA user_version = 7"),
+                       "");
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        resetSharedInstancesForTesting();
+        setDataDirectory(dataDir());
+        c.prepare();
         LogCapture logs;
-        // The data folder's path runs through a regular file, so it can never be created.
-        auto blocker = temp_->path() / "not-a-folder";
-        std::ofstream(blocker) << "x";
-        setDataDirectory(blocker / "data");
-        EXPECT_FALSE(CoreDataManager::shared().isStoreLoaded());
-        EXPECT_TRUE(logs.containsText("❌ Loading of store failed:unable to open database file"));
+        auto& store = CoreDataManager::shared();
+        EXPECT_FALSE(store.isStoreLoaded());
+        const std::string failed = "Tarn-CoreDataManager: ❌ Loading of store failed:" + c.reason;
+        EXPECT_TRUE(logs.containsText(failed));
+
+        Tarn::shared().actorId = "actor";
+        save(event("e"), 1);
         EXPECT_EQ(popOnce(), Popped{std::nullopt});
+        EXPECT_TRUE(logs.containsText(
+            "Tarn-CoreDataManager: Fetch or delete error: The store is not loaded: " + c.reason));
+        bool saved = false;
+        store.saveConversion({"code", "purchase", Date{1}}, "inapp_open", [&] { saved = true; });
+        EXPECT_FALSE(saved);
+        EXPECT_TRUE(
+            logs.contains("Tarn-ConversionManager: inapp_open conversion couldn't save. Save "
+                          "Error: An error occurred while saving the conversion event!;"));
+        int answers = 0;
+        store.findConversion("purchase", "actor", [&](std::optional<ConversionItem> found) {
+            ++answers;
+            EXPECT_FALSE(found);
+        });
+        EXPECT_EQ(answers, 1);
+        EXPECT_TRUE(
+            logs.contains("Tarn-ConversionManager: purchase is not a conversion event. Fetch "
+                          "Error: An error occurred while fetching the conversion event!;"));
+        store.deleteExpiredConversions();
+        EXPECT_TRUE(
+            logs.containsText("Tarn-CoreDataManager: Delete error: The store is not "
+                              "loaded: " +
+                              c.reason));
+        auto lines = logs.lines();
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                                [&](const std::string& l) { return l.rfind(failed, 0) == 0; }),
+                  1);
+        EXPECT_FALSE(logs.containsText("moved"));
     }
-    resetSharedInstancesForTesting();
-    setDataDirectory(dataDir());
-    {
-        RawDatabase raw(CoreDataManager::databasePath());
-        ASSERT_EQ(raw.exec("CREATE TABLE Future (x); INSERT INTO Future VALUES (1); "
-                           "PRAGMA user_version = 7"),
-                  "");
-    }
-    LogCapture logs;
-    EXPECT_FALSE(CoreDataManager::shared().isStoreLoaded());
-    EXPECT_TRUE(
-        logs.contains("Tarn-CoreDataManager: ❌ Loading of store failed:The store's "
-                      "schema version 7 is newer than this library reads (1);"));
+    // The newer release's file is untouched.
     RawDatabase raw(CoreDataManager::databasePath());
     EXPECT_EQ(raw.integer("PRAGMA user_version"), 7);
     EXPECT_EQ(raw.integer("SELECT count(*) FROM Future"), 1);

@@ -77,9 +77,24 @@ pid_t startWriter(const std::filesystem::path& data, int round, int reportFd) {
 TEST_F(StoreProcessTest, WriterKilledAtRandomMomentsKeepsEveryReportedEvent) {
     constexpr int kRounds = 40;
     std::mt19937 random(std::random_device{}());
-    // Early kills land in start-up and the file's creation, later ones amid saves.
-    std::uniform_int_distribution<int> delayUs(0, 60000);
     auto file = CoreDataManager::databasePath();
+    // How long a writer takes to report its first save on this machine, as loaded as it is now.
+    auto firstSave = [&](int round) {
+        int pipefd[2];
+        EXPECT_EQ(::pipe2(pipefd, O_CLOEXEC), 0);
+        auto start = std::chrono::steady_clock::now();
+        pid_t pid = startWriter(dataDir(), round, pipefd[1]);
+        ::close(pipefd[1]);
+        std::int64_t value = 0;
+        EXPECT_EQ(::read(pipefd[0], &value, sizeof value), static_cast<ssize_t>(sizeof value));
+        auto took = std::chrono::steady_clock::now() - start;
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+        ::close(pipefd[0]);
+        return std::chrono::duration_cast<std::chrono::microseconds>(took).count();
+    };
+    // Early kills land in start-up and the file's creation, later ones amid saves.
+    std::uniform_int_distribution<std::int64_t> delayUs(0, 3 * firstSave(-1) + 20000);
     std::int64_t totalReported = 0;
     for (int round = 0; round < kRounds; ++round) {
         int pipefd[2];

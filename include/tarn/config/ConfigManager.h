@@ -28,7 +28,13 @@ class ConfigManager {
     std::string resolveActorId(const std::optional<std::string>& actorId);
     /// Refuses an empty or blank identifier with a log line; otherwise sends "actor_change" when
     /// the in-memory identifier changes from a non-empty one, then stores the identifier untrimmed.
+    /// An identifier (host or guest) that cannot be written to the preference store is still kept
+    /// for this process, and every event carries it; one line says so, once per process.
     void updateActorId(const std::string& actorId);
+
+  private:
+    void identityNotSaved();
+    std::atomic<bool> identityNotSavedReported_{false};
 };
 
 }  // namespace tarn

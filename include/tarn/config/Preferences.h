@@ -34,10 +34,12 @@ class PreferencesManager {
     /// The stored "actorId", else the stored "guestActorId", else "".
     std::string storedActorId() const;
 
-    void set(PreferenceKey key, const std::string& value) const {
-        defaults()->set(rawValue(key), value);
+    /// Stores `value` under `key`; true when it reached the file, false when the store keeps it in
+    /// memory for this process only (the file could not be written).
+    bool set(PreferenceKey key, const std::string& value) const {
+        return defaults()->set(rawValue(key), value);
     }
-    void set(PreferenceKey key, bool value) const { defaults()->set(rawValue(key), value); }
+    bool set(PreferenceKey key, bool value) const { return defaults()->set(rawValue(key), value); }
 };
 
 }  // namespace tarn

@@ -8,6 +8,11 @@
 // file afresh (so another process's values are kept), writes a temporary file and renames it over
 // the old one: a crash never leaves a torn file. Files are created with mode 0600. Reads re-read
 // the file only when it has changed on disk.
+//
+// A change that cannot be written (a folder that cannot be written, a full disk) is kept in memory
+// for the rest of the process: reads see it, and the next write that succeeds writes it too.
+// Temporary files that a killed writer left behind ("<file>.tmp.<pid>" of a process that is gone,
+// or older than a minute) are removed when the store is first opened in a process.
 
 #include <cstdint>
 #include <filesystem>
@@ -36,17 +41,27 @@ class PreferenceStore {
     std::optional<bool> boolean(const std::string& key);
     std::optional<std::int64_t> integer(const std::string& key);
 
-    void set(const std::string& key, const std::string& value) { setValue(key, value); }
-    void set(const std::string& key, const char* value) { setValue(key, std::string(value)); }
-    void set(const std::string& key, bool value) { setValue(key, value); }
-    void set(const std::string& key, std::int64_t value) { setValue(key, value); }
-    void set(const std::string& key, int value) { setValue(key, static_cast<std::int64_t>(value)); }
-    void remove(const std::string& key);
+    /// Stores `value` under `key`. True when it was written to the file; false when it is kept in
+    /// memory only (see above).
+    bool set(const std::string& key, const std::string& value) { return setValue(key, value); }
+    bool set(const std::string& key, const char* value) {
+        return setValue(key, std::string(value));
+    }
+    bool set(const std::string& key, bool value) { return setValue(key, value); }
+    bool set(const std::string& key, std::int64_t value) { return setValue(key, value); }
+    bool set(const std::string& key, int value) {
+        return setValue(key, static_cast<std::int64_t>(value));
+    }
+    /// Removes `key`; true when the file was written.
+    bool remove(const std::string& key);
 
     const std::filesystem::path& file() const { return file_; }
 
   private:
-    void setValue(const std::string& key, nlohmann::json value);
+    bool setValue(const std::string& key, nlohmann::json value);
+    /// Sets `key` to `value` (null: removes it) and writes the file.
+    bool writeLocked(const std::string& key, const nlohmann::json& value);
+    void applyUnsavedLocked(nlohmann::json& values) const;
     void refreshLocked();
     nlohmann::json readFileLocked();
     bool writeFileLocked(const nlohmann::json& values);
@@ -54,6 +69,8 @@ class PreferenceStore {
     std::filesystem::path file_;
     std::mutex mutex_;
     nlohmann::json values_ = nlohmann::json::object();
+    /// Changes that could not be written, null for a removed key.
+    nlohmann::json unsaved_ = nlohmann::json::object();
     struct Stamp {
         std::int64_t mtimeNs = -1;
         std::int64_t size = -1;

@@ -15,12 +15,28 @@
 // before the next checkpoint could drop the last few commits, never corrupt the file; `FULL` would
 // close that gap at the cost of an fsync per event, which the event path cannot afford.
 //
-// Opening. The schema is compiled into the library, so there is no data-model resource that could
-// be missing and opening the store never ends the process. Every failure to open the store (a
-// folder that cannot be written, a file that is not a database, a file written by a newer release)
-// logs "❌ Loading of store failed:" with the reason and leaves the library running without a store;
-// each later operation then fails on its own with its own log line, and no stored byte is touched.
-// The store is opened once per process, on the first operation.
+// Opening. The store is opened once per process, on the first operation. The schema is compiled
+// into the library, so there is no data-model resource that could be missing and opening the store
+// never ends the process. Every failure to open logs "❌ Loading of store failed:" with the reason.
+// - A file whose content cannot be read (not a database, truncated by a disk or a copy, or failing
+//   SQLite's `PRAGMA quick_check`, which reads each page once per open and never on the event path;
+//   files above 32 MiB skip that check to bound the open's cost, see `kFullCheckLimit`)
+//   is then moved aside, with its -wal, -shm and -journal files, to
+//   "TarnDatabase.sqlite.corrupt-<UTC time as YYYYMMDDThhmmssZ>" (plus the same suffixes, so SQLite
+//   opens the copy with its log), one more line names the new path, and a new, empty store is
+//   created in its place: the events of this run and every later one are kept. Only the
+//   `kKeptUnreadableStores` newest moved-aside copies are kept; older ones are deleted, so a disk
+//   that keeps corrupting the file cannot fill up with copies. A file that is found unreadable
+//   only after it was opened is not moved; the next process's open finds it. Another process that
+//   already had the damaged file open goes on with the moved copy until it restarts.
+// - Any other failure (a folder that cannot be written, a lock held too long by another process,
+//   a file written by a newer release) leaves the library running without a store: each later
+//   operation fails on its own with its own log line, and no stored byte is touched.
+//
+// Files. The database and its -wal and -shm files are private to the user (mode 0600), whatever
+// the process's umask: the database file is created with that mode before SQLite opens it, SQLite
+// gives its companions the database's mode, and files left with wider modes are narrowed on open.
+// Moved-aside copies keep mode 0600 too.
 //
 // Threads. Every call is synchronous on the calling thread and safe from any thread: one connection
 // is guarded by a recursive lock. Completions run on the calling thread. The completion of
@@ -28,6 +44,7 @@
 // threads' calls wait for it; calls into the store from inside it, on the same thread, are allowed.
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -58,6 +75,8 @@ class CoreDataManager {
     static constexpr const char* kDatabaseFileName = "TarnDatabase.sqlite";
     /// Schema version this release writes and reads.
     static constexpr int kSchemaVersion = 1;
+    /// How many moved-aside unreadable stores are kept beside the database (the newest ones).
+    static constexpr std::size_t kKeptUnreadableStores = 3;
 
     /// Path of the database file.
     static std::filesystem::path databasePath();
