@@ -28,6 +28,7 @@ class ConfigManager {
     std::string resolveActorId(const std::optional<std::string>& actorId);
     /// Refuses an empty or blank identifier with a log line; otherwise sends "actor_change" when
     /// the in-memory identifier changes from a non-empty one, then stores the identifier untrimmed.
+    /// Bytes that are not UTF-8 are replaced by U+FFFD first.
     void updateActorId(const std::string& actorId);
 };
 

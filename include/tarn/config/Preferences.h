@@ -34,9 +34,8 @@ class PreferencesManager {
     /// The stored "actorId", else the stored "guestActorId", else "".
     std::string storedActorId() const;
 
-    void set(PreferenceKey key, const std::string& value) const {
-        defaults()->set(rawValue(key), value);
-    }
+    /// Stores a string; bytes that are not UTF-8 are replaced by U+FFFD.
+    void set(PreferenceKey key, const std::string& value) const;
     void set(PreferenceKey key, bool value) const { defaults()->set(rawValue(key), value); }
 };
 
