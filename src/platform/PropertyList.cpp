@@ -2,6 +2,7 @@
 
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
@@ -41,27 +42,30 @@ std::uint64_t bigEndian(const unsigned char* p, std::size_t size) {
     return v;
 }
 
-/// True when a string object of a binary property list holds a NUL character. libplist hands
-/// strings and keys out as C strings (and asserts that their length matches), so such a file is
-/// refused before it is parsed. Walks the object offset table only; layouts that libplist itself
-/// refuses are left for it to refuse.
-bool binaryHoldsNul(const std::string& bytes) {
+/// Why the string objects of a binary property list cannot be read safely, or nullptr when they
+/// can. libplist hands strings and keys out as C strings (and asserts that their length matches),
+/// so a NUL character inside one is refused before the file is parsed. Walks the object offset
+/// table only, and reads anything in the file that the table points at, even where libplist would
+/// refuse the layout: a refusal here only anticipates one there. Objects of a well-formed file do
+/// not overlap, so the strings together are never longer than the file; a table that makes them
+/// longer is refused too, which keeps this walk linear in the file's size.
+const char* binaryStringProblem(const std::string& bytes) {
     constexpr std::size_t kTrailer = 32;
     if (bytes.size() < 8 + kTrailer) {
-        return false;
+        return nullptr;
     }
     const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
-    const std::size_t end =
-        bytes.size() - kTrailer;  // objects and the table lie before the trailer
-    const unsigned char* trailer = data + end;
+    const std::size_t end = bytes.size();
+    const unsigned char* trailer = data + end - kTrailer;
     const std::size_t offsetSize = trailer[6];
     const std::uint64_t objects = bigEndian(trailer + 8, 8);
     const std::uint64_t table = bigEndian(trailer + 24, 8);
     if (offsetSize < 1 || offsetSize > 8 || table >= end || objects > (end - table) / offsetSize) {
-        return false;
+        return nullptr;  // libplist refuses a table that does not fit in the file
     }
+    std::uint64_t scanned = 0;
     for (std::uint64_t i = 0; i < objects; ++i) {
-        std::uint64_t offset = bigEndian(data + table + i * offsetSize, offsetSize);
+        const std::uint64_t offset = bigEndian(data + table + i * offsetSize, offsetSize);
         if (offset >= end) {
             continue;
         }
@@ -72,11 +76,11 @@ bool binaryHoldsNul(const std::string& bytes) {
         }
         std::uint64_t count = marker & 0xF;
         std::size_t at = offset + 1;
-        if (count == 0xF) {
+        if (count == 0xF) {  // the length follows as an integer object
             if (at >= end || (data[at] >> 4) != 0x1 || (data[at] & 0xF) > 3) {
                 continue;
             }
-            std::size_t width = std::size_t{1} << (data[at] & 0xF);
+            const std::size_t width = std::size_t{1} << (data[at] & 0xF);
             if (end - at - 1 < width) {
                 continue;
             }
@@ -84,17 +88,20 @@ bool binaryHoldsNul(const std::string& bytes) {
             at += 1 + width;
         }
         const std::size_t unit = type == 0x6 ? 2 : 1;
-        if (at > end || count > (end - at) / unit) {
-            continue;
+        // A string running past the end of the file is cut there: its part inside still counts.
+        const std::uint64_t units = std::min<std::uint64_t>(count, (end - at) / unit);
+        scanned += units * unit;
+        if (scanned > end) {
+            return "string objects overlap";
         }
-        for (std::uint64_t c = 0; c < count; ++c) {
+        for (std::uint64_t c = 0; c < units; ++c) {
             const unsigned char* ch = data + at + c * unit;
             if (ch[0] == 0 && (unit == 1 || ch[1] == 0)) {
-                return true;
+                return "a string holds a NUL character";
             }
         }
     }
-    return false;
+    return nullptr;
 }
 
 /// True when an XML property list opens more than `kMaxNestingDepth` arrays and dictionaries
@@ -204,8 +211,8 @@ class Converter {
         while (true) {
             char* key = nullptr;
             plist_t value = nullptr;
-            // Keys holding a NUL were refused before parsing (binaryHoldsNul); an XML key cannot
-            // hold one.
+            // Keys holding a NUL were refused before parsing (binaryStringProblem); an XML key
+            // cannot hold one.
             plist_dict_next_item(node, it, &key, &value);
             if (!value) {
                 std::free(key);
@@ -269,8 +276,8 @@ std::optional<nlohmann::json> parsePropertyList(const std::string& bytes, std::s
     }
     plist_t root = nullptr;
     if (bytes.size() >= 8 && bytes.compare(0, 8, "bplist00") == 0) {
-        if (binaryHoldsNul(bytes)) {
-            return refuse("a string holds a NUL character");
+        if (const char* problem = binaryStringProblem(bytes)) {
+            return refuse(problem);
         }
         plist_from_bin(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
     } else if (bytes.find("<plist") != std::string::npos) {

@@ -113,6 +113,21 @@ TEST_F(HostileInputTest, PropertyListsWithNulOrDeepNestingAreMalformedFiles) {
     EXPECT_FALSE(parsePropertyList(deepXml + "</plist>", &error));
     EXPECT_TRUE(parsePropertyList(writePropertyList(nestedArrays(kMaxNestingDepth - 1), true)));
 
+    // An offset table that points at one long string over and over (no writer makes one) is
+    // refused rather than read once per entry.
+    std::string overlapping = std::string("bplist00") + "\x5F\x10\x64" + std::string(100, 'a');
+    const std::size_t tableOffset = overlapping.size();
+    overlapping += std::string(5000, '\x08');  // 5000 one-byte offsets of the same string
+    std::string trailer(32, '\0');
+    trailer[6] = 1;
+    trailer[7] = 1;
+    trailer[14] = static_cast<char>(5000 >> 8);  // the number of objects
+    trailer[15] = static_cast<char>(5000 & 0xFF);
+    trailer[30] = static_cast<char>(tableOffset >> 8);  // where the offset table starts
+    trailer[31] = static_cast<char>(tableOffset & 0xFF);
+    EXPECT_FALSE(parsePropertyList(overlapping + trailer, &error));
+    EXPECT_EQ(error, "string objects overlap");
+
     // The service file: the one failure line and no settings.
     std::ofstream(bundleDir() / "TarnService-Info.plist", std::ios::binary)
         << binaryPlistWithNul(true);
