@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs every test: the optimised build, then under
 # AddressSanitizer with UndefinedBehaviorSanitizer, then the thread-heavy suites under
-# ThreadSanitizer. TARN_TEST_PRESETS overrides the list ("default asan tsan").
+# ThreadSanitizer, and last the fuzz targets for a short run. TARN_TEST_PRESETS overrides the list
+# ("default asan tsan").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,3 +23,8 @@ for preset in $presets; do
         ctest --preset "$preset" -j "$jobs"
     fi
 done
+
+# The decoders of outside input under libFuzzer, a short fixed run each (TARN_SKIP_FUZZ=1 skips).
+if [ "${TARN_SKIP_FUZZ:-0}" != "1" ]; then
+    bash scripts/fuzz.sh
+fi

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "core/InputSafety.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"
@@ -46,7 +47,9 @@ std::string ConfigManager::resolveActorId(const std::optional<std::string>& acto
     return guest;
 }
 
-void ConfigManager::updateActorId(const std::string& actorId) {
+void ConfigManager::updateActorId(const std::string& hostActorId) {
+    // Bytes that are not UTF-8 are replaced: the identifier is stored and sent in every event.
+    const std::string actorId = validUtf8(hostActorId);
     auto isBlank = std::all_of(actorId.begin(), actorId.end(),
                                [](unsigned char c) { return std::isspace(c) != 0; });
     if (isBlank) {

@@ -1,5 +1,7 @@
 #include "tarn/config/Preferences.h"
 
+#include "core/InputSafety.h"
+
 namespace tarn {
 
 const char* rawValue(PreferenceKey key) {
@@ -43,6 +45,10 @@ std::optional<std::int64_t> PreferencesManager::intValue(const std::string& key)
 
 std::optional<std::string> PreferencesManager::stringValue(PreferenceKey key) const {
     return defaults()->string(rawValue(key));
+}
+
+bool PreferencesManager::set(PreferenceKey key, const std::string& value) const {
+    return defaults()->set(rawValue(key), validUtf8(value));
 }
 
 std::string PreferencesManager::storedActorId() const {

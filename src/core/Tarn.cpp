@@ -1,7 +1,9 @@
 #include "tarn/core/Tarn.h"
 
+#include <algorithm>
 #include <cstdio>
 
+#include "core/InputSafety.h"
 #include "tarn/config/ConfigurationManager.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Fatal.h"
@@ -10,6 +12,17 @@
 #include "tarn/store/CoreDataManager.h"
 
 namespace tarn {
+
+namespace {
+
+// Bounds of the tuning values that the server's configuration block sets.
+constexpr std::int64_t kMaxRequestRetryCount = 10;
+constexpr std::int64_t kMaxRequestTimeoutSeconds = 86400;
+constexpr double kMinQueueDelaySeconds = 0.001;
+constexpr double kMaxQueueDelaySeconds = 86400;
+constexpr std::int64_t kMaxConversionTimeoutMs = 10LL * 366 * 86400 * 1000;
+
+}  // namespace
 
 Tarn& Tarn::shared() {
     return detail::SharedInstance<Tarn, 400>::get();
@@ -30,9 +43,16 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     }
     // 2.-4.
     settings.initializeStatus = InitializeStatusType::initializing;
+    // The host's strings go into preferences, request bodies and events: bytes that are not UTF-8
+    // are replaced here, once, so nothing downstream has to refuse them.
+    TarnInitConfig checked = config;
+    if (checked.actorId) {
+        checked.actorId = validUtf8(*checked.actorId);
+    }
+    checked.applicationName = validUtf8(checked.applicationName);
     // Until this run's configuration fetch answers, requests run under the start-up settings.
     settings.configurationFetched = false;
-    configuration = config;
+    configuration = checked;
     tarnBundle = config.bundle.bundleIdentifier().value_or("");
     // 5.-6. The service file's address and credentials.
     if (!readClientKnowledge()) {
@@ -47,7 +67,7 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     // 8. Purge conversion markers older than a day.
     CoreDataManager::shared().deleteExpiredConversions();
     // 9. The actor.
-    configManager.updateActorId(configManager.resolveActorId(config.actorId));
+    configManager.updateActorId(configManager.resolveActorId(checked.actorId));
     // 10.
     loadState();
     // 11. The token routine; initialisation goes on when it has ended.
@@ -110,8 +130,13 @@ void Tarn::loadState() {
     settings.baseUrl = stored->domainUrl;
     if (settings.configurationFetched) {
         settings.requestRetryCount =
-            block && block->apiRequestRetryCount ? *block->apiRequestRetryCount : 3;
-        settings.requestTimeout = block && block->apiRequestTimeout ? *block->apiRequestTimeout : 3;
+            block && block->apiRequestRetryCount
+                ? std::clamp<std::int64_t>(*block->apiRequestRetryCount, 0, kMaxRequestRetryCount)
+                : 3;
+        settings.requestTimeout =
+            block && block->apiRequestTimeout
+                ? std::clamp<std::int64_t>(*block->apiRequestTimeout, 1, kMaxRequestTimeoutSeconds)
+                : 3;
     } else {
         // The token request and the configuration fetch wait long on purpose: a block left from
         // an earlier run does not shorten them, and the fallback of 3 applies only once an
@@ -119,9 +144,18 @@ void Tarn::loadState() {
         settings.requestRetryCount = ProcessSettings::kStartupRequestRetryCount;
         settings.requestTimeout = ProcessSettings::kStartupRequestTimeout;
     }
-    settings.queueDelay = block && block->eventQueueDelay ? *block->eventQueueDelay : 0.5;
+    // The server's numbers are clamped to the ranges below before any conversion, so that a value
+    // out of all proportion (or NaN, or infinite) neither overflows a cast later nor turns a timer
+    // into a busy loop: retries 0...10, request time-out 1...86400 s, queue delay 0.001...86400 s,
+    // conversion period 0...10 years. Values inside these ranges are used as given.
+    settings.queueDelay = block && block->eventQueueDelay
+                              ? clampNumber(*block->eventQueueDelay, kMinQueueDelaySeconds,
+                                            kMaxQueueDelaySeconds, 0.5)
+                              : 0.5;
     std::int64_t timeoutMs =
-        block && block->conversionTimeout ? *block->conversionTimeout : 86400000;
+        block && block->conversionTimeout
+            ? std::clamp<std::int64_t>(*block->conversionTimeout, 0, kMaxConversionTimeoutMs)
+            : 86400000;
     settings.conversionOffset = static_cast<double>(-(timeoutMs / 1000));
 }
 
@@ -160,7 +194,7 @@ void Tarn::storeTokensIfAbsent() {
 
 void Tarn::setPushToken(const std::string& pushToken) {
     log("Push token set complete", logtag);
-    tarnPushToken = pushToken;
+    tarnPushToken = validUtf8(pushToken);
     syncTokens();
 }
 

@@ -1,5 +1,6 @@
 #include "tarn/events/EventQueueManager.h"
 
+#include "core/InputSafety.h"
 #include "tarn/config/ConfigManager.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"
@@ -69,8 +70,10 @@ void EventQueueManager::timerAction() {
     }
     CoreDataManager::shared().popOldestEvent([this](std::optional<std::string> text) {
         nlohmann::json event;
+        // A stored record nested deeper than any event reads as unreadable: sending it would
+        // recurse through it.
         if (text) {
-            event = nlohmann::json::parse(*text, nullptr, false);
+            event = parseJsonBounded(*text);
         }
         auto name = event.is_object() ? event.find("name") : event.end();
         if (text && event.is_object() && name != event.end() && name->is_string()) {

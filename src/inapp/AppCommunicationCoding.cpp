@@ -6,6 +6,8 @@
 #include <optional>
 #include <vector>
 
+#include "core/InputSafety.h"
+
 namespace tarn {
 
 using nlohmann::json;
@@ -463,21 +465,51 @@ DecodeResult<T> decodeJson(const json& document) {
         // Not expected from the readers; kept so that nothing escapes to the caller.
         DecodingError error;
         error.kind = DecodingError::Kind::dataCorrupted;
-        error.debugDescription = e.what();
+        error.debugDescription = excerpt(e.what(), 160);
         return error;
     }
 }
 
+namespace {
+
+/// The JSON parser's message with the token it quotes ("last read: '...'") cut to an excerpt: the
+/// token may be a whole string value of any length.
+std::string parserMessage(std::string_view message) {
+    constexpr std::string_view marker = "; last read: '";
+    auto at = message.find(marker);
+    if (at == std::string_view::npos) {
+        return excerpt(message, 4 * kMaxQuotedBytes);
+    }
+    auto token = message.substr(at + marker.size());
+    if (!token.empty() && token.back() == '\'') {
+        token.remove_suffix(1);
+    }
+    return excerpt(message.substr(0, at + marker.size()), 4 * kMaxQuotedBytes) + excerpt(token) +
+           "'";
+}
+
+}  // namespace
+
 template <typename T>
 DecodeResult<T> decode(std::string_view text) {
     json document;
-    try {
-        document = json::parse(text.begin(), text.end());
-    } catch (const std::exception& e) {
+    if (jsonNestingExceeds(text)) {
         DecodingError error;
         error.kind = DecodingError::Kind::dataCorrupted;
         error.debugDescription =
-            std::string("The given data was not valid JSON (") + e.what() + ").";
+            "The given data was not valid JSON (arrays and objects nested more "
+            "than " +
+            std::to_string(kMaxNestingDepth) + " deep).";
+        return error;
+    }
+    try {
+        document = json::parse(text.begin(), text.end());
+    } catch (const std::exception& e) {
+        // The parser's message quotes the offending token whole, however long; quote a part.
+        DecodingError error;
+        error.kind = DecodingError::Kind::dataCorrupted;
+        error.debugDescription =
+            std::string("The given data was not valid JSON (") + parserMessage(e.what()) + ").";
         return error;
     }
     return decodeJson<T>(document);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 
+#include "core/InputSafety.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
@@ -63,7 +64,8 @@ nlohmann::json AuthClient::body() const {
 }
 
 AccessToken AccessToken::decode(const Data& data) {
-    auto root = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
+    auto root =
+        parseJsonBounded(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
     if (root.is_discarded() || !root.is_object()) {
         throw TokenDecodingError(kWrongFormat);
     }

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <set>
 
+#include "core/InputSafety.h"
 #include "tarn/platform/DataDirectory.h"
 
 namespace tarn {
@@ -173,7 +174,9 @@ nlohmann::json PreferenceStore::readFileLocked() {
         text.append(buffer, n);
     }
     std::fclose(f);
-    auto parsed = nlohmann::json::parse(text, nullptr, false);
+    // A file nested deeper than any value the library stores is refused before parsing: writing
+    // it back indented would grow it quadratically, and a deep enough one overflows the stack.
+    auto parsed = parseJsonBounded(text);
     if (parsed.is_discarded() || !parsed.is_object()) {
         // Keep the unreadable file aside rather than overwrite it with the next write.
         std::error_code ec;
@@ -241,7 +244,9 @@ bool PreferenceStore::writeFileLocked(const nlohmann::json& values) {
         return false;
     }
     ::fchmod(fd, 0600);  // a file of that name left by an earlier process keeps its mode otherwise
-    auto text = values.dump(2);
+    // Values are validated on the way in; replacing bad bytes here only keeps a stray one from
+    // throwing out of the library.
+    auto text = values.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
     const char* p = text.data();
     std::size_t left = text.size();
     bool ok = true;

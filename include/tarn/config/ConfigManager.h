@@ -30,6 +30,7 @@ class ConfigManager {
     /// the in-memory identifier changes from a non-empty one, then stores the identifier untrimmed.
     /// An identifier (host or guest) that cannot be written to the preference store is still kept
     /// for this process, and every event carries it; one line says so, once per process.
+    /// Bytes that are not UTF-8 are replaced by U+FFFD first.
     void updateActorId(const std::string& actorId);
 
   private:

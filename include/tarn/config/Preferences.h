@@ -34,11 +34,10 @@ class PreferencesManager {
     /// The stored "actorId", else the stored "guestActorId", else "".
     std::string storedActorId() const;
 
-    /// Stores `value` under `key`; true when it reached the file, false when the store keeps it in
-    /// memory for this process only (the file could not be written).
-    bool set(PreferenceKey key, const std::string& value) const {
-        return defaults()->set(rawValue(key), value);
-    }
+    /// Stores `value` under `key`, bytes that are not UTF-8 replaced by U+FFFD; true when it
+    /// reached the file, false when the store keeps it in memory for this process only (the file
+    /// could not be written).
+    bool set(PreferenceKey key, const std::string& value) const;
     bool set(PreferenceKey key, bool value) const { return defaults()->set(rawValue(key), value); }
 };
 
