@@ -2,7 +2,11 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
+#include <condition_variable>
 #include <mutex>
+#include <thread>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -65,6 +69,131 @@ void bindDate(sqlite3_stmt* stmt, int index, const std::optional<Date>& date) {
     }
 }
 
+/// The write-ahead log is checkpointed once it holds this many pages (SQLite's own default).
+constexpr int kCheckpointPages = 1000;
+
+/// The key of a marker in the in-memory mirror: actor and name, unambiguous for any bytes.
+std::string markerKey(const std::string& actorId, const std::string& name) {
+    std::string key = std::to_string(actorId.size());
+    key += ':';
+    key += actorId;
+    key += name;
+    return key;
+}
+
+/// Copies the write-ahead log back into the database file on a thread of its own, through a
+/// connection of its own, so that no caller of the store waits for the copy. A passive checkpoint
+/// takes no lock that a writer needs: commits on the store's connection go on meanwhile.
+///
+/// The log starts over only once a checkpoint has copied all of it before the next commit. Under
+/// a steady stream of commits every unlocked pass leaves behind what was committed while it ran,
+/// so the thread repeats the pass while that rest shrinks, and copies a small rest (or whatever
+/// is left after a few passes) while holding the store's lock: callers then wait at most for that
+/// short copy, and the log stays bounded however fast events come.
+class Checkpointer {
+  public:
+    explicit Checkpointer(std::recursive_mutex& storeMutex) : storeMutex_(storeMutex) {}
+
+    ~Checkpointer() {
+        {
+            std::lock_guard lock(mutex_);
+            stop_ = true;
+        }
+        wake_.notify_one();
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
+    /// Called after every commit on the store's connection with the pages in the log; asks for a
+    /// checkpoint once they reach `kCheckpointPages`. Cheap; never waits for a checkpoint.
+    void committed(const std::filesystem::path& path, int pages) {
+        logPages_.store(pages, std::memory_order_relaxed);
+        if (pages < kCheckpointPages) {
+            return;
+        }
+        {
+            std::lock_guard lock(mutex_);
+            if (stop_) {
+                return;
+            }
+            requested_ = true;
+            if (path_.empty()) {
+                path_ = path;
+            }
+            if (!thread_.joinable()) {
+                thread_ = std::thread([this] { run(); });
+            }
+        }
+        wake_.notify_one();
+    }
+
+  private:
+    /// Pages that a pass under the store's lock may have to copy at most, as far as it can tell.
+    static constexpr int kLockedPassPages = 64;
+    static constexpr int kUnlockedPasses = 4;
+
+    void run() {
+        sqlite3* db = nullptr;
+        std::unique_lock lock(mutex_);
+        while (true) {
+            wake_.wait(lock, [this] { return stop_ || requested_; });
+            if (stop_) {
+                break;
+            }
+            requested_ = false;
+            auto path = path_;
+            lock.unlock();
+            // A connection checkpoints only once it has read the file and so found the log.
+            if (!db &&
+                (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
+                                 nullptr) != SQLITE_OK ||
+                 sqlite3_exec(db, "SELECT count(*) FROM sqlite_master", nullptr, nullptr,
+                              nullptr) != SQLITE_OK)) {
+                sqlite3_close_v2(db);  // tried again at the next request
+                db = nullptr;
+            }
+            if (db) {
+                checkpoint(db);
+            }
+            lock.lock();
+        }
+        lock.unlock();
+        if (db) {
+            sqlite3_close_v2(db);
+        }
+    }
+
+    void checkpoint(sqlite3* db) {
+        int copied = 0;
+        for (int pass = 0; pass < kUnlockedPasses; ++pass) {
+            int log = 0;
+            if (sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, &log, &copied) !=
+                SQLITE_OK) {
+                return;  // another checkpoint ran meanwhile, or the file is gone: next request
+            }
+            int rest = logPages_.load(std::memory_order_relaxed) - copied;
+            if (rest <= 0) {
+                return;  // all copied: the next commit starts the log over
+            }
+            if (rest <= kLockedPassPages) {
+                break;
+            }
+        }
+        std::lock_guard storeLock(storeMutex_);
+        sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    }
+
+    std::recursive_mutex& storeMutex_;
+    std::atomic<int> logPages_{0};
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::filesystem::path path_;
+    bool requested_ = false;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
 /// Resets a statement and drops its bindings when it leaves scope.
 struct StatementUse {
     sqlite3_stmt* stmt;
@@ -82,7 +211,10 @@ struct StatementUse {
 /// and are deleted with the next write that commits.
 class CoreDataManager::Store {
   public:
-    ~Store() { close(); }
+    ~Store() {
+        checkpointer.reset();
+        close();
+    }
 
     std::recursive_mutex mutex;
     sqlite3* db = nullptr;
@@ -97,6 +229,20 @@ class CoreDataManager::Store {
     sqlite3_stmt* selectConversion = nullptr;
     sqlite3_stmt* deleteConversion = nullptr;
     sqlite3_stmt* selectExpired = nullptr;
+    sqlite3_stmt* selectMarkerKeys = nullptr;
+    sqlite3_stmt* dataVersion = nullptr;
+
+    /// How many markers the file holds for each actor and name (`markerKey`), so that the look-up
+    /// made for every event asks the file only when a marker may match. Loaded on first use and
+    /// again whenever another connection (another process sharing the file) has committed; kept
+    /// current by this connection's own arms, consumes and purges. It may count a marker that is
+    /// no longer there (the file then answers), never miss one that is.
+    std::unordered_map<std::string, std::size_t> markerCounts;
+    bool markersLoaded = false;
+    std::int64_t markersVersion = 0;
+
+    std::unique_ptr<Checkpointer> checkpointer = std::make_unique<Checkpointer>(mutex);
+    std::filesystem::path path;
 
     std::unordered_set<std::int64_t> pendingEventDeletes;
     std::unordered_set<std::int64_t> pendingConversionDeletes;
@@ -119,7 +265,14 @@ class CoreDataManager::Store {
     /// rolled back on any failure (the pending ids then stay pending).
     Error write(bool singleStatement, const std::function<Error()>& steps);
 
+    /// False only when the file certainly holds no marker of `actorId` for `name`.
+    bool mayHoldMarker(const std::string& actorId, const std::string& name);
+    void markerArmed(const std::string& actorId, const std::optional<std::string>& name);
+    void markerConsumed(const std::string& actorId, const std::string& name);
+
   private:
+    static int onWalCommit(void* context, sqlite3* db, const char* schema, int pages);
+    Error loadMarkers();
     Error open(const std::filesystem::path& path);
     Error migrate();
     Error prepare(const char* sql, sqlite3_stmt** stmt);
@@ -149,6 +302,7 @@ Error CoreDataManager::Store::open(const std::filesystem::path& path) {
         return reason + " (" + path.string() + ")";
     }
     sqlite3_busy_timeout(db, busyTimeoutMs);
+    this->path = path;
     // Write-ahead log with NORMAL sync: see the header for why this survives any process kill.
     if (auto error = exec("PRAGMA journal_mode = WAL")) {
         return error;
@@ -156,6 +310,9 @@ Error CoreDataManager::Store::open(const std::filesystem::path& path) {
     if (auto error = exec("PRAGMA synchronous = NORMAL")) {
         return error;
     }
+    // No checkpoint inside a commit: the hook (which replaces SQLite's automatic checkpoint) hands
+    // it to the checkpoint thread instead.
+    sqlite3_wal_hook(db, &Store::onWalCommit, this);
     if (auto error = migrate()) {
         return error;
     }
@@ -172,6 +329,10 @@ Error CoreDataManager::Store::open(const std::filesystem::path& path) {
          &selectConversion},
         {"DELETE FROM ConversionEntity WHERE id = ?", &deleteConversion},
         {"SELECT id FROM ConversionEntity WHERE time <= ?", &selectExpired},
+        {"SELECT actorId, convertionName FROM ConversionEntity "
+         "WHERE actorId IS NOT NULL AND convertionName IS NOT NULL",
+         &selectMarkerKeys},
+        {"PRAGMA data_version", &dataVersion},
     };
     for (const auto& [sql, stmt] : statements) {
         if (auto error = prepare(sql, stmt)) {
@@ -299,9 +460,72 @@ Error CoreDataManager::Store::write(bool singleStatement, const std::function<Er
     return std::nullopt;
 }
 
+int CoreDataManager::Store::onWalCommit(void* context, sqlite3*, const char*, int pages) {
+    auto* store = static_cast<Store*>(context);
+    store->checkpointer->committed(store->path, pages);
+    return SQLITE_OK;
+}
+
+Error CoreDataManager::Store::loadMarkers() {
+    markersLoaded = false;
+    markerCounts.clear();
+    {
+        StatementUse use{dataVersion};
+        if (sqlite3_step(dataVersion) != SQLITE_ROW) {
+            return errorMessage();
+        }
+        markersVersion = sqlite3_column_int64(dataVersion, 0);
+    }
+    StatementUse use{selectMarkerKeys};
+    int rc;
+    while ((rc = sqlite3_step(selectMarkerKeys)) == SQLITE_ROW) {
+        ++markerCounts[markerKey(*columnText(selectMarkerKeys, 0),
+                                 *columnText(selectMarkerKeys, 1))];
+    }
+    if (rc != SQLITE_DONE) {
+        markerCounts.clear();
+        return errorMessage();
+    }
+    markersLoaded = true;
+    return std::nullopt;
+}
+
+bool CoreDataManager::Store::mayHoldMarker(const std::string& actorId, const std::string& name) {
+    if (markersLoaded) {
+        StatementUse use{dataVersion};
+        if (sqlite3_step(dataVersion) != SQLITE_ROW ||
+            sqlite3_column_int64(dataVersion, 0) != markersVersion) {
+            markersLoaded = false;  // another connection has committed
+        }
+    }
+    if (!markersLoaded && loadMarkers()) {
+        return true;  // the file answers
+    }
+    return markerCounts.count(markerKey(actorId, name)) > 0;
+}
+
+void CoreDataManager::Store::markerArmed(const std::string& actorId,
+                                         const std::optional<std::string>& name) {
+    if (markersLoaded && name) {
+        ++markerCounts[markerKey(actorId, *name)];
+    }
+}
+
+void CoreDataManager::Store::markerConsumed(const std::string& actorId, const std::string& name) {
+    if (!markersLoaded) {
+        return;
+    }
+    if (auto it = markerCounts.find(markerKey(actorId, name)); it != markerCounts.end()) {
+        if (--it->second == 0) {
+            markerCounts.erase(it);
+        }
+    }
+}
+
 void CoreDataManager::Store::close() {
-    for (auto** stmt : {&insertEvent, &selectOldest, &deleteEvent, &insertConversion,
-                        &selectConversion, &deleteConversion, &selectExpired}) {
+    for (auto** stmt :
+         {&insertEvent, &selectOldest, &deleteEvent, &insertConversion, &selectConversion,
+          &deleteConversion, &selectExpired, &selectMarkerKeys, &dataVersion}) {
         sqlite3_finalize(*stmt);
         *stmt = nullptr;
     }
@@ -426,6 +650,9 @@ void CoreDataManager::saveConversion(const ConversionItem& item, const std::stri
                 bindDate(s.insertConversion, 4, item.time);
                 return s.runToDone(s.insertConversion);
             });
+            if (!error) {
+                s.markerArmed(actorId, item.conversionName);
+            }
         }
     }
     if (error) {
@@ -454,7 +681,7 @@ void CoreDataManager::findConversion(
         std::optional<std::int64_t> id;
         if (!s.ensureOpen(logtag)) {
             failed = true;
-        } else {
+        } else if (s.mayHoldMarker(actorId, eventName)) {
             StatementUse use{s.selectConversion};
             bindText(s.selectConversion, 1, actorId);
             bindText(s.selectConversion, 2, eventName);
@@ -485,6 +712,8 @@ void CoreDataManager::findConversion(
                 s.pendingConversionDeletes.insert(*id);
                 failed = true;
                 found.reset();
+            } else {
+                s.markerConsumed(actorId, eventName);
             }
         }
     }
@@ -534,6 +763,7 @@ void CoreDataManager::deleteExpiredConversions() {
         if (error) {
             s.pendingConversionDeletes.insert(expired.begin(), expired.end());
         }
+        s.markersLoaded = false;  // counted again at the next look-up
     }
     if (error) {
         log("Delete error: " + *error, logtag);
