@@ -48,7 +48,7 @@ class EventQueueManager {
     bool hasTimer() const { return timer_.get() != nullptr; }
 
   private:
-    void sendEvent(const nlohmann::json& event);
+    void sendEvent(const std::string& text, const std::string& requestId, const std::string& name);
 
     Locked<std::shared_ptr<RepeatingTimer>> timer_;
 };

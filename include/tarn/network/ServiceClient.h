@@ -8,8 +8,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -80,6 +82,10 @@ class ServiceClient {
     /// gives the transport error and is logged.
     void request(const Url& url, const nlohmann::json& parameters,
                  std::optional<bool> skipAuthorization, ServiceCompletion completion);
+    /// POSTs `jsonText`, JSON object text already serialised (and valid UTF-8), as it stands; the
+    /// rest as above.
+    void requestJsonText(const Url& url, const std::string& jsonText,
+                         std::optional<bool> skipAuthorization, ServiceCompletion completion);
 
     /// The retry of a 5xx answer: creates a task for the same framed request on the process-wide
     /// shared session. The task is never started, so such an exchange ends without a completion;
@@ -102,6 +108,26 @@ class ServiceClient {
                            std::optional<TransportError> error, const HttpRequest& request,
                            std::int64_t retriesLeft, const ServiceCompletion& completion);
     std::optional<std::string> appInfoHeader() const;
+    void start(HttpRequest framed, std::int64_t budget, ServiceCompletion completion);
+
+    /// Identifies one version of the bundle's property list (all zero: no file).
+    struct InfoFileStamp {
+        bool exists = false;
+        std::uint64_t inode = 0;
+        std::int64_t size = 0;
+        std::int64_t modifiedSeconds = 0;
+        std::int64_t modifiedNanoseconds = 0;
+        bool operator==(const InfoFileStamp&) const = default;
+    };
+    /// The last header built, with what it was built from.
+    struct AppInfoHeader {
+        std::filesystem::path folder;
+        InfoFileStamp stamp;
+        std::string application;
+        std::string header;
+    };
+    mutable std::mutex appInfoMutex_;
+    mutable std::optional<AppInfoHeader> appInfoCache_;
 
     std::shared_ptr<HttpSession> urlSession_;
     std::atomic<std::uint64_t> retryTaskCount_{0};
