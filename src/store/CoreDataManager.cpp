@@ -82,14 +82,15 @@ std::string markerKey(const std::string& actorId, const std::string& name) {
 }
 
 /// Copies the write-ahead log back into the database file on a thread of its own, through a
-/// connection of its own, so that no caller of the store waits for the copy. A passive checkpoint
-/// takes no lock that a writer needs: commits on the store's connection go on meanwhile.
+/// connection of its own, so that no caller of the store waits for the copy or its fsyncs. A
+/// passive checkpoint takes no lock that a writer needs: commits go on meanwhile.
 ///
-/// The log starts over only once a checkpoint has copied all of it before the next commit. Under
-/// a steady stream of commits every unlocked pass leaves behind what was committed while it ran,
-/// so the thread repeats the pass while that rest shrinks, and copies a small rest (or whatever
-/// is left after a few passes) while holding the store's lock: callers then wait at most for that
-/// short copy, and the log stays bounded however fast events come.
+/// The log starts over only once a checkpoint has copied all of it before the next commit; after
+/// any pause in the events that is the case. Under an unbroken stream of commits each pass leaves
+/// behind what was committed while it ran, so the thread comes back after every further quarter
+/// of the threshold; only if the log reaches `kLogPagesCap` does it copy the rest while holding
+/// the store's lock, so that the log stays bounded however long the stream lasts (callers then
+/// wait once for that short copy).
 class Checkpointer {
   public:
     explicit Checkpointer(std::recursive_mutex& storeMutex) : storeMutex_(storeMutex) {}
@@ -106,10 +107,10 @@ class Checkpointer {
     }
 
     /// Called after every commit on the store's connection with the pages in the log; asks for a
-    /// checkpoint once they reach `kCheckpointPages`. Cheap; never waits for a checkpoint.
+    /// checkpoint once they reach the next mark. Cheap; never waits for a checkpoint.
     void committed(const std::filesystem::path& path, int pages) {
         logPages_.store(pages, std::memory_order_relaxed);
-        if (pages < kCheckpointPages) {
+        if (pages < nextRequest_.load(std::memory_order_relaxed)) {
             return;
         }
         {
@@ -129,9 +130,9 @@ class Checkpointer {
     }
 
   private:
-    /// Pages that a pass under the store's lock may have to copy at most, as far as it can tell.
-    static constexpr int kLockedPassPages = 64;
-    static constexpr int kUnlockedPasses = 4;
+    /// Pages in the log at which a checkpoint under the store's lock ends an unbroken stream.
+    static constexpr int kLogPagesCap = 4 * kCheckpointPages;
+    static constexpr int kUnlockedPasses = 3;
 
     void run() {
         sqlite3* db = nullptr;
@@ -165,27 +166,34 @@ class Checkpointer {
     }
 
     void checkpoint(sqlite3* db) {
-        int copied = 0;
         for (int pass = 0; pass < kUnlockedPasses; ++pass) {
             int log = 0;
+            int copied = 0;
             if (sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, &log, &copied) !=
                 SQLITE_OK) {
-                return;  // another checkpoint ran meanwhile, or the file is gone: next request
+                break;  // another checkpoint is running, or the file is gone
             }
-            int rest = logPages_.load(std::memory_order_relaxed) - copied;
-            if (rest <= 0) {
-                return;  // all copied: the next commit starts the log over
-            }
-            if (rest <= kLockedPassPages) {
-                break;
+            int pages = logPages_.load(std::memory_order_relaxed);
+            if (pages <= copied || pages < log) {
+                // All copied (or the log started over meanwhile): the next mark is a full
+                // threshold of new pages.
+                nextRequest_.store(kCheckpointPages, std::memory_order_relaxed);
+                return;
             }
         }
-        std::lock_guard storeLock(storeMutex_);
-        sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+        int pages = logPages_.load(std::memory_order_relaxed);
+        if (pages >= kLogPagesCap) {
+            std::lock_guard storeLock(storeMutex_);
+            sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+            nextRequest_.store(kCheckpointPages, std::memory_order_relaxed);
+            return;
+        }
+        nextRequest_.store(pages + kCheckpointPages / 4, std::memory_order_relaxed);
     }
 
     std::recursive_mutex& storeMutex_;
     std::atomic<int> logPages_{0};
+    std::atomic<int> nextRequest_{kCheckpointPages};
     std::mutex mutex_;
     std::condition_variable wake_;
     std::filesystem::path path_;

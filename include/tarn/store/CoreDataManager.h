@@ -19,10 +19,11 @@
 // milliseconds, so it never runs inside a caller's commit: SQLite's automatic checkpoint is
 // replaced by a hook that, once the log holds 1000 pages, wakes a checkpoint thread of the store's
 // own. That thread runs passive checkpoints through a second connection, which takes no lock a
-// commit needs. The log starts over only after a checkpoint that no commit overtook, so under a
-// steady stream of events the thread copies the last small rest (the pages committed during its
-// previous pass) while holding the store's lock; a caller waits at most for that short copy, and
-// the log stays bounded. A log left behind by a process that ended is replayed by the next open.
+// commit needs. The log starts over after a checkpoint that no commit overtook, which any pause
+// between events allows. Only an unbroken stream of commits that fills the log to 4000 pages
+// (some 16 MB) makes the thread copy the rest while holding the store's lock, once, so that the
+// log stays bounded; a caller may then wait for that copy. A log left behind by a process that
+// ended is replayed by the next open.
 //
 // Conversion look-ups. Every event asks for a matching marker; the store keeps a count of its
 // markers by actor and name in memory and reads the file only when one may match. The file stays
