@@ -67,7 +67,9 @@ class ServiceClient {
 
     /// Frames a request: method, time-out (the current `requestTimeout`), "Authorization" (unless
     /// `skipAuthorization` is true; the facade's `tarnAuthToken` as stored), "cache-control",
-    /// "App-Info" and "Content-Type".
+    /// "App-Info" and "Content-Type". The "App-Info" value is kept between requests and built
+    /// again only when the main bundle's folder, its property list (seen by a stat) or the
+    /// application name changes.
     HttpRequest buildRequest(const Url& url, bool isPost,
                              std::optional<bool> skipAuthorization = std::nullopt) const;
 
