@@ -81,15 +81,16 @@ void EventManager::send(EventRecord& record) {
     if (auto code = ConversionManager::shared().checkConversion(record.name)) {
         record.communucationCode = code;
     }
-    // 2. Serialise and store.
-    auto dictionary = record.dictionary();
+    // 2. Serialise and store. The body is written in one pass; the store needs only the name
+    // from the dictionary for its notice (the body's "name" is the record's).
     std::string text;
     try {
-        text = dictionary.dump();
+        text = record.serializedBody();
     } catch (const nlohmann::json::exception&) {
-        return;  // not serialisable (for example invalid UTF-8 from the host): dropped
+        return;  // not serialisable (a host string that is not UTF-8): dropped without a message
     }
-    CoreDataManager::shared().saveEventToQueue(text, Date::now(), dictionary);
+    CoreDataManager::shared().saveEventToQueue(text, Date::now(),
+                                               nlohmann::json{{"name", record.name}});
     // 3. Make sure the queue drains.
     auto& queue = EventQueueManager::shared();
     if (!queue.isTimerActive.load()) {
@@ -132,27 +133,27 @@ void EventManager::sendActorChangeEvent(const std::string& oldActorId,
 void EventManager::sendCustomEvent(const ScreenRef& controller,
                                    const std::optional<std::string>& pageName,
                                    const std::string& eventName,
-                                   const std::optional<nlohmann::json>& initialParameters,
+                                   std::optional<nlohmann::json> initialParameters,
                                    const ActionCallback& onActionRequired) {
     auto record = makeRecord<CustomEvent>(eventName);
     record.pageName = pageName;
     if (controller) {
         record.controller = controller->className();
     }
-    record.initialParameters = initialParameters;
+    record.initialParameters = std::move(initialParameters);
     send(record);
     InAppManager::shared().handlePopupAction(eventName, controller, pageName, onActionRequired);
 }
 
 void EventManager::sendLoginEvent(const ScreenRef& controller,
                                   const std::optional<std::string>& pageName,
-                                  const std::optional<nlohmann::json>& initialParameters) {
+                                  std::optional<nlohmann::json> initialParameters) {
     auto record = makeRecord<LoginEvent>(rawValue(TarnEventType::login));
     record.pageName = pageName;
     if (controller) {
         record.controller = controller->className();
     }
-    record.initialParameters = initialParameters;
+    record.initialParameters = std::move(initialParameters);
     send(record);
 }
 
@@ -280,8 +281,8 @@ void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string>
                                 const std::string& eventName,
                                 std::optional<nlohmann::json> initialParameters,
                                 ActionCallback onActionRequired) {
-    EventManager::shared().sendCustomEvent(controller, pageName, eventName, initialParameters,
-                                           onActionRequired);
+    EventManager::shared().sendCustomEvent(controller, pageName, eventName,
+                                           std::move(initialParameters), onActionRequired);
 }
 
 void TarnEvent::sendLoginEvent(ScreenRef controller, std::optional<std::string> pageName,
@@ -290,7 +291,7 @@ void TarnEvent::sendLoginEvent(ScreenRef controller, std::optional<std::string> 
     auto& tarn = Tarn::shared();
     tarn.loggedIn = true;
     tarn.configManager.updateActorId(actorID);
-    EventManager::shared().sendLoginEvent(controller, pageName, initialParameters);
+    EventManager::shared().sendLoginEvent(controller, pageName, std::move(initialParameters));
 }
 
 void TarnEvent::sendLogoutEvent() {

@@ -1,5 +1,6 @@
 #include "tarn/events/EventRecords.h"
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -21,13 +22,6 @@ void putOptional(nlohmann::json& dict, const char* key, const std::optional<std:
     }
 }
 
-nlohmann::json startFrom(const std::optional<nlohmann::json>& initialParameters) {
-    if (initialParameters && initialParameters->is_object()) {
-        return *initialParameters;
-    }
-    return nlohmann::json::object();
-}
-
 std::int64_t currentMilliseconds() {
     double seconds =
         std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -39,6 +33,49 @@ std::int64_t currentMilliseconds() {
     return static_cast<std::int64_t>(product);
 }
 
+constexpr const char* kSdkVersion = "0.0.1";
+
+/// One member of the body's "parameters" object as the one-pass writer sees it.
+struct Member {
+    enum class Kind { json, text, boolean, integer, erased };
+    std::string_view key;
+    Kind kind = Kind::text;
+    const nlohmann::json* value = nullptr;
+    std::string_view string;
+    std::int64_t number = 0;
+
+    static Member json(std::string_view key, const nlohmann::json& value) {
+        return {key, Kind::json, &value, {}, 0};
+    }
+    static Member text(std::string_view key, std::string_view value) {
+        return {key, Kind::text, nullptr, value, 0};
+    }
+    static Member boolean(std::string_view key, bool value) {
+        return {key, Kind::boolean, nullptr, {}, value ? 1 : 0};
+    }
+    static Member integer(std::string_view key, std::int64_t value) {
+        return {key, Kind::integer, nullptr, {}, value};
+    }
+    static Member erased(std::string_view key) { return {key, Kind::erased, nullptr, {}, 0}; }
+};
+
+/// Appends `text` as a JSON string exactly as the JSON library prints it. Plain printable ASCII
+/// is copied; anything else (escapes, UTF-8) goes through the library's own printer, so both ways
+/// give the same bytes, and bytes that are not UTF-8 throw its `type_error` as a dump would.
+void writeString(std::string& out, std::string_view text) {
+    bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+        auto byte = static_cast<unsigned char>(c);
+        return byte >= 0x20 && byte < 0x7F && c != '"' && c != '\\';
+    });
+    if (plain) {
+        out += '"';
+        out.append(text);
+        out += '"';
+        return;
+    }
+    out += nlohmann::json(std::string(text)).dump();
+}
+
 }  // namespace
 
 std::string shortestDecimalText(double value) {
@@ -47,11 +84,60 @@ std::string shortestDecimalText(double value) {
     return std::string(buffer, result.ptr);
 }
 
-nlohmann::json EventRecord::dictionary() const {
+BodySections BodySections::read(const EventRecord& record) {
     auto& tarn = Tarn::shared();
+    BodySections sections;
+    sections.loggedIn = tarn.loggedIn.load();
+    sections.requestId = makeUuidString();
+    auto device = deviceInfoProvider();
+    if (tarn.isBatteryStatusRequired) {
+        sections.battery = device->batteryLevel();
+    }
+    if (tarn.isWifiStatusRequired) {
+        sections.networkStatus = device->networkStatus();
+    }
+    if (tarn.isDiskCapacityRequired) {
+        sections.disk = device->diskCapacities();
+    }
+    sections.deviceId = device->deviceId();
+    sections.phoneModel = device->modelName();
+    sections.timeZone = device->timeZone();
+    sections.osVersion = device->osVersion();
+    sections.timestamp = currentMilliseconds();
+    sections.notificationPermission = NotificationManager::shared().permissionStatus();
+    if (tarn.isLocationRequired) {
+        if (auto location = device->location()) {
+            sections.location = {shortestDecimalText(location->second),
+                                 shortestDecimalText(location->first)};
+        }
+    }
+    sections.applicationName =
+        record.applicationNameOverride().value_or(tarn.applicationName.get());
+    sections.pushToken = tarn.tarnPushToken.get();
+    sections.apnsToken = tarn.tarnApnsToken.get();
+    return sections;
+}
+
+nlohmann::json EventRecord::ownDictionary() const {
+    nlohmann::json dict = nlohmann::json::object();
+    if (const auto* initial = initialParameterObject()) {
+        dict = *initial;
+    }
+    nlohmann::json fields = ownFields();
+    for (auto& [key, value] : fields.items()) {
+        dict[key] = std::move(value);
+    }
+    return dict;
+}
+
+nlohmann::json EventRecord::dictionary() const {
+    return dictionary(BodySections::read(*this));
+}
+
+nlohmann::json EventRecord::dictionary(const BodySections& sections) const {
     // 1.-2. Own dictionary, wrapped with "loggedIn".
     nlohmann::json parameters = ownDictionary();
-    parameters["loggedIn"] = tarn.loggedIn.load();
+    parameters["loggedIn"] = sections.loggedIn;
     nlohmann::json body = nlohmann::json::object();
     body["parameters"] = std::move(parameters);
     // 3. Primary section.
@@ -59,103 +145,212 @@ nlohmann::json EventRecord::dictionary() const {
     body["channel"] = "MOBILE";
     body["sync"] = "a";
     body["journeys"] = journeys;
-    body["requestId"] = makeUuidString();
+    body["requestId"] = sections.requestId;
     body["name"] = name;
     body["isActive"] = true;
     // 4. Conversion section.
     ConversionManager::applyConversionCode(body, communucationCode);
     auto& params = body["parameters"];
     // 5. Device section.
-    auto device = deviceInfoProvider();
-    if (tarn.isBatteryStatusRequired) {
-        params["battery"] = device->batteryLevel();
+    if (sections.battery) {
+        params["battery"] = *sections.battery;
     }
-    if (tarn.isWifiStatusRequired) {
-        if (auto network = device->networkStatus()) {
-            params["networkStatus"] = *network;
-        }
+    if (sections.networkStatus) {
+        params["networkStatus"] = *sections.networkStatus;
     }
-    if (tarn.isDiskCapacityRequired) {
-        auto [available, total] = device->diskCapacities();
-        params["freeDisk"] = std::move(available);
-        params["totalDisk"] = std::move(total);
+    if (sections.disk) {
+        params["freeDisk"] = sections.disk->first;
+        params["totalDisk"] = sections.disk->second;
     }
-    params["deviceId"] = device->deviceId();
+    params["deviceId"] = sections.deviceId;
     params["deviceOs"] = "IOS";
     params["phoneBrand"] = "Apple";
-    params["phoneModel"] = device->modelName();
-    params["timeZone"] = device->timeZone();
-    params["deviceOsVersion"] = device->osVersion();
-    params["timestamp"] = currentMilliseconds();
-    if (auto permission = NotificationManager::shared().permissionStatus()) {
-        params[NotificationManager::kEventKey] = *permission;
+    params["phoneModel"] = sections.phoneModel;
+    params["timeZone"] = sections.timeZone;
+    params["deviceOsVersion"] = sections.osVersion;
+    params["timestamp"] = sections.timestamp;
+    if (sections.notificationPermission) {
+        params[NotificationManager::kEventKey] = *sections.notificationPermission;
     }
     // 6. Location section.
-    if (tarn.isLocationRequired) {
-        if (auto location = device->location()) {
-            params["longitude"] = shortestDecimalText(location->second);
-            params["latitude"] = shortestDecimalText(location->first);
-        }
+    if (sections.location) {
+        params["longitude"] = sections.location->first;
+        params["latitude"] = sections.location->second;
     }
     // 7. SDK section.
-    params["sdkVersion"] = "0.0.1";
-    params["applicationName"] = applicationNameOverride().value_or(tarn.applicationName.get());
-    if (auto push = tarn.tarnPushToken.get(); !push.empty()) {
-        params["pushToken"] = push;
+    params["sdkVersion"] = kSdkVersion;
+    params["applicationName"] = sections.applicationName;
+    if (!sections.pushToken.empty()) {
+        params["pushToken"] = sections.pushToken;
     }
-    if (auto apns = tarn.tarnApnsToken.get(); !apns.empty()) {
-        params["apnsToken"] = apns;
+    if (!sections.apnsToken.empty()) {
+        params["apnsToken"] = sections.apnsToken;
     }
     return body;
 }
 
-nlohmann::json InitializeEvent::ownDictionary() const {
+std::string EventRecord::serializedBody() const {
+    return serializedBody(BodySections::read(*this));
+}
+
+std::string EventRecord::serializedBody(const BodySections& sections) const {
+    // The "parameters" members from every layer, later layers last; after a stable sort by key
+    // the last entry of each key is the one the tree would keep.
+    const nlohmann::json fields = ownFields();
+    std::vector<Member> members;
+    members.reserve(40);
+    if (const auto* initial = initialParameterObject()) {
+        for (const auto& [key, value] : initial->items()) {
+            members.push_back(Member::json(key, value));
+        }
+    }
+    for (const auto& [key, value] : fields.items()) {
+        members.push_back(Member::json(key, value));
+    }
+    members.push_back(Member::boolean("loggedIn", sections.loggedIn));
+    members.push_back(communucationCode
+                          ? Member::text(kConversionCommunicationCodeKey, *communucationCode)
+                          : Member::erased(kConversionCommunicationCodeKey));
+    if (sections.battery) {
+        members.push_back(Member::text("battery", *sections.battery));
+    }
+    if (sections.networkStatus) {
+        members.push_back(Member::text("networkStatus", *sections.networkStatus));
+    }
+    if (sections.disk) {
+        members.push_back(Member::text("freeDisk", sections.disk->first));
+        members.push_back(Member::text("totalDisk", sections.disk->second));
+    }
+    members.push_back(Member::text("deviceId", sections.deviceId));
+    members.push_back(Member::text("deviceOs", "IOS"));
+    members.push_back(Member::text("phoneBrand", "Apple"));
+    members.push_back(Member::text("phoneModel", sections.phoneModel));
+    members.push_back(Member::text("timeZone", sections.timeZone));
+    members.push_back(Member::text("deviceOsVersion", sections.osVersion));
+    members.push_back(Member::integer("timestamp", sections.timestamp));
+    if (sections.notificationPermission) {
+        members.push_back(
+            Member::text(NotificationManager::kEventKey, *sections.notificationPermission));
+    }
+    if (sections.location) {
+        members.push_back(Member::text("longitude", sections.location->first));
+        members.push_back(Member::text("latitude", sections.location->second));
+    }
+    members.push_back(Member::text("sdkVersion", kSdkVersion));
+    members.push_back(Member::text("applicationName", sections.applicationName));
+    if (!sections.pushToken.empty()) {
+        members.push_back(Member::text("pushToken", sections.pushToken));
+    }
+    if (!sections.apnsToken.empty()) {
+        members.push_back(Member::text("apnsToken", sections.apnsToken));
+    }
+    std::stable_sort(members.begin(), members.end(),
+                     [](const Member& a, const Member& b) { return a.key < b.key; });
+
+    // The top-level keys in byte order: actorId, channel, isActive, journeys, name, parameters,
+    // requestId, sync.
+    std::string out;
+    out.reserve(1024);
+    out += "{\"actorId\":";
+    writeString(out, actorId);
+    out += ",\"channel\":\"MOBILE\",\"isActive\":true,\"journeys\":[";
+    for (std::size_t i = 0; i < journeys.size(); ++i) {
+        if (i > 0) {
+            out += ',';
+        }
+        writeString(out, journeys[i]);
+    }
+    out += "],\"name\":";
+    writeString(out, name);
+    out += ",\"parameters\":{";
+    bool first = true;
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        if (i + 1 < members.size() && members[i + 1].key == members[i].key) {
+            continue;  // a later layer replaces this one
+        }
+        const auto& member = members[i];
+        if (member.kind == Member::Kind::erased) {
+            continue;
+        }
+        if (!first) {
+            out += ',';
+        }
+        first = false;
+        writeString(out, member.key);
+        out += ':';
+        switch (member.kind) {
+            case Member::Kind::json:
+                out += member.value->dump();
+                break;
+            case Member::Kind::text:
+                writeString(out, member.string);
+                break;
+            case Member::Kind::boolean:
+                out += member.number != 0 ? "true" : "false";
+                break;
+            case Member::Kind::integer: {
+                char digits[24];
+                auto end = std::to_chars(digits, digits + sizeof digits, member.number).ptr;
+                out.append(digits, end);
+                break;
+            }
+            case Member::Kind::erased:
+                break;
+        }
+    }
+    out += "},\"requestId\":";
+    writeString(out, sections.requestId);
+    out += ",\"sync\":\"a\"}";
+    return out;
+}
+
+nlohmann::json InitializeEvent::ownFields() const {
     return nlohmann::json::object();
 }
 
-nlohmann::json PageInOutEvent::ownDictionary() const {
-    auto dict = startFrom(initialParameters);
+nlohmann::json PageInOutEvent::ownFields() const {
+    auto dict = nlohmann::json::object();
     putOptional(dict, "pageName", pageName);
     dict["eventType"] = rawValue(eventType);
     return dict;
 }
 
-nlohmann::json AppGroundStatusEvent::ownDictionary() const {
+nlohmann::json AppGroundStatusEvent::ownFields() const {
     auto dict = nlohmann::json::object();
     putOptional(dict, "pageName", pageName);
     return dict;
 }
 
-nlohmann::json CustomEvent::ownDictionary() const {
-    auto dict = startFrom(initialParameters);
+nlohmann::json CustomEvent::ownFields() const {
+    auto dict = nlohmann::json::object();
     putOptional(dict, "pageName", pageName);
     putOptional(dict, "controller", controller);
     return dict;
 }
 
-nlohmann::json LogoutEvent::ownDictionary() const {
+nlohmann::json LogoutEvent::ownFields() const {
     return nlohmann::json::object();
 }
 
-nlohmann::json ActorChangeEvent::ownDictionary() const {
+nlohmann::json ActorChangeEvent::ownFields() const {
     return {{"newActorId", newActorId}};
 }
 
-nlohmann::json InstallEvent::ownDictionary() const {
+nlohmann::json InstallEvent::ownFields() const {
     auto dict = nlohmann::json{{"anonymous", anonymous}};
     putOptional(dict, "configurationActorId", configurationActorId);
     return dict;
 }
 
-nlohmann::json ApplicationErrorEvent::ownDictionary() const {
+nlohmann::json ApplicationErrorEvent::ownFields() const {
     return {{"errorMessage", errorMessage}, {"errorType", errorType}};
 }
 
-nlohmann::json PushTokenChangeEvent::ownDictionary() const {
+nlohmann::json PushTokenChangeEvent::ownFields() const {
     return {{"tokenProvider", rawValue(tokenProvider)}};
 }
 
-nlohmann::json InAppEvent::ownDictionary() const {
+nlohmann::json InAppEvent::ownFields() const {
     auto dict = nlohmann::json::object();
     dict["communicationCode"] = communication.code;
     dict["communicationTemplate"] = rawValue(communication.templateType);
@@ -170,14 +365,14 @@ std::optional<ReportedCommunication> InAppEvent::reportedCommunication() const {
     return ReportedCommunication{communication.code, conversionEvent};
 }
 
-nlohmann::json InAppButtonClickedEvent::ownDictionary() const {
-    auto dict = InAppEvent::ownDictionary();
+nlohmann::json InAppButtonClickedEvent::ownFields() const {
+    auto dict = InAppEvent::ownFields();
     putOptional(dict, "buttonId", button.id);
     putOptional(dict, "buttonText", button.text);
     return dict;
 }
 
-nlohmann::json PushNotificationEvent::ownDictionary() const {
+nlohmann::json PushNotificationEvent::ownFields() const {
     auto dict = nlohmann::json::object();
     dict["eventType"] = rawValue(eventType);
     putOptional(dict, "buttonId", buttonId);

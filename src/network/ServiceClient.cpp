@@ -1,6 +1,7 @@
 #include "tarn/network/ServiceClient.h"
 
 #include <curl/curl.h>
+#include <sys/stat.h>
 
 #include <cmath>
 
@@ -122,16 +123,40 @@ Url ServiceClient::url(const std::string& path) const {
 }
 
 std::optional<std::string> ServiceClient::appInfoHeader() const {
+    // The header depends only on the main bundle's property list and the application name: it
+    // is built again only when one of them changes, not for each request (reading and parsing
+    // the property list costs more than the rest of a request's framing). A stat of the file
+    // tells whether it changed.
+    auto folder = Bundle::main().path();
+    auto application = Tarn::shared().applicationName.get();
+    InfoFileStamp stamp;
+    if (struct stat info{};
+        !folder.empty() && ::stat((folder / "Info.plist").c_str(), &info) == 0) {
+        stamp = {true, static_cast<std::uint64_t>(info.st_ino),
+                 static_cast<std::int64_t>(info.st_size),
+                 static_cast<std::int64_t>(info.st_mtim.tv_sec),
+                 static_cast<std::int64_t>(info.st_mtim.tv_nsec)};
+    }
+    {
+        std::lock_guard lock(appInfoMutex_);
+        if (appInfoCache_ && appInfoCache_->folder == folder && appInfoCache_->stamp == stamp &&
+            appInfoCache_->application == application) {
+            return appInfoCache_->header;
+        }
+    }
     AppInfo info;
-    info.bundleId = Bundle::main().bundleIdentifier().value_or("com.unknown");
-    info.application = Tarn::shared().applicationName.get();
+    info.bundleId = Bundle(folder).bundleIdentifier().value_or("com.unknown");
+    info.application = application;
     std::string error;
     auto json = info.encode(&error);
     if (!json) {
         log("Failed to encode app info: " + error, logtag);
-        return std::nullopt;
+        return std::nullopt;  // not kept: every request that cannot carry it says so
     }
-    return base64Encode(*json);
+    auto header = base64Encode(*json);
+    std::lock_guard lock(appInfoMutex_);
+    appInfoCache_ = AppInfoHeader{std::move(folder), stamp, std::move(application), header};
+    return header;
 }
 
 HttpRequest ServiceClient::buildRequest(const Url& url, bool isPost,
@@ -216,6 +241,19 @@ void ServiceClient::request(const Url& url, const nlohmann::json& parameters,
         return;
     }
     framed.body = std::move(*body);
+    start(std::move(framed), budget, std::move(completion));
+}
+
+void ServiceClient::requestJsonText(const Url& url, const std::string& jsonText,
+                                    std::optional<bool> skipAuthorization,
+                                    ServiceCompletion completion) {
+    const std::int64_t budget = processSettings().requestRetryCount.load();
+    auto framed = buildRequest(url, true, skipAuthorization);
+    framed.body.assign(jsonText.begin(), jsonText.end());
+    start(std::move(framed), budget, std::move(completion));
+}
+
+void ServiceClient::start(HttpRequest framed, std::int64_t budget, ServiceCompletion completion) {
     auto task = urlSession_->dataTask(
         framed, [this, framed, budget, completion = std::move(completion)](
                     std::optional<Data> data, std::optional<HttpResponse> response,

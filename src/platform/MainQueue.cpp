@@ -19,6 +19,11 @@ std::chrono::steady_clock::duration toDuration(double seconds) {
 
 }  // namespace
 
+double Executor::now() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
 // ---- ThreadExecutor
 
 // The worker thread owns a reference to the state, so the executor may be destroyed from one of its
@@ -200,7 +205,17 @@ void RepeatingTimer::scheduleNext() {
     if (!executor) {
         return;
     }
-    executor->asyncAfter(interval_, [self = shared_from_this()] {
+    double now = executor->now();
+    if (!started_) {
+        started_ = true;
+        nextDue_ = now + interval_;
+    } else {
+        nextDue_ += interval_;
+        if (nextDue_ < now) {
+            nextDue_ += std::ceil((now - nextDue_) / interval_) * interval_;
+        }
+    }
+    executor->asyncAfter(nextDue_ - now, [self = shared_from_this()] {
         if (!self->valid_.load()) {
             return;
         }

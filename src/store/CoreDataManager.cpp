@@ -6,11 +6,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <ctime>
 #include <mutex>
 #include <string_view>
+#include <thread>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -181,6 +185,139 @@ std::pair<std::optional<std::filesystem::path>, std::string> moveAside(
     return {std::filesystem::path(target), {}};
 }
 
+/// The write-ahead log is checkpointed once it holds this many pages (SQLite's own default).
+constexpr int kCheckpointPages = 1000;
+
+/// The key of a marker in the in-memory mirror: actor and name, unambiguous for any bytes.
+std::string markerKey(const std::string& actorId, const std::string& name) {
+    std::string key = std::to_string(actorId.size());
+    key += ':';
+    key += actorId;
+    key += name;
+    return key;
+}
+
+/// Copies the write-ahead log back into the database file on a thread of its own, through a
+/// connection of its own, so that no caller of the store waits for the copy or its fsyncs. A
+/// passive checkpoint takes no lock that a writer needs: commits go on meanwhile.
+///
+/// The log starts over only once a checkpoint has copied all of it before the next commit; after
+/// any pause in the events that is the case. Under an unbroken stream of commits each pass leaves
+/// behind what was committed while it ran, so the thread comes back after every further quarter
+/// of the threshold; only if the log reaches `kLogPagesCap` does it copy the rest while holding
+/// the store's lock, so that the log stays bounded however long the stream lasts (callers then
+/// wait once for that short copy).
+class Checkpointer {
+  public:
+    explicit Checkpointer(std::recursive_mutex& storeMutex) : storeMutex_(storeMutex) {}
+
+    ~Checkpointer() {
+        {
+            std::lock_guard lock(mutex_);
+            stop_ = true;
+        }
+        wake_.notify_one();
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
+    /// Called after every commit on the store's connection with the pages in the log; asks for a
+    /// checkpoint once they reach the next mark. Cheap; never waits for a checkpoint.
+    void committed(const std::filesystem::path& path, int pages) {
+        logPages_.store(pages, std::memory_order_relaxed);
+        if (pages < nextRequest_.load(std::memory_order_relaxed)) {
+            return;
+        }
+        {
+            std::lock_guard lock(mutex_);
+            if (stop_) {
+                return;
+            }
+            requested_ = true;
+            if (path_.empty()) {
+                path_ = path;
+            }
+            if (!thread_.joinable()) {
+                thread_ = std::thread([this] { run(); });
+            }
+        }
+        wake_.notify_one();
+    }
+
+  private:
+    /// Pages in the log at which a checkpoint under the store's lock ends an unbroken stream.
+    static constexpr int kLogPagesCap = 4 * kCheckpointPages;
+    static constexpr int kUnlockedPasses = 3;
+
+    void run() {
+        sqlite3* db = nullptr;
+        std::unique_lock lock(mutex_);
+        while (true) {
+            wake_.wait(lock, [this] { return stop_ || requested_; });
+            if (stop_) {
+                break;
+            }
+            requested_ = false;
+            auto path = path_;
+            lock.unlock();
+            // A connection checkpoints only once it has read the file and so found the log.
+            if (!db &&
+                (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
+                                 nullptr) != SQLITE_OK ||
+                 sqlite3_exec(db, "SELECT count(*) FROM sqlite_master", nullptr, nullptr,
+                              nullptr) != SQLITE_OK)) {
+                sqlite3_close_v2(db);  // tried again at the next request
+                db = nullptr;
+            }
+            if (db) {
+                checkpoint(db);
+            }
+            lock.lock();
+        }
+        lock.unlock();
+        if (db) {
+            sqlite3_close_v2(db);
+        }
+    }
+
+    void checkpoint(sqlite3* db) {
+        for (int pass = 0; pass < kUnlockedPasses; ++pass) {
+            int log = 0;
+            int copied = 0;
+            if (sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, &log, &copied) !=
+                SQLITE_OK) {
+                break;  // another checkpoint is running, or the file is gone
+            }
+            int pages = logPages_.load(std::memory_order_relaxed);
+            if (pages <= copied || pages < log) {
+                // All copied (or the log started over meanwhile): the next mark is a full
+                // threshold of new pages.
+                nextRequest_.store(kCheckpointPages, std::memory_order_relaxed);
+                return;
+            }
+        }
+        int pages = logPages_.load(std::memory_order_relaxed);
+        if (pages >= kLogPagesCap) {
+            std::lock_guard storeLock(storeMutex_);
+            sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+            nextRequest_.store(kCheckpointPages, std::memory_order_relaxed);
+            return;
+        }
+        nextRequest_.store(pages + kCheckpointPages / 4, std::memory_order_relaxed);
+    }
+
+    std::recursive_mutex& storeMutex_;
+    std::atomic<int> logPages_{0};
+    std::atomic<int> nextRequest_{kCheckpointPages};
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::filesystem::path path_;
+    bool requested_ = false;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
 /// Resets a statement and drops its bindings when it leaves scope.
 struct StatementUse {
     sqlite3_stmt* stmt;
@@ -198,7 +335,10 @@ struct StatementUse {
 /// and are deleted with the next write that commits.
 class CoreDataManager::Store {
   public:
-    ~Store() { close(); }
+    ~Store() {
+        checkpointer.reset();
+        close();
+    }
 
     std::recursive_mutex mutex;
     sqlite3* db = nullptr;
@@ -215,6 +355,20 @@ class CoreDataManager::Store {
     sqlite3_stmt* selectConversion = nullptr;
     sqlite3_stmt* deleteConversion = nullptr;
     sqlite3_stmt* selectExpired = nullptr;
+    sqlite3_stmt* selectMarkerKeys = nullptr;
+    sqlite3_stmt* dataVersion = nullptr;
+
+    /// How many markers the file holds for each actor and name (`markerKey`), so that the look-up
+    /// made for every event asks the file only when a marker may match. Loaded on first use and
+    /// again whenever another connection (another process sharing the file) has committed; kept
+    /// current by this connection's own arms, consumes and purges. It may count a marker that is
+    /// no longer there (the file then answers), never miss one that is.
+    std::unordered_map<std::string, std::size_t> markerCounts;
+    bool markersLoaded = false;
+    std::int64_t markersVersion = 0;
+
+    std::unique_ptr<Checkpointer> checkpointer = std::make_unique<Checkpointer>(mutex);
+    std::filesystem::path path;
 
     std::unordered_set<std::int64_t> pendingEventDeletes;
     std::unordered_set<std::int64_t> pendingConversionDeletes;
@@ -237,7 +391,14 @@ class CoreDataManager::Store {
     /// rolled back on any failure (the pending ids then stay pending).
     Error write(bool singleStatement, const std::function<Error()>& steps);
 
+    /// False only when the file certainly holds no marker of `actorId` for `name`.
+    bool mayHoldMarker(const std::string& actorId, const std::string& name);
+    void markerArmed(const std::string& actorId, const std::optional<std::string>& name);
+    void markerConsumed(const std::string& actorId, const std::string& name);
+
   private:
+    static int onWalCommit(void* context, sqlite3* db, const char* schema, int pages);
+    Error loadMarkers();
     Error open(const std::filesystem::path& path);
     Error quickCheck();
     Error migrate();
@@ -304,6 +465,7 @@ Error CoreDataManager::Store::open(const std::filesystem::path& path) {
             return error;
         }
     }
+    this->path = path;
     // Write-ahead log with NORMAL sync: see the header for why this survives any process kill.
     if (auto error = exec("PRAGMA journal_mode = WAL")) {
         return error;
@@ -311,6 +473,9 @@ Error CoreDataManager::Store::open(const std::filesystem::path& path) {
     if (auto error = exec("PRAGMA synchronous = NORMAL")) {
         return error;
     }
+    // No checkpoint inside a commit: the hook (which replaces SQLite's automatic checkpoint) hands
+    // it to the checkpoint thread instead.
+    sqlite3_wal_hook(db, &Store::onWalCommit, this);
     if (auto error = migrate()) {
         return error;
     }
@@ -327,6 +492,10 @@ Error CoreDataManager::Store::open(const std::filesystem::path& path) {
          &selectConversion},
         {"DELETE FROM ConversionEntity WHERE id = ?", &deleteConversion},
         {"SELECT id FROM ConversionEntity WHERE time <= ?", &selectExpired},
+        {"SELECT actorId, convertionName FROM ConversionEntity "
+         "WHERE actorId IS NOT NULL AND convertionName IS NOT NULL",
+         &selectMarkerKeys},
+        {"PRAGMA data_version", &dataVersion},
     };
     for (const auto& [sql, stmt] : statements) {
         if (auto error = prepare(sql, stmt)) {
@@ -478,9 +647,72 @@ Error CoreDataManager::Store::write(bool singleStatement, const std::function<Er
     return std::nullopt;
 }
 
+int CoreDataManager::Store::onWalCommit(void* context, sqlite3*, const char*, int pages) {
+    auto* store = static_cast<Store*>(context);
+    store->checkpointer->committed(store->path, pages);
+    return SQLITE_OK;
+}
+
+Error CoreDataManager::Store::loadMarkers() {
+    markersLoaded = false;
+    markerCounts.clear();
+    {
+        StatementUse use{dataVersion};
+        if (sqlite3_step(dataVersion) != SQLITE_ROW) {
+            return errorMessage();
+        }
+        markersVersion = sqlite3_column_int64(dataVersion, 0);
+    }
+    StatementUse use{selectMarkerKeys};
+    int rc;
+    while ((rc = sqlite3_step(selectMarkerKeys)) == SQLITE_ROW) {
+        ++markerCounts[markerKey(*columnText(selectMarkerKeys, 0),
+                                 *columnText(selectMarkerKeys, 1))];
+    }
+    if (rc != SQLITE_DONE) {
+        markerCounts.clear();
+        return errorMessage();
+    }
+    markersLoaded = true;
+    return std::nullopt;
+}
+
+bool CoreDataManager::Store::mayHoldMarker(const std::string& actorId, const std::string& name) {
+    if (markersLoaded) {
+        StatementUse use{dataVersion};
+        if (sqlite3_step(dataVersion) != SQLITE_ROW ||
+            sqlite3_column_int64(dataVersion, 0) != markersVersion) {
+            markersLoaded = false;  // another connection has committed
+        }
+    }
+    if (!markersLoaded && loadMarkers()) {
+        return true;  // the file answers
+    }
+    return markerCounts.count(markerKey(actorId, name)) > 0;
+}
+
+void CoreDataManager::Store::markerArmed(const std::string& actorId,
+                                         const std::optional<std::string>& name) {
+    if (markersLoaded && name) {
+        ++markerCounts[markerKey(actorId, *name)];
+    }
+}
+
+void CoreDataManager::Store::markerConsumed(const std::string& actorId, const std::string& name) {
+    if (!markersLoaded) {
+        return;
+    }
+    if (auto it = markerCounts.find(markerKey(actorId, name)); it != markerCounts.end()) {
+        if (--it->second == 0) {
+            markerCounts.erase(it);
+        }
+    }
+}
+
 void CoreDataManager::Store::close() {
-    for (auto** stmt : {&insertEvent, &selectOldest, &deleteEvent, &insertConversion,
-                        &selectConversion, &deleteConversion, &selectExpired}) {
+    for (auto** stmt :
+         {&insertEvent, &selectOldest, &deleteEvent, &insertConversion, &selectConversion,
+          &deleteConversion, &selectExpired, &selectMarkerKeys, &dataVersion}) {
         sqlite3_finalize(*stmt);
         *stmt = nullptr;
     }
@@ -605,6 +837,9 @@ void CoreDataManager::saveConversion(const ConversionItem& item, const std::stri
                 bindDate(s.insertConversion, 4, item.time);
                 return s.runToDone(s.insertConversion);
             });
+            if (!error) {
+                s.markerArmed(actorId, item.conversionName);
+            }
         }
     }
     if (error) {
@@ -633,7 +868,7 @@ void CoreDataManager::findConversion(
         std::optional<std::int64_t> id;
         if (!s.ensureOpen(logtag)) {
             failed = true;
-        } else {
+        } else if (s.mayHoldMarker(actorId, eventName)) {
             StatementUse use{s.selectConversion};
             bindText(s.selectConversion, 1, actorId);
             bindText(s.selectConversion, 2, eventName);
@@ -664,6 +899,8 @@ void CoreDataManager::findConversion(
                 s.pendingConversionDeletes.insert(*id);
                 failed = true;
                 found.reset();
+            } else {
+                s.markerConsumed(actorId, eventName);
             }
         }
     }
@@ -713,6 +950,7 @@ void CoreDataManager::deleteExpiredConversions() {
         if (error) {
             s.pendingConversionDeletes.insert(expired.begin(), expired.end());
         }
+        s.markersLoaded = false;  // counted again at the next look-up
     }
     if (error) {
         log("Delete error: " + *error, logtag);

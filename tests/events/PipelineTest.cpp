@@ -151,15 +151,40 @@ TEST_F(EventPipelineTest, UnusableRecordsAreDroppedAndAFailedSendIsLost) {
     EXPECT_EQ(receivedNames().back(), "good again");
     EXPECT_EQ(storedEventCount(), 0);
 
+    // A record is sent byte for byte as stored; only its last top-level "name" counts, as in a
+    // parse; a "requestId" that is not a string is logged as JSON; text that does not end where
+    // the object does, or an array, is unusable.
+    ASSERT_TRUE(pumpUntil([&] { return !EventQueueManager::shared().isTimerActive.load(); }));
+    const std::string stored =
+        R"( {"requestId" : [7],"name":1, "x":{"name":"inner"},"name":"raw"})";
+    t = Date::now().secondsSince1970;
+    insertRawEvent(R"({"name":"dup","name":null})", t - 7);
+    insertRawEvent(stored, t - 6);
+    insertRawEvent(R"({"name":"trailing"} x)", t - 5);
+    insertRawEvent(R"({"name":"second raw"})", t - 4);
+    insertRawEvent(R"([{"name":"in an array"}])", t - 3);
+    {
+        test::LogCapture sent;
+        TarnEvent::shared().sendCustomEvent(screen(), std::nullopt, "after the odd ones");
+        ASSERT_TRUE(drainUntil(7));
+        EXPECT_TRUE(sent.waitFor(
+            "Tarn-QueueManager: Sent event, request id :[7] name: raw, response code : 200;"));
+    }
+    auto bodies = server_->requests(kEventPath);
+    EXPECT_EQ(bodies[4].body, stored);
+    EXPECT_EQ(bodies[5].body, R"({"name":"second raw"})");
+    EXPECT_EQ(receivedNames().back(), "after the odd ones");
+    EXPECT_EQ(storedEventCount(), 0);
+
     // 201 is not success: the event is logged as failed, with "nil" for the error, and is gone.
     server_->on(kEventPath, ScriptedAnswer::json(201, "{}"));
     test::LogCapture logs;
     TarnEvent::shared().sendCustomEvent(screen(), std::nullopt, "created");
-    ASSERT_TRUE(drainUntil(5));
+    ASSERT_TRUE(drainUntil(8));
     EXPECT_TRUE(logs.waitFor(
         "Tarn-QueueManager: An error occurred when the created event was called. nil;"));
     queue().advance(2);
-    EXPECT_EQ(server_->count(kEventPath), 5u);
+    EXPECT_EQ(server_->count(kEventPath), 8u);
     EXPECT_EQ(storedEventCount(), 0);
 }
 

@@ -43,6 +43,49 @@ TEST(RepeatingTimer, TicksEveryIntervalUntilInvalidated) {
     EXPECT_FALSE(timer->isValid());
 }
 
+TEST(RepeatingTimer, KeepsItsRateWhateverTheActionTakesAndSkipsMissedTicks) {
+    // An executor whose clock moves only when a task runs or the task itself moves it.
+    class SteppedExecutor final : public Executor {
+      public:
+        double clock = 0;
+        std::vector<std::pair<double, Task>> posted;
+        void async(Task task) override { asyncAfter(0, std::move(task)); }
+        void asyncAfter(double seconds, Task task) override {
+            posted.emplace_back(seconds, std::move(task));
+        }
+        bool isCurrent() const override { return true; }
+        double now() const override { return clock; }
+        void runNext() {
+            auto [delay, task] = std::move(posted.front());
+            posted.erase(posted.begin());
+            clock += delay;
+            task();
+        }
+    };
+    auto queue = std::make_shared<SteppedExecutor>();
+    std::vector<double> ticks;
+    double work = 0.25;
+    auto timer = RepeatingTimer::scheduled(
+        1.0,
+        [&] {
+            ticks.push_back(queue->clock);
+            queue->clock += work;
+        },
+        queue);
+    for (int i = 0; i < 3; ++i) {
+        queue->runNext();
+    }
+    EXPECT_EQ(ticks, (std::vector<double>{1, 2, 3}));  // not 1, 2.25, 3.5
+    work = 2.5;  // the tick at 4 runs past 5 and 6: those are skipped
+    queue->runNext();
+    queue->runNext();
+    EXPECT_EQ(ticks, (std::vector<double>{1, 2, 3, 4, 7}));
+    timer->invalidate();
+    queue->runNext();
+    EXPECT_EQ(ticks.size(), 5u);
+    EXPECT_TRUE(queue->posted.empty());
+}
+
 TEST(RepeatingTimer, InvalidatingFromItsOwnTickStopsIt) {
     auto queue = std::make_shared<ManualExecutor>();
     int ticks = 0;

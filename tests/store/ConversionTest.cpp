@@ -179,4 +179,35 @@ TEST_F(ConversionTest, ConversionCodeGoesIntoTheEventParameters) {
 }
 
 }  // namespace
+TEST_F(ConversionTest, MarkersWrittenOrRemovedByAnotherConnectionAreSeen) {
+    auto& conversions = ConversionManager::shared();
+    Tarn::shared().actorId = std::string("alice");
+    arm("alice", "own", "signup", 5e12);
+    EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);  // counts loaded: none
+
+    // Another connection (another process sharing the folder) arms and removes markers.
+    RawDatabase raw(CoreDataManager::databasePath());
+    ASSERT_EQ(raw.exec("INSERT INTO ConversionEntity (actorId, communicationCode, convertionName, "
+                       "time) VALUES ('alice', 'theirs', 'purchase', 5e12), "
+                       "('bob', 'bobs', 'purchase', 5e12)"),
+              "");
+    EXPECT_EQ(conversions.checkConversion("purchase"), "theirs");
+    EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
+    ASSERT_EQ(raw.exec("DELETE FROM ConversionEntity WHERE communicationCode = 'own'"), "");
+    test::LogCapture logs;
+    EXPECT_EQ(conversions.checkConversion("signup"), std::nullopt);
+    EXPECT_TRUE(
+        logs.contains("Tarn-ConversionManager: signup is not a conversion event. Not "
+                      "Found: Requestted item was not found in conversion database!;"));
+
+    // Arms and consumes of this process keep the counts current without another read.
+    arm("alice", "again", "signup", 5e12);
+    arm("alice", "again-2", "signup", 5e12);
+    EXPECT_EQ(conversions.checkConversion("signup"), "again-2");
+    EXPECT_EQ(conversions.checkConversion("signup"), "again");
+    EXPECT_EQ(conversions.checkConversion("signup"), std::nullopt);
+    EXPECT_EQ(conversions.checkConversion("purchase", "bob"), "bobs");
+    EXPECT_EQ(storedCodes(), std::vector<std::string>{});
+}
+
 }  // namespace tarn::test

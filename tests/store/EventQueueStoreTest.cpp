@@ -244,4 +244,33 @@ TEST_F(EventQueueStoreTest, SeveralThreadsSaveWhileAnotherPops) {
 }
 
 }  // namespace
+TEST_F(EventQueueStoreTest, TheLogIsCopiedBackOffTheWritersThreadAndStaysBounded) {
+    // Nobody but the store's own checkpoint thread copies the log back into the file here; the
+    // writes below fill it several times over.
+    const std::string padding(900, 'x');
+    auto path = CoreDataManager::databasePath();
+    auto wal = std::filesystem::path(path.string() + "-wal");
+    auto fileSize = [](const std::filesystem::path& file) {
+        std::error_code ec;
+        auto size = std::filesystem::file_size(file, ec);
+        return ec ? 0 : size;
+    };
+    for (int i = 0; i < 6000; ++i) {
+        CoreDataManager::shared().saveEventToQueue(
+            nlohmann::json{{"name", "e"}, {"seq", i}, {"pad", padding}}.dump(), Date{1.0 * i},
+            nlohmann::json::object());
+    }
+    // 6,000 records of about 1 KB: the file ends up holding them (about 6 MB)...
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (fileSize(path) < 5'000'000 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_GE(fileSize(path), 5'000'000u);
+    // ...while the log was started over rather than grown to hold every page written (some
+    // 60 MB: each commit logs the table's and the index's page).
+    EXPECT_LT(fileSize(wal), 30'000'000u);
+    RawDatabase raw(path);
+    EXPECT_EQ(raw.integer("SELECT count(*) FROM EventQueue"), 6000);
+}
+
 }  // namespace tarn::test

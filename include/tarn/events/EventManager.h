@@ -43,10 +43,10 @@ class EventManager : public EventSendable {
     void sendActorChangeEvent(const std::string& oldActorId, const std::string& newActorId);
     void sendCustomEvent(const ScreenRef& controller, const std::optional<std::string>& pageName,
                          const std::string& eventName,
-                         const std::optional<nlohmann::json>& initialParameters,
+                         std::optional<nlohmann::json> initialParameters,
                          const ActionCallback& onActionRequired);
     void sendLoginEvent(const ScreenRef& controller, const std::optional<std::string>& pageName,
-                        const std::optional<nlohmann::json>& initialParameters);
+                        std::optional<nlohmann::json> initialParameters);
     void sendLogoutEvent();
     /// Page events: the page name given, else the screen's class name.
     void sendPageInEvent(const ScreenRef& controller, const std::optional<std::string>& pageName);

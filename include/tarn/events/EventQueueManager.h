@@ -11,6 +11,11 @@
 //
 // An event whose sending fails is lost: it was taken out of the store before it was sent and is not
 // stored again. Events stay stored while the library is not initialised.
+//
+// A stored body is posted exactly as it was stored, once a pass over the text has found a JSON
+// object whose (last) top-level "name" is a string; it is not parsed into a tree and printed again.
+// The timer keeps a fixed rate (see `RepeatingTimer`): one tick per queue delay, whatever a tick
+// took.
 
 #include <atomic>
 #include <memory>
@@ -48,7 +53,7 @@ class EventQueueManager {
     bool hasTimer() const { return timer_.get() != nullptr; }
 
   private:
-    void sendEvent(const nlohmann::json& event);
+    void sendEvent(const std::string& text, const std::string& requestId, const std::string& name);
 
     Locked<std::shared_ptr<RepeatingTimer>> timer_;
 };

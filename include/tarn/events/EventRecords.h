@@ -6,11 +6,15 @@
 // left out), wrapped as "parameters" with "loggedIn"; then the primary keys ("actorId", "channel",
 // "sync", "journeys", a fresh upper-case "requestId", "name", "isActive"); then, inside
 // "parameters", the conversion code, the device facts, the location and the SDK keys. A key written
-// by a later layer replaces the host's key of the same name.
+// by a later layer replaces the host's key of the same name. `serializedBody()` writes the same
+// JSON text in one pass, without building the tree: keys in the same (byte-wise) order, strings
+// escaped the same way; a host string that is not UTF-8 fails it as it fails the dump.
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -27,6 +31,31 @@ struct ReportedCommunication {
     std::optional<std::string> conversionEvent;
 };
 
+struct EventRecord;
+
+/// The values of a body's shared sections, read once for one body: what the device, the facade
+/// and the notification settings report at that moment, with a fresh request identifier.
+struct BodySections {
+    bool loggedIn = false;
+    std::string requestId;
+    std::optional<std::string> battery;
+    std::optional<std::string> networkStatus;
+    std::optional<std::pair<std::string, std::string>> disk;  // free, total
+    std::string deviceId;
+    std::string phoneModel;
+    std::string timeZone;
+    std::string osVersion;
+    std::int64_t timestamp = 0;
+    std::optional<std::string> notificationPermission;
+    std::optional<std::pair<std::string, std::string>> location;  // longitude, latitude
+    std::string applicationName;
+    std::string pushToken;  // left out when empty
+    std::string apnsToken;  // left out when empty
+
+    /// Reads every value for `record` now.
+    static BodySections read(const EventRecord& record);
+};
+
 /// The fields every record has, and the body building they share.
 struct EventRecord {
     std::vector<std::string> journeys;
@@ -35,8 +64,13 @@ struct EventRecord {
     std::optional<std::string> communucationCode;
 
     virtual ~EventRecord() = default;
-    /// The record's own dictionary: the first layer of the body.
-    virtual nlohmann::json ownDictionary() const = 0;
+    /// The record's own fields under their field names, absent optionals left out.
+    virtual nlohmann::json ownFields() const = 0;
+    /// The host's initial parameters when they form an object; they come first in the record's
+    /// own dictionary.
+    virtual const nlohmann::json* initialParameterObject() const { return nullptr; }
+    /// The record's own dictionary: the initial parameters, then the own fields over them.
+    nlohmann::json ownDictionary() const;
     /// For the in-app and push records: the communication they report.
     virtual std::optional<ReportedCommunication> reportedCommunication() const {
         return std::nullopt;
@@ -45,22 +79,32 @@ struct EventRecord {
     virtual std::optional<std::string> applicationNameOverride() const { return std::nullopt; }
     /// The complete body as a JSON object. Every call makes a new "requestId" and "timestamp".
     nlohmann::json dictionary() const;
+    /// The body built from sections already read.
+    nlohmann::json dictionary(const BodySections& sections) const;
+    /// The body as JSON text, written in one pass; the same bytes as the dump of `dictionary`
+    /// for the same sections. Throws `nlohmann::json::type_error`, as that dump does, when a
+    /// string is not UTF-8; nothing else from the host makes it throw.
+    std::string serializedBody() const;
+    std::string serializedBody(const BodySections& sections) const;
 };
 
 struct InitializeEvent : EventRecord {
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
 };
 
 struct PageInOutEvent : EventRecord {
     std::optional<std::string> pageName;
     std::optional<nlohmann::json> initialParameters;
     PageInOutEventType eventType = PageInOutEventType::pageIn;
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
+    const nlohmann::json* initialParameterObject() const override {
+        return initialParameters && initialParameters->is_object() ? &*initialParameters : nullptr;
+    }
 };
 
 struct AppGroundStatusEvent : EventRecord {
     std::optional<std::string> pageName;
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
 };
 
 struct CustomEvent : EventRecord {
@@ -68,35 +112,38 @@ struct CustomEvent : EventRecord {
     /// The class name of the screen the event was raised on.
     std::optional<std::string> controller;
     std::optional<nlohmann::json> initialParameters;
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
+    const nlohmann::json* initialParameterObject() const override {
+        return initialParameters && initialParameters->is_object() ? &*initialParameters : nullptr;
+    }
 };
 
 struct LoginEvent : CustomEvent {};
 
 struct LogoutEvent : EventRecord {
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
 };
 
 struct ActorChangeEvent : EventRecord {
     std::string newActorId;
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
 };
 
 struct InstallEvent : EventRecord {
     std::optional<std::string> configurationActorId;
     bool anonymous = false;
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
 };
 
 struct ApplicationErrorEvent : EventRecord {
     std::string errorMessage;
     std::string errorType;
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
 };
 
 struct PushTokenChangeEvent : EventRecord {
     TokenProviderType tokenProvider = TokenProviderType::firebase;
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
 };
 
 /// The four in-app interactions. Their dictionary holds "communicationCode",
@@ -108,7 +155,7 @@ struct InAppEvent : EventRecord {
     AppCommunicationItem communication;
     InAppEventType inAppEventType = InAppEventType::opened;
     std::optional<std::string> conversionEvent;
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
     std::optional<ReportedCommunication> reportedCommunication() const override;
 };
 struct InAppOpenedEvent : InAppEvent {};
@@ -116,7 +163,7 @@ struct InAppDismissedEvent : InAppEvent {};
 struct InAppSelfClickedEvent : InAppEvent {};
 struct InAppButtonClickedEvent : InAppEvent {
     AppCommunicationButton button;
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
 };
 
 struct PushNotificationEvent : EventRecord {
@@ -128,7 +175,7 @@ struct PushNotificationEvent : EventRecord {
     std::string code;
     std::string communicationId;
     std::string pushTokenForNotification;
-    nlohmann::json ownDictionary() const override;
+    nlohmann::json ownFields() const override;
     std::optional<ReportedCommunication> reportedCommunication() const override;
     std::optional<std::string> applicationNameOverride() const override {
         return customApplicationName;

@@ -25,6 +25,9 @@ class EventRepository {
     /// Posts `event` to "/orbital-harbor/sdk-public/event/mobile". `completion` runs on the HTTP
     /// transport's callback thread; a 5xx answer with retries left never completes.
     void sendEvent(const nlohmann::json& event, Completion completion);
+    /// As `sendEvent`, with the body already serialised: `eventJson` (JSON object text, valid
+    /// UTF-8) is posted as it stands.
+    void sendEventText(const std::string& eventJson, Completion completion);
 };
 
 }  // namespace tarn

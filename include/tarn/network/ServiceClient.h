@@ -8,8 +8,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -66,7 +68,9 @@ class ServiceClient {
     /// Frames a request: method, time-out (the current `requestTimeout`), the answer bound
     /// (`Endpoint::maxAnswerBytes` of the URL), "Authorization" (unless
     /// `skipAuthorization` is true; the facade's `tarnAuthToken` as stored), "cache-control",
-    /// "App-Info" and "Content-Type".
+    /// "App-Info" and "Content-Type". The "App-Info" value is kept between requests and built
+    /// again only when the main bundle's folder, its property list (seen by a stat) or the
+    /// application name changes.
     HttpRequest buildRequest(const Url& url, bool isPost,
                              std::optional<bool> skipAuthorization = std::nullopt) const;
 
@@ -82,6 +86,10 @@ class ServiceClient {
     /// and an answer over the request's bound is one (`dataLengthExceedsMaximum`).
     void request(const Url& url, const nlohmann::json& parameters,
                  std::optional<bool> skipAuthorization, ServiceCompletion completion);
+    /// POSTs `jsonText`, JSON object text already serialised (and valid UTF-8), as it stands; the
+    /// rest as above.
+    void requestJsonText(const Url& url, const std::string& jsonText,
+                         std::optional<bool> skipAuthorization, ServiceCompletion completion);
 
     /// The retry of a 5xx answer: creates a task for the same framed request on the process-wide
     /// shared session. The task is never started, so such an exchange ends without a completion;
@@ -104,6 +112,26 @@ class ServiceClient {
                            std::optional<TransportError> error, const HttpRequest& request,
                            std::int64_t retriesLeft, const ServiceCompletion& completion);
     std::optional<std::string> appInfoHeader() const;
+    void start(HttpRequest framed, std::int64_t budget, ServiceCompletion completion);
+
+    /// Identifies one version of the bundle's property list (all zero: no file).
+    struct InfoFileStamp {
+        bool exists = false;
+        std::uint64_t inode = 0;
+        std::int64_t size = 0;
+        std::int64_t modifiedSeconds = 0;
+        std::int64_t modifiedNanoseconds = 0;
+        bool operator==(const InfoFileStamp&) const = default;
+    };
+    /// The last header built, with what it was built from.
+    struct AppInfoHeader {
+        std::filesystem::path folder;
+        InfoFileStamp stamp;
+        std::string application;
+        std::string header;
+    };
+    mutable std::mutex appInfoMutex_;
+    mutable std::optional<AppInfoHeader> appInfoCache_;
 
     std::shared_ptr<HttpSession> urlSession_;
     std::atomic<std::uint64_t> retryTaskCount_{0};

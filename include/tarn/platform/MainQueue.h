@@ -32,6 +32,9 @@ class Executor {
     virtual void asyncAfter(double seconds, Task task) = 0;
     /// True when called from a task of this executor.
     virtual bool isCurrent() const = 0;
+    /// The executor's clock in seconds, the one `asyncAfter` counts on (by default the monotonic
+    /// clock). Repeating timers keep their rate on it.
+    virtual double now() const;
 };
 
 /// The default main queue: a thread of its own with a timed task queue. Destroying it stops the
@@ -62,7 +65,7 @@ class ManualExecutor final : public Executor {
     bool isCurrent() const override;
 
     /// The virtual time in seconds.
-    double now() const;
+    double now() const override;
     /// Runs every task due at the current virtual time, including tasks they post that are due
     /// too. Returns how many ran.
     std::size_t runPending();
@@ -87,7 +90,9 @@ class ManualExecutor final : public Executor {
 };
 
 /// A repeating timer on an executor, in the manner of a scheduled run-loop timer: the action runs
-/// every `interval` seconds until `invalidate` is called.
+/// every `interval` seconds until `invalidate` is called. Ticks keep a fixed rate: each is due one
+/// interval after the previous one was due, however long the action took; a tick that would fall
+/// in the past is skipped, as a run-loop timer skips the firings it missed.
 class RepeatingTimer : public std::enable_shared_from_this<RepeatingTimer> {
   public:
     /// Creates and schedules a timer; the first tick comes one interval from now.
@@ -104,6 +109,8 @@ class RepeatingTimer : public std::enable_shared_from_this<RepeatingTimer> {
     void scheduleNext();
 
     double interval_;
+    double nextDue_ = 0;
+    bool started_ = false;
     std::function<void()> action_;
     std::weak_ptr<Executor> executor_;
     std::atomic<bool> valid_{true};

@@ -15,6 +15,21 @@
 // before the next checkpoint could drop the last few commits, never corrupt the file; `FULL` would
 // close that gap at the cost of an fsync per event, which the event path cannot afford.
 //
+// Checkpoints. Copying the log back into the file (and the fsyncs that go with it) takes
+// milliseconds, so it never runs inside a caller's commit: SQLite's automatic checkpoint is
+// replaced by a hook that, once the log holds 1000 pages, wakes a checkpoint thread of the store's
+// own. That thread runs passive checkpoints through a second connection, which takes no lock a
+// commit needs. The log starts over after a checkpoint that no commit overtook, which any pause
+// between events allows. Only an unbroken stream of commits that fills the log to 4000 pages
+// (some 16 MB) makes the thread copy the rest while holding the store's lock, once, so that the
+// log stays bounded; a caller may then wait for that copy. A log left behind by a process that
+// ended is replayed by the next open.
+//
+// Conversion look-ups. Every event asks for a matching marker; the store keeps a count of its
+// markers by actor and name in memory and reads the file only when one may match. The file stays
+// the truth: the counts are read again whenever another connection (another process sharing the
+// data folder) has committed (`PRAGMA data_version`).
+//
 // Opening. The store is opened once per process, on the first operation. The schema is compiled
 // into the library, so there is no data-model resource that could be missing and opening the store
 // never ends the process. Every failure to open logs "❌ Loading of store failed:" with the reason.

@@ -1,0 +1,138 @@
+// The body written in one pass against the dump of the body tree, for every record kind and the
+// host values that are hard to print: nesting, numbers, escapes, UTF-8, keys that sort oddly and
+// keys that a later layer replaces; bytes that are not UTF-8 fail both ways alike.
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
+#include "tarn/events/EventRecords.h"
+
+using namespace tarn;
+
+namespace {
+
+nlohmann::json awkwardParameters() {
+    return nlohmann::json{
+        {"sku", "A-42"},
+        {"price", 19.99},
+        {"big", 1e20},
+        {"tiny", -0.0},
+        {"count", -7},
+        {"huge", 18446744073709551615ull},
+        {"nested", {{"list", {1, "two", nullptr, true, {{"deep", {{"x", 0.1}}}}}}}},
+        {"quote\"and\\backslash", "tab\there\nnewline\x01\x1f\x7f"},
+        {"İstanbul", "çok güzel ✓"},
+        {"", "empty key"},
+        {"Zebra", "upper case sorts first"},
+        {"\xc3\xa9t\xc3\xa9", "non-ASCII key sorts last"},
+        {"battery", "host value replaced by the device's"},
+        {"loggedIn", "host value replaced"},
+        {"conversionCommunicationCode", "host value removed without a code"},
+        {"pageName", "replaced by the record's field"},
+    };
+}
+
+BodySections fullSections() {
+    BodySections s;
+    s.loggedIn = true;
+    s.requestId = "7E57AB1E-0000-4000-8000-000000000001";
+    s.battery = "87";
+    s.networkStatus = "WIFI";
+    s.disk = std::pair<std::string, std::string>{"51234567890", "256000000000"};
+    s.deviceId = "5D3C6E1A-9B7F-5C2D-8E4A-1F0B3A6C9D2E";
+    s.phoneModel = "x86_64";
+    s.timeZone = "Europe/Istanbul";
+    s.osVersion = "6.1.0";
+    s.timestamp = 1732284000123;
+    s.notificationPermission = "AUTHORIZED";
+    s.location = std::pair<std::string, std::string>{"28.9784", "41.0082"};
+    s.applicationName = "Shop \"Deluxe\"";
+    s.pushToken = "fcm-\xc3\xbc";
+    s.apnsToken = "0aff";
+    return s;
+}
+
+std::string treeText(const EventRecord& record, const BodySections& sections) {
+    return record.dictionary(sections).dump();
+}
+
+}  // namespace
+
+TEST(EventBodyTest, OnePassTextEqualsTheTreeForEveryRecordKind) {
+    CustomEvent custom;
+    custom.name = "add_to_cart";
+    custom.actorId = "actor-\xe2\x82\xac";
+    custom.journeys = {"j1", "j\"2"};
+    custom.pageName = "Home";
+    custom.controller = "HomeScreen";
+    custom.initialParameters = awkwardParameters();
+
+    PageInOutEvent page;
+    page.name = "page_in";
+    page.pageName = "Cart";
+    page.initialParameters = nlohmann::json::array({1, 2});  // not an object: ignored
+
+    InAppButtonClickedEvent button;
+    button.name = "in_app_button_clicked";
+    button.communication.code = "C-1";
+    button.communication.name = "Promo";
+    button.communication.uuid = "u-1";
+    button.conversionEvent = "purchase";
+    button.button.id = "b1";
+    button.button.text = "Go";
+
+    PushNotificationEvent push;
+    push.name = "push_clicked";
+    push.code = "P-1";
+    push.customApplicationName = "Other App";
+
+    InstallEvent install;
+    install.name = "install";
+    install.anonymous = true;
+    ActorChangeEvent change;
+    change.name = "actor_change";
+    change.newActorId = "new\nactor";
+    ApplicationErrorEvent error;
+    error.name = "app_error";
+    error.errorMessage = "boom";
+    error.errorType = "fatal";
+    InitializeEvent initialize;
+    initialize.name = "sdk_initialize";
+
+    const EventRecord* records[] = {&custom,  &page,   &button, &push,
+                                    &install, &change, &error,  &initialize};
+    BodySections bare;  // every optional section absent, empty tokens
+    bare.requestId = "R";
+    for (const EventRecord* record : records) {
+        for (const auto& sections : {fullSections(), bare}) {
+            EXPECT_EQ(record->serializedBody(sections), treeText(*record, sections))
+                << record->name;
+        }
+    }
+
+    // With a conversion code the host's key is replaced, without it the key is gone.
+    custom.communucationCode = "CONV-1";
+    auto text = custom.serializedBody(fullSections());
+    EXPECT_EQ(text, treeText(custom, fullSections()));
+    auto body = nlohmann::json::parse(text);
+    EXPECT_EQ(body["parameters"]["conversionCommunicationCode"], "CONV-1");
+    EXPECT_EQ(body["parameters"]["battery"], "87");
+    EXPECT_EQ(body["parameters"]["loggedIn"], true);
+    EXPECT_EQ(body["parameters"]["pageName"], "Home");
+    custom.communucationCode.reset();
+    body = nlohmann::json::parse(custom.serializedBody(fullSections()));
+    EXPECT_FALSE(body["parameters"].contains("conversionCommunicationCode"));
+
+    // Bytes that are not UTF-8, anywhere from the host, fail the text as they fail the dump.
+    auto sections = fullSections();
+    auto failsBothWays = [&](const EventRecord& record) {
+        EXPECT_THROW(record.dictionary(sections).dump(), nlohmann::json::type_error);
+        EXPECT_THROW(record.serializedBody(sections), nlohmann::json::type_error);
+    };
+    custom.initialParameters = nlohmann::json{{"nested", {{"bad", std::string("x\xff")}}}};
+    failsBothWays(custom);
+    custom.initialParameters.reset();
+    custom.actorId = "actor-\xfe";
+    failsBothWays(custom);
+    sections.pushToken = "fcm-\xff";
+    failsBothWays(initialize);
+}
