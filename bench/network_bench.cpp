@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "support/LoopbackServer.h"
+#include "support/RawSocketServer.h"
 #include "support/TestSupport.h"
 #include "tarn/core/Settings.h"
 #include "tarn/core/Tarn.h"
@@ -180,14 +181,19 @@ void BM_CurlCommand1000InOneProcess(benchmark::State& state) {
 BENCHMARK(BM_CurlCommand1000InOneProcess)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 /// One in-app answer of the given size received through the client's session: the cost of
-/// collecting the body in blocks and joining it, next to the wire.
+/// collecting the body in blocks and joining it, next to the wire. The answer comes from the
+/// raw-socket server, which writes as fast as the socket takes it.
 void BM_ReceiveInAppAnswer(benchmark::State& state) {
-    auto& env = environment();
+    using tarn::test::RawSocketServer;
+    environment();
+    static RawSocketServer raw;
     const auto size = static_cast<std::size_t>(state.range(0));
-    env.server.on(tarn::Endpoint::inAppCommunication,
-                  ScriptedAnswer::json(200, std::string(size, ' ')));
+    raw.answer(
+        {RawSocketServer::head("HTTP/1.1 200 OK", {"Content-Length: " + std::to_string(size)}),
+         RawSocketServer::repeated(size)});
     auto& client = tarn::ServiceClient::shared();
     auto request = client.buildRequest(client.url(tarn::Endpoint::inAppCommunication), true);
+    request.url = raw.baseUrl() + tarn::Endpoint::inAppCommunication;
     request.body = {'{', '}'};
     std::mutex mutex;
     std::condition_variable changed;

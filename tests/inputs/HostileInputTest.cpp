@@ -146,26 +146,27 @@ TEST_F(HostileInputTest, DeepPreferenceFilesAreSetAsideAndTheStoreStaysSmall) {
     auto folder = dataDir() / "Preferences";
     fs::create_directories(folder);
     auto file = folder / "standard.json";
-    auto& prefs = PreferencesManager::shared();
+    // Fetched anew after every simulated new process, which replaces the shared instances.
+    auto prefs = [] { return &PreferencesManager::shared(); };
     for (std::size_t depth : {std::size_t{200}, std::size_t{1000000}}) {
         SCOPED_TRACE(depth);
         simulateNewProcess();
         std::string deep = R"({"actorId": "kept-aside", "x": )" + deepArrays(depth) + "}";
         std::ofstream(file) << deep;
         testing::internal::CaptureStderr();
-        EXPECT_FALSE(prefs.stringValue(PreferenceKey::actorId));
+        EXPECT_FALSE(prefs()->stringValue(PreferenceKey::actorId));
         EXPECT_NE(testing::internal::GetCapturedStderr().find("is unreadable; moved aside"),
                   std::string::npos);
         // Nothing is lost: the unreadable file is kept beside the new one.
         EXPECT_EQ(readFile(file.string() + ".corrupt"), deep);
-        prefs.set(PreferenceKey::actorId, std::string("actor-1"));
+        prefs()->set(PreferenceKey::actorId, std::string("actor-1"));
         EXPECT_LT(fs::file_size(file), 100u);
     }
     // Nesting within the bound is kept and written back at a size in proportion to it.
     simulateNewProcess();
     std::ofstream(file) << R"({"x": )" << nestedArrays(100).dump() << "}";
-    prefs.set(PreferenceKey::pushToken, std::string("t"));
-    EXPECT_EQ(prefs.stringValue(PreferenceKey::pushToken), "t");
+    prefs()->set(PreferenceKey::pushToken, std::string("t"));
+    EXPECT_EQ(prefs()->stringValue(PreferenceKey::pushToken), "t");
     EXPECT_LT(fs::file_size(file), 30000u);
 }
 
@@ -175,9 +176,9 @@ TEST_F(HostileInputTest, HostStringsThatAreNotUtf8AreReplacedNotThrown) {
     Tarn::shared().setPushToken("fcm-token-\xff");
     ConfigManager::shared().updateActorId("actor-\xC3");
     testing::internal::GetCapturedStdout();
-    auto& prefs = PreferencesManager::shared();
-    EXPECT_EQ(prefs.stringValue(PreferenceKey::pushToken), "fcm-token-" + replaced);
-    EXPECT_EQ(prefs.stringValue(PreferenceKey::actorId), "actor-" + replaced);
+    auto prefs = [] { return &PreferencesManager::shared(); };
+    EXPECT_EQ(prefs()->stringValue(PreferenceKey::pushToken), "fcm-token-" + replaced);
+    EXPECT_EQ(prefs()->stringValue(PreferenceKey::actorId), "actor-" + replaced);
     EXPECT_EQ(Tarn::shared().actorId.get(), "actor-" + replaced);
     // The file on disk is valid JSON that the next process reads back.
     simulateNewProcess();
@@ -193,7 +194,7 @@ TEST_F(HostileInputTest, HostStringsThatAreNotUtf8AreReplacedNotThrown) {
                                              "http://host-value", std::nullopt, "id", "secret",
                                              false, false, true));
     testing::internal::GetCapturedStdout();
-    EXPECT_EQ(prefs.stringValue(PreferenceKey::actorId), "host-" + replaced);
+    EXPECT_EQ(prefs()->stringValue(PreferenceKey::actorId), "host-" + replaced);
     EXPECT_EQ(Tarn::shared().configuration.get()->applicationName, "App" + replaced);
 }
 
