@@ -86,8 +86,8 @@ void EventManager::send(EventRecord& record) {
     std::string text;
     try {
         text = record.serializedBody();
-    } catch (const nlohmann::json::exception&) {
-        return;  // not serialisable (a host string that is not UTF-8): dropped without a message
+    } catch (const std::exception&) {
+        return;  // not serialisable: dropped without a message
     }
     CoreDataManager::shared().saveEventToQueue(text, Date::now(),
                                                nlohmann::json{{"name", record.name}});

@@ -61,7 +61,10 @@ struct Member {
 
 /// Appends `text` as a JSON string exactly as the JSON library prints it. Plain printable ASCII
 /// is copied; anything else (escapes, UTF-8) goes through the library's own printer, so both ways
-/// give the same bytes, and bytes that are not UTF-8 throw its `type_error` as a dump would.
+/// give the same bytes. Bytes that are not UTF-8 are printed as U+FFFD, as every other string the
+/// host hands in: such an event is kept, never dropped and never thrown out of the library.
+constexpr auto kReplaceInvalid = nlohmann::json::error_handler_t::replace;
+
 void writeString(std::string& out, std::string_view text) {
     bool plain = std::all_of(text.begin(), text.end(), [](char c) {
         auto byte = static_cast<unsigned char>(c);
@@ -73,7 +76,7 @@ void writeString(std::string& out, std::string_view text) {
         out += '"';
         return;
     }
-    out += nlohmann::json(std::string(text)).dump();
+    out += nlohmann::json(std::string(text)).dump(-1, ' ', false, kReplaceInvalid);
 }
 
 }  // namespace
@@ -280,7 +283,7 @@ std::string EventRecord::serializedBody(const BodySections& sections) const {
         out += ':';
         switch (member.kind) {
             case Member::Kind::json:
-                out += member.value->dump();
+                out += member.value->dump(-1, ' ', false, kReplaceInvalid);
                 break;
             case Member::Kind::text:
                 writeString(out, member.string);
