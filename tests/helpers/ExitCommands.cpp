@@ -19,9 +19,10 @@
 
 namespace {
 
-void say(const char* line) {
-    std::fputs(line, stdout);
-    std::fputc('\n', stdout);
+/// One write per line: the library's log lines from other threads go to the same stream.
+void say(const std::string& line) {
+    std::string text = line + "\n";
+    std::fwrite(text.data(), 1, text.size(), stdout);
     std::fflush(stdout);
 }
 
