@@ -12,14 +12,15 @@ struct ResetEntry {
     std::function<void()> reset;
 };
 
+// Never destroyed: an instance first used while the process exits still registers here.
 std::mutex& registryMutex() {
-    static std::mutex m;
-    return m;
+    static NeverDestroyed<std::mutex> m;
+    return *m;
 }
 
 std::vector<ResetEntry>& registry() {
-    static std::vector<ResetEntry> entries;
-    return entries;
+    static NeverDestroyed<std::vector<ResetEntry>> entries;
+    return *entries;
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "device/KernelAnnouncements.h"
+#include "tarn/core/Shared.h"
 #include "tarn/device/DeviceModel.h"
 #include "tarn/device/DeviceStatusHelper.h"
 
@@ -17,13 +18,13 @@ namespace tarn {
 namespace {
 
 std::mutex& providerMutex() {
-    static std::mutex m;
-    return m;
+    static detail::NeverDestroyed<std::mutex> m;
+    return *m;
 }
 
 std::shared_ptr<DeviceInfoProvider>& providerSlot() {
-    static std::shared_ptr<DeviceInfoProvider> p;
-    return p;
+    static detail::NeverDestroyed<std::shared_ptr<DeviceInfoProvider>> p;
+    return *p;
 }
 
 /// The time zone identifier that TZ names (without a leading ':' and, for a path, the part after
@@ -90,8 +91,8 @@ class LinuxDeviceInfoProvider final : public DeviceInfoProvider {
         return DeviceStatusHelper::shared().diskCapacities();
     }
     std::string deviceId() override {
-        static const std::string id = vendorDeviceIdentifier();
-        return id;
+        static const auto* id = new std::string(vendorDeviceIdentifier());
+        return *id;
     }
     std::string modelName() override { return tarn::modelName(); }
     std::string osVersion() override { return tarn::osVersion(); }

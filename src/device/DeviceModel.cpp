@@ -8,7 +8,8 @@
 namespace tarn {
 
 const std::vector<DeviceModelRow>& deviceModelTable() {
-    static const std::vector<DeviceModelRow> table = {
+    // Kept for the life of the process (never destroyed): looked up from any thread until exit.
+    static const auto* table = new std::vector<DeviceModelRow>{
         {{"iPod5,1"}, "iPod touch (5th generation)"},
         {{"iPod7,1"}, "iPod touch (6th generation)"},
         {{"iPod9,1"}, "iPod touch (7th generation)"},
@@ -85,7 +86,7 @@ const std::vector<DeviceModelRow>& deviceModelTable() {
         {{"AudioAccessory1,1"}, "HomePod"},
         {{"AudioAccessory5,1"}, "HomePod mini"},
     };
-    return table;
+    return *table;
 }
 
 std::string modelNameForIdentifier(std::string_view identifier,
@@ -115,25 +116,25 @@ std::string machineIdentifier() {
 }
 
 const std::string& modelName() {
-    static const std::string name = [] {
+    static const auto* name = new std::string([] {
         std::optional<std::string> simulated;
         if (const char* value = std::getenv("SIMULATOR_MODEL_IDENTIFIER")) {
             simulated = value;
         }
         return modelNameForIdentifier(machineIdentifier(), simulated);
-    }();
-    return name;
+    }());
+    return *name;
 }
 
 const std::string& osVersion() {
-    static const std::string version = [] {
+    static const auto* version = new std::string([] {
         utsname names{};
         if (::uname(&names) != 0) {
             return std::string();
         }
         return std::string(names.release, ::strnlen(names.release, sizeof names.release));
-    }();
-    return version;
+    }());
+    return *version;
 }
 
 }  // namespace tarn

@@ -9,8 +9,8 @@ namespace tarn {
 namespace {
 
 Locked<std::shared_ptr<WindowSource>>& windowSource() {
-    static Locked<std::shared_ptr<WindowSource>> source;
-    return source;
+    static detail::NeverDestroyed<Locked<std::shared_ptr<WindowSource>>> source;
+    return *source;
 }
 
 const char* const kAutoNames[] = {kApplicationDidEnterBackgroundNotification,

@@ -92,8 +92,9 @@ std::string base64Encode(const std::uint8_t* bytes, std::size_t size) {
 // ---- ServiceClient -------------------------------------------------------------------------
 
 ServiceClient& ServiceClient::shared() {
-    // What completions use must outlive the client at process exit: creating it first makes its
-    // process-wide storage be torn down after the client's, whose destructor stops the transfers.
+    // What completions use is created first. A reset for tests destroys the client before it
+    // (the client's destructor stops the transfers); at exit nothing is destroyed at all, the
+    // transfers are abandoned with the process.
     static std::once_flag dependencies;
     std::call_once(dependencies, [] {
         NotificationCenter::defaultCenter();

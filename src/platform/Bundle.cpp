@@ -5,6 +5,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "tarn/core/Shared.h"
 #include "tarn/platform/PropertyList.h"
 
 namespace tarn {
@@ -12,13 +13,13 @@ namespace tarn {
 namespace {
 
 std::mutex& mainMutex() {
-    static std::mutex m;
-    return m;
+    static detail::NeverDestroyed<std::mutex> m;
+    return *m;
 }
 
 std::filesystem::path& mainOverride() {
-    static std::filesystem::path p;
-    return p;
+    static detail::NeverDestroyed<std::filesystem::path> p;
+    return *p;
 }
 
 std::filesystem::path executableFolder() {

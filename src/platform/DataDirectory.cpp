@@ -7,18 +7,20 @@
 #include <mutex>
 #include <string>
 
+#include "tarn/core/Shared.h"
+
 namespace tarn {
 
 namespace {
 
 std::mutex& dirMutex() {
-    static std::mutex m;
-    return m;
+    static detail::NeverDestroyed<std::mutex> m;
+    return *m;
 }
 
 std::filesystem::path& dirOverride() {
-    static std::filesystem::path p;
-    return p;
+    static detail::NeverDestroyed<std::filesystem::path> p;
+    return *p;
 }
 
 std::filesystem::path defaultDirectory() {

@@ -243,9 +243,11 @@ struct MainQueueSlot {
     std::shared_ptr<Executor> executor;
 };
 
+// Never destroyed: destroying the executor at exit would stop (and wait for) the queue's thread
+// while a task of it may still be running, and other threads may post to it until the very end.
 MainQueueSlot& slot() {
-    static MainQueueSlot s;
-    return s;
+    static detail::NeverDestroyed<MainQueueSlot> s;
+    return *s;
 }
 
 /// Drops every task: the main queue while the shared instances are being reset, so that work

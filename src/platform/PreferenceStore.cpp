@@ -15,6 +15,7 @@
 #include <set>
 
 #include "core/InputSafety.h"
+#include "tarn/core/Shared.h"
 #include "tarn/platform/DataDirectory.h"
 
 namespace tarn {
@@ -87,9 +88,12 @@ void removeLeftoverTemporaries(const std::filesystem::path& file) {
 /// a read of an unchanged file cost one `stat` instead of a locked read and parse of the whole file
 /// on every call; a change on disk is still seen through the file's stamp.
 std::shared_ptr<PreferenceStore> storeFor(const std::filesystem::path& file) {
-    static std::mutex mutex;
-    static std::map<std::filesystem::path, std::shared_ptr<PreferenceStore>> stores;
-    std::lock_guard lock(mutex);
+    // Never destroyed: the stores are read and written from any thread until the process is gone.
+    static detail::NeverDestroyed<std::mutex> mutex;
+    static detail::NeverDestroyed<std::map<std::filesystem::path, std::shared_ptr<PreferenceStore>>>
+        storesHolder;
+    auto& stores = *storesHolder;
+    std::lock_guard lock(*mutex);
     auto& store = stores[file];
     if (!store) {
         removeLeftoverTemporaries(file);
@@ -117,10 +121,11 @@ bool ensureFolder(const std::filesystem::path& folder) {
 /// folder again (`PreferenceStore::setValue`), so a folder removed meanwhile is made anew before it
 /// is written to.
 bool ensureFolderOnce(const std::filesystem::path& folder) {
-    static std::mutex mutex;
-    static std::set<std::string> seen;
+    static detail::NeverDestroyed<std::mutex> mutex;
+    static detail::NeverDestroyed<std::set<std::string>> seenHolder;
+    auto& seen = *seenHolder;
     {
-        std::lock_guard lock(mutex);
+        std::lock_guard lock(*mutex);
         if (seen.count(folder.native())) {
             return true;
         }
@@ -128,7 +133,7 @@ bool ensureFolderOnce(const std::filesystem::path& folder) {
     if (!ensureFolder(folder)) {
         return false;
     }
-    std::lock_guard lock(mutex);
+    std::lock_guard lock(*mutex);
     seen.insert(folder.native());
     return true;
 }

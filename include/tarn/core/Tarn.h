@@ -4,6 +4,13 @@
 // Threads: `initialize` and the other calls run on the caller's thread and never block on the
 // network. The token answer arrives on the HTTP transport's callback thread; the in-app fetch and
 // the rest of initialisation run on the main queue (`tarn/platform/MainQueue.h`).
+//
+// Exit: the host may end its process at any time and in any way (returning from `main`, `exit()`
+// on any thread, `quick_exit`), also while events are being sent, the queue drains or an answer is
+// being decoded. Nothing of the library is torn down at exit and nothing holds it: requests in
+// flight are abandoned and their completions never run. Calls made while the process exits, on
+// any thread, are accepted and return at once, but what they send may never reach the server;
+// events already stored in the local queue are sent by the next run. There is no shutdown call.
 
 #include <atomic>
 #include <cstdint>
@@ -22,7 +29,7 @@ class TarnEvent;
 
 class Tarn {
   public:
-    /// The one instance, created on first use.
+    /// The one instance, created on first use and never destroyed (usable until the process ends).
     static Tarn& shared();
     /// The shared event API.
     static TarnEvent& event();

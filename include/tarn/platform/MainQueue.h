@@ -116,7 +116,9 @@ class RepeatingTimer : public std::enable_shared_from_this<RepeatingTimer> {
     std::atomic<bool> valid_{true};
 };
 
-/// The current main queue (created on first use as a `ThreadExecutor`).
+/// The current main queue (created on first use as a `ThreadExecutor`). The installed queue is
+/// never destroyed by the library at exit: its thread is neither stopped nor joined and ends with
+/// the process, so a task running then (a drain step, say) never holds the exit.
 std::shared_ptr<Executor> mainQueue();
 /// Installs the main queue; pass nullptr to go back to a fresh default one.
 void setMainQueue(std::shared_ptr<Executor> executor);
