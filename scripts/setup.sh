@@ -8,6 +8,7 @@ packages=(
     libcurl4-openssl-dev nlohmann-json3-dev libsqlite3-dev sqlite3 libplist-dev uuid-dev
     libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
     curl iproute2
+    qt6-base-dev
 )
 
 missing=()
