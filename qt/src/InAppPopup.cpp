@@ -80,6 +80,41 @@ class SliderView final : public SliderCollectionView {
 
 }  // namespace
 
+/// The slider's picture: paints the current image (or the placeholder) itself, so an arriving
+/// image costs a repaint of this widget only, never a layout pass of the popup.
+class PictureView final : public QWidget {
+  public:
+    explicit PictureView(QWidget* parent) : QWidget(parent) {
+        setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
+    }
+    void showPixmap(const QPixmap& pixmap, const QString& placeholder) {
+        pixmap_ = pixmap;
+        placeholder_ = placeholder;
+        update();
+    }
+
+  protected:
+    void paintEvent(QPaintEvent*) override {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        if (pixmap_.isNull()) {
+            painter.setPen(Qt::NoPen);
+            painter.setBrush(QColor(128, 128, 128, 40));
+            painter.drawRoundedRect(rect(), 8, 8);
+            painter.setPen(QColor(60, 60, 60, 200));
+            painter.drawText(rect(), Qt::AlignCenter, placeholder_);
+            return;
+        }
+        QSizeF size = pixmap_.deviceIndependentSize();
+        QPointF at((width() - size.width()) / 2, (height() - size.height()) / 2);
+        painter.drawPixmap(at, pixmap_);
+    }
+
+  private:
+    QPixmap pixmap_;
+    QString placeholder_;
+};
+
 // ---- ImageSlider
 
 /// The slider as seen by decoding tasks on the thread pool: cleared when the slider goes, so a
@@ -94,6 +129,7 @@ ImageSlider::ImageSlider(std::vector<std::string> urls, int maxImages, int timeo
     : QWidget(parent), alive_(std::make_shared<Alive>()) {
     alive_->slider = this;
     setProperty("tarnRow", "images");
+    setObjectName("tarnSlider");
     maxImages = std::max(1, maxImages);
     if (urls.size() > static_cast<std::size_t>(maxImages)) {
         log("popup carries " + std::to_string(urls.size()) + " images; showing the first " +
@@ -105,12 +141,8 @@ ImageSlider::ImageSlider(std::vector<std::string> urls, int maxImages, int timeo
         slots_.push_back(Slot{std::move(url), SlotState::loading, {}});
     }
 
-    picture_ = new QLabel(this);
-    picture_->setAlignment(Qt::AlignCenter);
+    picture_ = new PictureView(this);
     picture_->setObjectName("tarnPicture");
-    picture_->setStyleSheet(
-        "QLabel#tarnPicture { background: rgba(128,128,128,40);"
-        " border-radius: 8px; color: rgba(60,60,60,200); }");
     page_ = new QLabel(this);
     page_->setAlignment(Qt::AlignCenter);
     page_->setStyleSheet("color: rgba(90,90,90,255); font-size: 11px;");
@@ -263,15 +295,13 @@ void ImageSlider::refresh() {
     const auto& slot = slots_[index_];
     switch (slot.state) {
         case SlotState::loaded:
-            picture_->setPixmap(slot.pixmap);
+            picture_->showPixmap(slot.pixmap, {});
             break;
         case SlotState::loading:
-            picture_->setPixmap({});
-            picture_->setText(tr("Loading\u2026"));
+            picture_->showPixmap({}, tr("Loading\u2026"));
             break;
         case SlotState::failed:
-            picture_->setPixmap({});
-            picture_->setText(tr("Image unavailable"));
+            picture_->showPixmap({}, tr("Image unavailable"));
             break;
     }
     page_->setText(count() > 1 ? QStringLiteral("%1 / %2").arg(index_ + 1).arg(count())

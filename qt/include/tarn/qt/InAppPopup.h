@@ -51,6 +51,7 @@ class QToolButton;
 namespace tarn::qt {
 
 class InAppPopup;
+class PictureView;
 
 /// The image row: one image at a time with previous / next controls and a page label.
 class ImageSlider : public QWidget {
@@ -91,7 +92,7 @@ class ImageSlider : public QWidget {
 
     std::vector<Slot> slots_;
     int index_ = 0;
-    QLabel* picture_ = nullptr;
+    PictureView* picture_ = nullptr;
     QLabel* page_ = nullptr;
     QToolButton* previous_ = nullptr;
     QToolButton* next_ = nullptr;
