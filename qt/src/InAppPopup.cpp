@@ -130,6 +130,8 @@ ImageSlider::ImageSlider(std::vector<std::string> urls, int maxImages, int timeo
     alive_->slider = this;
     setProperty("tarnRow", "images");
     setObjectName("tarnSlider");
+    // Its own sheet, so a host's sheet that paints every widget stays out of the card.
+    setStyleSheet("QWidget#tarnSlider, QLabel { background: transparent; }");
     maxImages = std::max(1, maxImages);
     if (urls.size() > static_cast<std::size_t>(maxImages)) {
         log("popup carries " + std::to_string(urls.size()) + " images; showing the first " +
@@ -145,7 +147,7 @@ ImageSlider::ImageSlider(std::vector<std::string> urls, int maxImages, int timeo
     picture_->setObjectName("tarnPicture");
     page_ = new QLabel(this);
     page_->setAlignment(Qt::AlignCenter);
-    page_->setStyleSheet("color: rgba(90,90,90,255); font-size: 11px;");
+    page_->setStyleSheet("color: rgba(90,90,90,255); font-size: 11px; background: transparent;");
     auto makeArrow = [this](const QString& text, const QString& name) {
         auto* button = new QToolButton(this);
         button->setText(text);

@@ -9,8 +9,9 @@
 #include "tarn/qt/InAppPopup.h"
 
 #ifdef TARN_QT_HAS_WEBENGINE
-#include <QVBoxLayout>
+#include <QWebEnginePage>
 #include <QWebEngineView>
+#include <algorithm>
 #endif
 
 namespace tarn::qt::detail {

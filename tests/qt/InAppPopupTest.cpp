@@ -100,6 +100,9 @@ TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) 
     QColor card =
         picture.pixelColor(picture.width() / 2, shown->findChild<QWidget*>("tarnCard")->y() + 6);
     EXPECT_EQ(card, QColor("#FFFFFF")) << "the card is drawn in bgColor";
+    QPoint belowPicture = slider->mapTo(window, QPoint(4, slider->height() - 3));
+    EXPECT_EQ(picture.pixelColor(belowPicture), QColor("#FFFFFF"))
+        << "the host's style sheet does not paint into the card";
 
     // A button: its event, then the host's callback with the unchanged action; the popup goes.
     QTest::mouseClick(static_cast<QPushButton*>(rows[4]), Qt::LeftButton);
@@ -240,6 +243,21 @@ TEST_F(InAppPopupTest, BadPayloadsClosedWindowsAndSurveysNeverCrash) {
     ASSERT_TRUE(waitForEvent("in_app_opened", 3));
     EXPECT_EQ(eventsNamed("in_app_opened")[2]["parameters"]["communicationTemplate"], "SURVEY");
     EXPECT_EQ(eventsNamed("in_app_dismissed").size(), 1u);
+
+    // The optional link handler opens web addresses only, and always hands the action on.
+    openedUrls_.clear();
+    std::vector<std::string> handedOn;
+    auto handler = qt::openUrlActions([&](const AppCommunicationAction& action) {
+        handedOn.push_back(action.link.value_or(""));
+    });
+    handler({"https://shop.example/offers", TarnActionType::url});
+    handler({"tarnshop://cart", TarnActionType::deep});
+    handler({"javascript:alert(1)", TarnActionType::url});
+    handler({std::nullopt, TarnActionType::url});
+    ASSERT_EQ(openedUrls_.size(), 1u);
+    EXPECT_EQ(openedUrls_[0].toString(), "https://shop.example/offers");
+    EXPECT_EQ(handedOn, (std::vector<std::string>{"https://shop.example/offers", "tarnshop://cart",
+                                                  "javascript:alert(1)", ""}));
 }
 
 }  // namespace

@@ -8,7 +8,8 @@
 // buttons (full width, text colour on background colour), on the card's background `bgColor`.
 // Colours go through the library's colour-code parser; unreadable ones are black. A button
 // without a background colour gets a light grey one and, without a text colour, black text.
-// Each row widget carries the property "tarnRow" ("title", "images", "body", "button").
+// Each row widget carries the property "tarnRow" ("title", "images", "body", "button"); a title
+// or body row with empty text is kept but hidden, so it takes no room.
 //
 // What the user does, and what is reported:
 //  - shown: "in_app_opened", once, when the popup appears;
