@@ -62,7 +62,7 @@ TEST_F(QtLifecycleTest, ApplicationStateDrivesBackgroundAndForegroundWithoutStor
     waitUntil([&] { return QApplication::activeWindow() == dialog; }, std::chrono::seconds(1));
     delete dialog;
     emit qApp->applicationStateChanged(Qt::ApplicationInactive);
-    spin(std::chrono::milliseconds(50));
+    QApplication::processEvents();
     emit qApp->applicationStateChanged(Qt::ApplicationActive);
     spin(std::chrono::milliseconds(600));
     EXPECT_EQ(eventsNamed("app_background").size(), 1u);
