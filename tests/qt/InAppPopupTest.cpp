@@ -1,0 +1,264 @@
+// The popup end to end: the library fetches the answer from the loopback server, a custom event
+// shows the Qt popup over the host's window, the user acts on it, the events reach the server.
+#include <QApplication>
+#include <QDir>
+#include <QLabel>
+#include <QPushButton>
+#include <QTest>
+#include <QToolButton>
+
+#include "QtHost.h"
+#include "tarn/core/Tarn.h"
+#include "tarn/events/TarnEvent.h"
+#include "tarn/qt/TarnQt.h"
+#include "tarn/store/ConversionManager.h"
+
+namespace tarn::test {
+namespace {
+
+using nlohmann::json;
+
+std::vector<std::string> rowKinds(qt::InAppPopup* popup) {
+    std::vector<std::string> kinds;
+    for (auto* row : popup->rows()) {
+        kinds.push_back(row->property("tarnRow").toString().toStdString());
+    }
+    return kinds;
+}
+
+std::string outputFolder() {
+    const char* dir = std::getenv("TARN_TEST_BINARY_DIR");
+    return dir ? dir : QDir::tempPath().toStdString();
+}
+
+class InAppPopupTest : public QtHostTest {
+  protected:
+    void serveImages(int count) {
+        const char* colors[] = {"#F4B400", "#0F9D58", "#4285F4"};
+        for (int i = 1; i <= count; ++i) {
+            ScriptedAnswer png;
+            png.body = pngBytes(640, 360, colors[(i - 1) % 3]);
+            png.contentType = "image/png";
+            server_->on("/img/" + std::to_string(i) + ".png", png);
+        }
+    }
+    std::string imageUrl(const std::string& path) const { return server_->baseUrl() + path; }
+    void sendEvent(QWidget* window, const std::string& name) {
+        TarnEvent::shared().sendCustomEvent(
+            qt::screenFor(window), std::nullopt, name, {},
+            [this](const AppCommunicationAction& action) { actions_.push_back(action); });
+    }
+};
+
+TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) {
+    serveImages(2);
+    json items = json::array(
+        {popupItem("add_to_cart", 5, {imageUrl("/img/1.png"), imageUrl("/img/2.png")})});
+    server_->on(kInAppPath, ScriptedAnswer::json(200, inAppAnswer(items).dump()));
+    QWidget* window = showWindow("ShopWindow");
+    ASSERT_EQ(initializeQt(hostConfig("user-1")), InitializeStatusType::initialized);
+
+    sendEvent(window, "add_to_cart");
+    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
+    auto* shown = popup();
+    EXPECT_EQ(shown->parentWidget(), window) << "presented over the host's window";
+    EXPECT_EQ(shown->geometry(), window->rect());
+    EXPECT_EQ(rowKinds(shown),
+              (std::vector<std::string>{"title", "images", "body", "button", "button", "button"}));
+    auto rows = shown->rows();
+    EXPECT_EQ(static_cast<QLabel*>(rows[0])->text(), "10% off what is in your cart");
+    EXPECT_TRUE(rows[0]->styleSheet().contains("rgba(26,115,232,255)"));
+    EXPECT_TRUE(rows[2]->styleSheet().contains("rgba(32,33,36,255)"));
+    EXPECT_EQ(static_cast<QPushButton*>(rows[3])->text(), "B1");
+    EXPECT_EQ(static_cast<QPushButton*>(rows[5])->text(), "B3");
+    EXPECT_EQ(shown->autoDismissMs(), 0) << "no duration configured, no timer";
+
+    // Images arrive without blocking; the slider wraps both ways.
+    auto* slider = shown->slider();
+    ASSERT_NE(slider, nullptr);
+    ASSERT_EQ(slider->count(), 2);
+    ASSERT_TRUE(waitUntil([&] { return slider->settledCount() == 2; }));
+    EXPECT_EQ(slider->state(0), qt::ImageSlider::SlotState::loaded);
+    EXPECT_EQ(slider->state(1), qt::ImageSlider::SlotState::loaded);
+    EXPECT_EQ(slider->next(), 1);
+    EXPECT_EQ(slider->next(), 0);
+    EXPECT_EQ(slider->previous(), 1);
+    QTest::mouseClick(shown->findChild<QToolButton*>("tarnNext"), Qt::LeftButton);
+    EXPECT_EQ(slider->currentIndex(), 0);
+    QTest::mousePress(slider, Qt::LeftButton, {}, QPoint(300, 60));
+    QTest::mouseRelease(slider, Qt::LeftButton, {}, QPoint(200, 60));
+    EXPECT_EQ(slider->currentIndex(), 1) << "a swipe to the left shows the next image";
+    slider->showIndex(0);
+    spin(std::chrono::milliseconds(50));
+
+    // What the user sees: the host dimmed behind the card.
+    QImage picture = window->grab().toImage();
+    std::string file = outputFolder() + "/qt-popup.png";
+    ASSERT_TRUE(picture.save(QString::fromStdString(file)));
+    QColor corner = picture.pixelColor(5, 5);
+    EXPECT_LT(corner.lightness(), QColor("#F1F3F4").lightness() - 60) << "the host is dimmed";
+    QColor card =
+        picture.pixelColor(picture.width() / 2, shown->findChild<QWidget*>("tarnCard")->y() + 6);
+    EXPECT_EQ(card, QColor("#FFFFFF")) << "the card is drawn in bgColor";
+    QPoint belowPicture = slider->mapTo(window, QPoint(4, slider->height() - 3));
+    EXPECT_EQ(picture.pixelColor(belowPicture), QColor("#FFFFFF"))
+        << "the host's style sheet does not paint into the card";
+
+    // A button: its event, then the host's callback with the unchanged action; the popup goes.
+    QTest::mouseClick(static_cast<QPushButton*>(rows[4]), Qt::LeftButton);
+    ASSERT_EQ(actions_.size(), 1u);
+    EXPECT_EQ(actions_[0].link, "https://shop.example/offer/2");
+    EXPECT_EQ(actions_[0].type, TarnActionType::url);
+    EXPECT_TRUE(openedUrls_.empty()) << "links are the host's business";
+    EXPECT_TRUE(waitUntil([&] { return popup() == nullptr; }));
+
+    sendEvent(window, "purchase");
+    ASSERT_TRUE(waitForEvent("purchase"));
+    auto opened = eventsNamed("in_app_opened");
+    auto clicked = eventsNamed("in_app_button_clicked");
+    ASSERT_EQ(opened.size(), 1u);
+    ASSERT_EQ(clicked.size(), 1u);
+    EXPECT_TRUE(eventsNamed("in_app_dismissed").empty());
+    for (const auto& event : {opened[0], clicked[0]}) {
+        const auto& p = event["parameters"];
+        EXPECT_EQ(p["communicationCode"], "CODE-add_to_cart");
+        EXPECT_EQ(p["communicationTemplate"], "POPUP");
+        EXPECT_EQ(p["communicationName"], "Reminder for add_to_cart");
+        EXPECT_EQ(p["communicationId"], "uuid-add_to_cart");
+        EXPECT_EQ(p["pageName"], "ShopWindow");
+    }
+    EXPECT_EQ(clicked[0]["parameters"]["buttonId"], "btn-2");
+    EXPECT_EQ(clicked[0]["parameters"]["buttonText"], "B2");
+    EXPECT_EQ(eventsNamed("purchase")[0]["parameters"][kConversionCommunicationCodeKey],
+              "CODE-add_to_cart")
+        << "the purchase completes the conversion the popup armed";
+}
+
+TEST_F(InAppPopupTest, BodyClickEscapeAndTheTimerReportThemselves) {
+    json items = json::array({popupItem("add_to_cart", 2, {})});
+    server_->on(kInAppPath, ScriptedAnswer::json(200, inAppAnswer(items, 1).dump()));
+    QWidget* window = showWindow("CartScreen");
+    ASSERT_EQ(initializeQt(hostConfig("user-1")), InitializeStatusType::initialized);
+
+    sendEvent(window, "add_to_cart");
+    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
+    EXPECT_EQ(rowKinds(popup()), (std::vector<std::string>{"title", "body", "button", "button"}))
+        << "no image row without image addresses";
+    EXPECT_EQ(popup()->autoDismissMs(), 1000) << "inAppMaxShowDuration is read in seconds";
+    QTest::mouseClick(popup()->rows()[1], Qt::LeftButton);
+    ASSERT_NE(popup(), nullptr) << "a click on the body keeps the popup";
+    EXPECT_TRUE(waitUntil([&] { return popup() == nullptr; }, std::chrono::seconds(3)))
+        << "dismissed by its timer";
+
+    sendEvent(window, "add_to_cart");
+    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
+    QTest::keyClick(popup(), Qt::Key_Escape);
+    EXPECT_TRUE(waitUntil([&] { return popup() == nullptr; }));
+
+    sendEvent(window, "add_to_cart");
+    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
+    QTest::mouseClick(popup()->findChild<QToolButton*>("tarnClose"), Qt::LeftButton);
+    EXPECT_TRUE(waitUntil([&] { return popup() == nullptr; }));
+
+    ASSERT_TRUE(waitForEvent("in_app_dismissed", 3));
+    ASSERT_TRUE(waitForEvent("in_app_opened", 3));
+    auto selfClicked = eventsNamed("in_app_self_clicked");
+    ASSERT_EQ(selfClicked.size(), 1u);
+    EXPECT_EQ(selfClicked[0]["parameters"]["pageName"], "CartScreen");
+    EXPECT_TRUE(actions_.empty()) << "the host's callback is for actions only";
+    spin(std::chrono::milliseconds(300));
+    EXPECT_EQ(eventsNamed("in_app_dismissed").size(), 3u) << "each showing dismissed once";
+}
+
+TEST_F(InAppPopupTest, BadPayloadsClosedWindowsAndSurveysNeverCrash) {
+    serveImages(1);
+    server_->on("/img/slow.png", ScriptedAnswer::never());
+    server_->on("/img/garbage.png", ScriptedAnswer::json(200, "not an image"));
+    std::vector<std::string> urls = {imageUrl("/img/slow.png"), imageUrl("/img/missing.png"),
+                                     imageUrl("/img/garbage.png"), "ftp://example.com/a.png"};
+    while (urls.size() < 300) {
+        urls.push_back(imageUrl("/img/1.png"));
+    }
+    json bad = popupItem("add_to_cart", 1, urls);
+    bad["title"] = {{"text", ""}, {"color", "not-a-colour"}};
+    bad["body"] = {{"text", "Body in an unreadable colour"}, {"color", "rgb(1,2,3)"}};
+    bad["bgColor"] = "#zzz";
+    json survey = {{"uuid", "uuid-survey"},
+                   {"code", "CODE-survey"},
+                   {"name", "How are we doing?"},
+                   {"expireDate", 4102444800000},
+                   {"template", "SURVEY"},
+                   {"triggeringEventName", "order_delivered"},
+                   {"title", {{"text", "Rate us"}, {"color", "#000000"}}},
+                   {"body", {{"text", ""}, {"color", "#000000"}}},
+                   {"maxShowCount", 3},
+                   {"bgColor", "#FFFFFF"},
+                   {"subInAppCommunication",
+                    {{"template", "SURVEY"}, {"link", "https://survey.example/nps?c=1"}}}};
+    server_->on(kInAppPath,
+                ScriptedAnswer::json(200, inAppAnswer(json::array({bad, survey})).dump()));
+    LogCapture logs;
+    QWidget* window = showWindow("ShopWindow");
+    ASSERT_EQ(initializeQt(hostConfig("user-1")), InitializeStatusType::initialized);
+
+    sendEvent(window, "add_to_cart");
+    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
+    auto rows = popup()->rows();
+    ASSERT_EQ(rowKinds(popup()), (std::vector<std::string>{"title", "images", "body", "button"}));
+    EXPECT_TRUE(rows[0]->styleSheet().contains("rgba(0,0,0,255)")) << "unreadable is black";
+    EXPECT_TRUE(rows[2]->styleSheet().contains("rgba(0,0,0,255)"));
+    EXPECT_FALSE(rows[0]->isVisible()) << "an empty title takes no room";
+    auto* slider = popup()->slider();
+    ASSERT_EQ(slider->count(), 10) << "hundreds of addresses: the first ten are loaded";
+    EXPECT_TRUE(logs.contains("Tarn-InappView: popup carries 300 images; showing the first 10;"));
+    ASSERT_TRUE(waitUntil([&] { return slider->settledCount() == 10; }, std::chrono::seconds(8)))
+        << "an address that never answers times out";
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(slider->state(i), qt::ImageSlider::SlotState::failed) << i;
+    }
+    for (int i = 4; i < 10; ++i) {
+        EXPECT_EQ(slider->state(i), qt::ImageSlider::SlotState::loaded) << i;
+    }
+    EXPECT_EQ(slider->previous(), 9) << "from the first image back to the last";
+
+    // The host's window goes while the popup is up: the popup goes with it.
+    QPointer<QWidget> gone = popup();
+    delete window;
+    spin(std::chrono::milliseconds(50));
+    EXPECT_TRUE(gone.isNull());
+
+    // No window at all: the popup comes as a window of its own.
+    sendEvent(nullptr, "add_to_cart");
+    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
+    EXPECT_TRUE(popup()->isWindow());
+    QTest::keyClick(popup(), Qt::Key_Escape);
+    EXPECT_TRUE(waitUntil([&] { return popup() == nullptr; }));
+
+    // A survey without Qt WebEngine: a clear line, the page in the system browser.
+    sendEvent(nullptr, "order_delivered");
+    ASSERT_TRUE(waitUntil([&] { return !openedUrls_.empty(); }));
+    EXPECT_EQ(openedUrls_[0].toString(), "https://survey.example/nps?c=1");
+    EXPECT_TRUE(logs.contains(
+        "Tarn-InappView: survey shown in the system browser: this build has no Qt WebEngine;"));
+    ASSERT_TRUE(waitForEvent("in_app_opened", 3));
+    EXPECT_EQ(eventsNamed("in_app_opened")[2]["parameters"]["communicationTemplate"], "SURVEY");
+    EXPECT_EQ(eventsNamed("in_app_dismissed").size(), 1u);
+
+    // The optional link handler opens web addresses only, and always hands the action on.
+    openedUrls_.clear();
+    std::vector<std::string> handedOn;
+    auto handler = qt::openUrlActions([&](const AppCommunicationAction& action) {
+        handedOn.push_back(action.link.value_or(""));
+    });
+    handler({"https://shop.example/offers", TarnActionType::url});
+    handler({"tarnshop://cart", TarnActionType::deep});
+    handler({"javascript:alert(1)", TarnActionType::url});
+    handler({std::nullopt, TarnActionType::url});
+    ASSERT_EQ(openedUrls_.size(), 1u);
+    EXPECT_EQ(openedUrls_[0].toString(), "https://shop.example/offers");
+    EXPECT_EQ(handedOn, (std::vector<std::string>{"https://shop.example/offers", "tarnshop://cart",
+                                                  "javascript:alert(1)", ""}));
+}
+
+}  // namespace
+}  // namespace tarn::test

@@ -1,0 +1,144 @@
+// Application state, page tracking and the main queue on a real QApplication (offscreen).
+#include <QApplication>
+#include <QLabel>
+#include <QStackedWidget>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+#include <atomic>
+#include <thread>
+
+#include "QtHost.h"
+#include "tarn/device/LifeCycle.h"
+#include "tarn/platform/MainQueue.h"
+#include "tarn/qt/PageTracking.h"
+#include "tarn/qt/QtMainQueue.h"
+#include "tarn/qt/TarnQt.h"
+
+namespace tarn::test {
+namespace {
+
+using nlohmann::json;
+
+class QtLifecycleTest : public QtHostTest {};
+
+TEST_F(QtLifecycleTest, ApplicationStateDrivesBackgroundAndForegroundWithoutStorms) {
+    QWidget* window = showWindow("ShopWindow");
+    ASSERT_EQ(initializeQt(hostConfig("user-1", false, /*lifecycleAuto=*/true)),
+              InitializeStatusType::initialized);
+    ASSERT_TRUE(waitUntil([] { return qApp->applicationState() == Qt::ApplicationActive; }));
+    EXPECT_EQ(currentScreen()->className(), "ShopWindow") << "the key window is the active one";
+
+    // Leaving the application: reported once the absence outlasts the delay. The offscreen
+    // platform has no other application to switch to, so the state change comes as the platform
+    // would announce it.
+    emit qApp->applicationStateChanged(Qt::ApplicationInactive);
+    emit qApp->applicationStateChanged(Qt::ApplicationHidden);
+    // In the background the queue holds its events: look in the store.
+    auto storedNamed = [this](const std::string& name) {
+        std::vector<json> found;
+        for (auto& event : storedEvents()) {
+            if (event.is_object() && event.value("name", "") == name) {
+                found.push_back(event);
+            }
+        }
+        return found;
+    };
+    ASSERT_TRUE(waitUntil([&] { return !storedNamed("app_background").empty(); }));
+    spin(std::chrono::milliseconds(300));
+    EXPECT_EQ(storedNamed("app_background").size(), 1u) << "one event for two state changes";
+    emit qApp->applicationStateChanged(Qt::ApplicationActive);
+    ASSERT_TRUE(waitForEvent("app_foreground"));
+    ASSERT_TRUE(waitForEvent("app_background"));
+    EXPECT_EQ(eventsNamed("app_background")[0]["parameters"]["pageName"], "ShopWindow")
+        << "the window the user left";
+    EXPECT_EQ(eventsNamed("app_foreground")[0]["parameters"]["pageName"], "ShopWindow");
+
+    // A dialog of the application taking focus, and a flicker shorter than the delay: nothing.
+    auto* dialog = new QWidget(window, Qt::Dialog);
+    dialog->setObjectName("Settings");
+    dialog->show();
+    dialog->activateWindow();
+    waitUntil([&] { return QApplication::activeWindow() == dialog; }, std::chrono::seconds(1));
+    delete dialog;
+    emit qApp->applicationStateChanged(Qt::ApplicationInactive);
+    QApplication::processEvents();
+    emit qApp->applicationStateChanged(Qt::ApplicationActive);
+    spin(std::chrono::milliseconds(600));
+    EXPECT_EQ(eventsNamed("app_background").size(), 1u);
+    EXPECT_EQ(eventsNamed("app_foreground").size(), 1u);
+
+    // Quitting stops the tracker.
+    EXPECT_TRUE(AutoLifeCyle::shared().isObserving());
+    QTimer::singleShot(0, qApp, &QCoreApplication::quit);
+    QApplication::exec();
+    EXPECT_FALSE(AutoLifeCyle::shared().isObserving()) << "aboutToQuit posts will-terminate";
+}
+
+/// A host page derived from the tracking base class.
+class HomePage : public qt::TarnWidget {
+  public:
+    HomePage() { setObjectName("HomePage"); }
+};
+
+TEST_F(QtLifecycleTest, TrackedPagesSendPageInAndOutWithTheirNames) {
+    ASSERT_EQ(initializeQt(hostConfig("user-1", false, false, /*activityTracking=*/true)),
+              InitializeStatusType::initialized);
+    auto* window = new QWidget;
+    window->setObjectName("ShopWindow");
+    auto* stack = new QStackedWidget(window);
+    auto* home = new HomePage;
+    auto* product = new QLabel("Running shoes");
+    product->setObjectName("ProductPage");
+    EXPECT_EQ(qt::trackPage(product), qt::trackPage(product)) << "one filter per widget";
+    stack->addWidget(home);
+    stack->addWidget(product);
+    window->resize(300, 200);
+    window->show();
+    stack->setCurrentWidget(product);
+    stack->setCurrentWidget(home);
+    window->hide();
+
+    ASSERT_TRUE(waitForEvent("page_out", 3));
+    std::vector<std::string> seen;
+    for (const auto& event : receivedEvents()) {
+        std::string name = event.value("name", "");
+        if (name == "page_in" || name == "page_out") {
+            seen.push_back(name + " " + event["parameters"].value("pageName", "?"));
+        }
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"page_in HomePage", "page_out HomePage",
+                                              "page_in ProductPage", "page_out ProductPage",
+                                              "page_in HomePage", "page_out HomePage"}));
+    delete window;
+}
+
+TEST(QtMainQueueTest, RunsEveryTaskOnTheGuiThreadInOrderFromAnyThread) {
+    auto queue = std::make_shared<qt::QtMainQueue>(*qApp);
+    std::vector<int> order;
+    std::atomic<bool> allOnGui{true};
+    auto record = [&](int n) {
+        return [&, n] {
+            allOnGui = allOnGui && QThread::currentThread() == qApp->thread() && queue->isCurrent();
+            order.push_back(n);
+        };
+    };
+    queue->asyncAfter(0.05, record(4));
+    queue->async(record(1));
+    std::thread worker([&] {
+        EXPECT_FALSE(queue->isCurrent());
+        queue->async(record(2));
+        queue->asyncAfter(0, record(3));
+        queue->async([] { throw std::runtime_error("a host task that throws"); });
+    });
+    worker.join();
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (order.size() < 4 && std::chrono::steady_clock::now() < deadline) {
+        QApplication::processEvents(QEventLoop::AllEvents, 10);
+    }
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+    EXPECT_TRUE(allOnGui);
+}
+
+}  // namespace
+}  // namespace tarn::test
