@@ -51,14 +51,7 @@ ExitOutcome runUntilExit(const std::vector<std::string>& args,
         ::dup2(err[1], STDERR_FILENO);
         for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]})
             ::close(fd);
-        std::vector<char*> argv;
-        std::string program = helperProgram();
-        argv.push_back(program.data());
-        for (const auto& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        ::execv(program.c_str(), argv.data());
-        ::_exit(127);
+        execHelperProgram(args);
     }
     ::close(in[0]);
     ::close(out[1]);

@@ -135,6 +135,17 @@ std::string helperProgram() {
     return TARN_TEST_HELPER_PATH;
 }
 
+void execHelperProgram(const std::vector<std::string>& args) {
+    std::vector<char*> argv;
+    std::string program = helperProgram();
+    argv.push_back(program.data());
+    for (const auto& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    ::execv(program.c_str(), argv.data());
+    ::_exit(127);
+}
+
 int runHelper(const std::vector<std::string>& args, std::string* output,
               const std::vector<std::string>& env) {
     int pipefd[2];
@@ -148,14 +159,7 @@ int runHelper(const std::vector<std::string>& args, std::string* output,
         for (const auto& e : env) {
             ::putenv(const_cast<char*>(e.c_str()));
         }
-        std::vector<char*> argv;
-        std::string program = helperProgram();
-        argv.push_back(program.data());
-        for (const auto& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        ::execv(program.c_str(), argv.data());
-        ::_exit(127);
+        execHelperProgram(args);
     }
     ::close(pipefd[1]);
     std::string collected;

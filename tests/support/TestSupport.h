@@ -83,6 +83,9 @@ class TarnTest : public ::testing::Test {
 
 /// Path of the helper program that tests start as a second process.
 std::string helperProgram();
+/// In a forked child: replaces the process with the helper program and `args`; exits 127 when
+/// that fails.
+[[noreturn]] void execHelperProgram(const std::vector<std::string>& args);
 /// Runs the helper program with `args` and the environment additions `env`; returns its exit code
 /// and collects its standard output into `output`.
 int runHelper(const std::vector<std::string>& args, std::string* output = nullptr,
