@@ -2,11 +2,11 @@
 # Builds the libFuzzer targets (preset "fuzz": clang-14, AddressSanitizer and
 # UndefinedBehaviorSanitizer) and runs each for a fixed number of inputs, starting from its seed
 # corpus in fuzz/corpus/<target>. New inputs go to a scratch folder, so the committed corpus stays
-# as it is. TARN_FUZZ_RUNS sets the number of runs per target (2000), TARN_FUZZ_TARGETS the list.
+# as it is. TARN_FUZZ_RUNS sets the number of runs per target (10000), TARN_FUZZ_TARGETS the list.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-runs=${TARN_FUZZ_RUNS:-2000}
+runs=${TARN_FUZZ_RUNS:-10000}
 targets=${TARN_FUZZ_TARGETS:-"inapp_answer push_item token_answer property_list queue_record preference_file"}
 jobs=$(nproc)
 
