@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
     build-essential cmake pkg-config git
-    libcurl4-openssl-dev zlib1g-dev nlohmann-json3-dev libsqlite3-dev sqlite3 libplist-dev uuid-dev
+    libcurl4-openssl-dev libssl-dev zlib1g-dev nlohmann-json3-dev libsqlite3-dev sqlite3 libplist-dev uuid-dev
     libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
     curl iproute2
     clang-14 libclang-rt-14-dev

@@ -1,6 +1,9 @@
 #include "tarn/network/HttpTransport.h"
 
 #include <curl/curl.h>
+#if defined(TARN_HAVE_OPENSSL)
+#include <openssl/ssl.h>
+#endif
 
 #include <algorithm>
 #include <cmath>
@@ -25,10 +28,19 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 }
 
 /// libcurl's global state is set up once per process and never torn down: transfers may still
-/// be running on worker threads while the process exits.
+/// be running on worker threads while the process exits. For the same reason OpenSSL (libcurl's
+/// TLS library here) is asked not to free its state from an exit handler, which would pull it from
+/// under an HTTPS transfer still running on a worker thread. That request only takes effect when
+/// the library is the first in the process to set OpenSSL up; a host that initialised OpenSSL
+/// itself keeps its own choice.
 void ensureCurlGlobalInit() {
     static std::once_flag once;
     std::call_once(once, [] {
+#if defined(TARN_HAVE_OPENSSL)
+        OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_LOAD_SSL_STRINGS |
+                             OPENSSL_INIT_LOAD_CRYPTO_STRINGS,
+                         nullptr);
+#endif
         if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
             fatalError("libcurl could not be initialised", __FILE__, __LINE__);
         }
