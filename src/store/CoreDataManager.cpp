@@ -187,6 +187,9 @@ std::pair<std::optional<std::filesystem::path>, std::string> moveAside(
 
 /// The write-ahead log is checkpointed once it holds this many pages (SQLite's own default).
 constexpr int kCheckpointPages = 1000;
+/// A log this long is copied back by the committing caller itself: the backstop for a checkpoint
+/// thread that was not scheduled in time (some 24 MB of log).
+constexpr int kLogPagesHardCap = 6 * kCheckpointPages;
 
 /// The key of a marker in the in-memory mirror: actor and name, unambiguous for any bytes.
 std::string markerKey(const std::string& actorId, const std::string& name) {
@@ -647,9 +650,15 @@ Error CoreDataManager::Store::write(bool singleStatement, const std::function<Er
     return std::nullopt;
 }
 
-int CoreDataManager::Store::onWalCommit(void* context, sqlite3*, const char*, int pages) {
+int CoreDataManager::Store::onWalCommit(void* context, sqlite3* db, const char* schema, int pages) {
     auto* store = static_cast<Store*>(context);
     store->checkpointer->committed(store->path, pages);
+    if (pages >= kLogPagesHardCap) {
+        // The checkpoint thread has not kept up (it was not scheduled, or a reader held it back):
+        // this commit's caller copies the log back itself, once, so the log's size stays bounded
+        // whatever the scheduler does.
+        sqlite3_wal_checkpoint_v2(db, schema, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    }
     return SQLITE_OK;
 }
 

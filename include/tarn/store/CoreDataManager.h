@@ -22,7 +22,9 @@
 // commit needs. The log starts over after a checkpoint that no commit overtook, which any pause
 // between events allows. Only an unbroken stream of commits that fills the log to 4000 pages
 // (some 16 MB) makes the thread copy the rest while holding the store's lock, once, so that the
-// log stays bounded; a caller may then wait for that copy. A log left behind by a process that
+// log stays bounded; a caller may then wait for that copy. Should that thread not be scheduled in
+// time, the commit that finds 6000 pages in the log copies it back itself, so the log's size is
+// bounded whatever the scheduler does. A log left behind by a process that
 // ended is replayed by the next open.
 //
 // Conversion look-ups. Every event asks for a matching marker; the store keeps a count of its
