@@ -50,8 +50,8 @@ struct Latencies {
         state.counters[prefix + "median_us"] = median();
         state.counters[prefix + "p99_us"] = p99();
         state.counters[prefix + "max_us"] = us.back();
-        state.counters[prefix + "over_1ms"] = static_cast<double>(
-            us.end() - std::upper_bound(us.begin(), us.end(), 1000.0));
+        state.counters[prefix + "over_1ms"] =
+            static_cast<double>(us.end() - std::upper_bound(us.begin(), us.end(), 1000.0));
     }
     double median() const { return us[us.size() / 2]; }
     double p99() const { return us[std::min(us.size() - 1, us.size() * 99 / 100)]; }

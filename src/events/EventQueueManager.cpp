@@ -148,7 +148,8 @@ void EventQueueManager::timerAction() {
     }
     CoreDataManager::shared().popOldestEvent([this](std::optional<std::string> text) {
         // The stored text is sent as it stands once it is known to be a JSON object with a string
-        // "name" and nests no deeper than any event; anything else is discarded (the pop has deleted it) and stops the timer.
+        // "name" and nests no deeper than any event; anything else is discarded (the pop has
+        // deleted it) and stops the timer.
         StoredEventCheck check;
         bool usable = text && nlohmann::json::sax_parse(*text, &check) && check.topLevelObject &&
                       check.name == StoredEventCheck::Found::string;
