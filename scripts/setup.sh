@@ -9,7 +9,7 @@ packages=(
     libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
     curl iproute2
     clang-14 libclang-rt-14-dev
-    qt6-base-dev
+    qt6-base-dev fonts-dejavu-core
 )
 
 missing=()
