@@ -187,9 +187,10 @@ std::pair<std::optional<std::filesystem::path>, std::string> moveAside(
 
 /// The write-ahead log is checkpointed once it holds this many pages (SQLite's own default).
 constexpr int kCheckpointPages = 1000;
-/// A log this long is copied back by the committing caller itself: the backstop for a checkpoint
-/// thread that was not scheduled in time (some 24 MB of log).
-constexpr int kLogPagesHardCap = 6 * kCheckpointPages;
+/// A log this long is copied back by the committing caller itself, so that an unbroken stream of
+/// commits, or a checkpoint thread that is not scheduled in time, cannot grow it further (some
+/// 16 MB of log).
+constexpr int kLogPagesCap = 4 * kCheckpointPages;
 
 /// The key of a marker in the in-memory mirror: actor and name, unambiguous for any bytes.
 std::string markerKey(const std::string& actorId, const std::string& name) {
@@ -207,13 +208,9 @@ std::string markerKey(const std::string& actorId, const std::string& name) {
 /// The log starts over only once a checkpoint has copied all of it before the next commit; after
 /// any pause in the events that is the case. Under an unbroken stream of commits each pass leaves
 /// behind what was committed while it ran, so the thread comes back after every further quarter
-/// of the threshold; only if the log reaches `kLogPagesCap` does it copy the rest while holding
-/// the store's lock, so that the log stays bounded however long the stream lasts (callers then
-/// wait once for that short copy).
+/// of the threshold. The bound on the log's length is kept by the commit hook (`kLogPagesCap`).
 class Checkpointer {
   public:
-    explicit Checkpointer(std::recursive_mutex& storeMutex) : storeMutex_(storeMutex) {}
-
     ~Checkpointer() {
         {
             std::lock_guard lock(mutex_);
@@ -228,7 +225,10 @@ class Checkpointer {
     /// Called after every commit on the store's connection with the pages in the log; asks for a
     /// checkpoint once they reach the next mark. Cheap; never waits for a checkpoint.
     void committed(const std::filesystem::path& path, int pages) {
-        logPages_.store(pages, std::memory_order_relaxed);
+        if (pages < logPages_.exchange(pages, std::memory_order_relaxed)) {
+            // The log started over: the next request comes after a full threshold of pages.
+            nextRequest_.store(kCheckpointPages, std::memory_order_relaxed);
+        }
         if (pages < nextRequest_.load(std::memory_order_relaxed)) {
             return;
         }
@@ -249,10 +249,6 @@ class Checkpointer {
     }
 
   private:
-    /// Pages in the log at which a checkpoint under the store's lock ends an unbroken stream.
-    static constexpr int kLogPagesCap = 4 * kCheckpointPages;
-    static constexpr int kUnlockedPasses = 3;
-
     void run() {
         sqlite3* db = nullptr;
         std::unique_lock lock(mutex_);
@@ -285,32 +281,20 @@ class Checkpointer {
     }
 
     void checkpoint(sqlite3* db) {
-        for (int pass = 0; pass < kUnlockedPasses; ++pass) {
-            int log = 0;
-            int copied = 0;
-            if (sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, &log, &copied) !=
-                SQLITE_OK) {
-                break;  // another checkpoint is running, or the file is gone
-            }
-            int pages = logPages_.load(std::memory_order_relaxed);
-            if (pages <= copied || pages < log) {
-                // All copied (or the log started over meanwhile): the next mark is a full
-                // threshold of new pages.
-                nextRequest_.store(kCheckpointPages, std::memory_order_relaxed);
-                return;
-            }
+        int log = 0;
+        int copied = 0;
+        if (sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, &log, &copied) !=
+            SQLITE_OK) {
+            return;  // another checkpoint is running, or the file is gone: asked again later
         }
         int pages = logPages_.load(std::memory_order_relaxed);
-        if (pages >= kLogPagesCap) {
-            std::lock_guard storeLock(storeMutex_);
-            sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
-            nextRequest_.store(kCheckpointPages, std::memory_order_relaxed);
-            return;
-        }
-        nextRequest_.store(pages + kCheckpointPages / 4, std::memory_order_relaxed);
+        // All copied (or the log started over meanwhile): the next mark is a full threshold of new
+        // pages; otherwise come back after another quarter of it.
+        nextRequest_.store(
+            pages <= copied || pages < log ? kCheckpointPages : pages + kCheckpointPages / 4,
+            std::memory_order_relaxed);
     }
 
-    std::recursive_mutex& storeMutex_;
     std::atomic<int> logPages_{0};
     std::atomic<int> nextRequest_{kCheckpointPages};
     std::mutex mutex_;
@@ -370,7 +354,7 @@ class CoreDataManager::Store {
     bool markersLoaded = false;
     std::int64_t markersVersion = 0;
 
-    std::unique_ptr<Checkpointer> checkpointer = std::make_unique<Checkpointer>(mutex);
+    std::unique_ptr<Checkpointer> checkpointer = std::make_unique<Checkpointer>();
     std::filesystem::path path;
 
     std::unordered_set<std::int64_t> pendingEventDeletes;
@@ -652,13 +636,14 @@ Error CoreDataManager::Store::write(bool singleStatement, const std::function<Er
 
 int CoreDataManager::Store::onWalCommit(void* context, sqlite3* db, const char* schema, int pages) {
     auto* store = static_cast<Store*>(context);
-    store->checkpointer->committed(store->path, pages);
-    if (pages >= kLogPagesHardCap) {
-        // The checkpoint thread has not kept up (it was not scheduled, or a reader held it back):
-        // this commit's caller copies the log back itself, once, so the log's size stays bounded
-        // whatever the scheduler does.
+    if (pages >= kLogPagesCap) {
+        // The checkpoint thread has not caught up (an unbroken stream of commits, or it was not
+        // scheduled): this commit's caller copies the log back itself, once, so the log's length
+        // stays bounded whatever the scheduler does.
         sqlite3_wal_checkpoint_v2(db, schema, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+        return SQLITE_OK;
     }
+    store->checkpointer->committed(store->path, pages);
     return SQLITE_OK;
 }
 

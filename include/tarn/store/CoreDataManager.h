@@ -20,12 +20,11 @@
 // replaced by a hook that, once the log holds 1000 pages, wakes a checkpoint thread of the store's
 // own. That thread runs passive checkpoints through a second connection, which takes no lock a
 // commit needs. The log starts over after a checkpoint that no commit overtook, which any pause
-// between events allows. Only an unbroken stream of commits that fills the log to 4000 pages
-// (some 16 MB) makes the thread copy the rest while holding the store's lock, once, so that the
-// log stays bounded; a caller may then wait for that copy. Should that thread not be scheduled in
-// time, the commit that finds 6000 pages in the log copies it back itself, so the log's size is
-// bounded whatever the scheduler does. A log left behind by a process that
-// ended is replayed by the next open.
+// between events allows. Should the log still reach 4000 pages (some 16 MB: an unbroken stream
+// of commits, or a checkpoint thread that was not scheduled in time), the commit that finds it so
+// long copies it back itself, once, so the log stays bounded whatever the scheduler does; that
+// caller waits for the copy. A log left behind by a process that ended is replayed by the next
+// open.
 //
 // Conversion look-ups. Every event asks for a matching marker; the store keeps a count of its
 // markers by actor and name in memory and reads the file only when one may match. The file stays
