@@ -176,7 +176,7 @@ void EventQueueManager::timerAction() {
 
 void EventQueueManager::sendEvent(const std::string& text, const std::string& requestId,
                                   const std::string& name) {
-    EventRepository::shared().sendEventText(
+    EventRepository::shared().sendEvent(
         text, [requestId, name, tag = logtag](const std::optional<ServiceError>& error,
                                               std::optional<int> statusCode, bool failed) {
             if (!error && !failed && statusCode == 200) {

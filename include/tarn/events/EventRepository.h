@@ -22,12 +22,10 @@ class EventRepository {
     using Completion = std::function<void(std::optional<ServiceError> error,
                                           std::optional<int> statusCode, bool failed)>;
 
-    /// Posts `event` to "/orbital-harbor/sdk-public/event/mobile". `completion` runs on the HTTP
-    /// transport's callback thread; a 5xx answer with retries left never completes.
-    void sendEvent(const nlohmann::json& event, Completion completion);
-    /// As `sendEvent`, with the body already serialised: `eventJson` (JSON object text, valid
-    /// UTF-8) is posted as it stands.
-    void sendEventText(const std::string& eventJson, Completion completion);
+    /// Posts `eventJson` (JSON object text, valid UTF-8, as the queue stored it) as it stands to
+    /// "/orbital-harbor/sdk-public/event/mobile". `completion` runs on the HTTP transport's
+    /// callback thread; a 5xx answer with retries left never completes.
+    void sendEvent(const std::string& eventJson, Completion completion);
 };
 
 }  // namespace tarn
