@@ -160,14 +160,20 @@ std::shared_ptr<PreferenceStore> PreferenceStore::suite(const std::string& name)
 
 PreferenceStore::PreferenceStore(std::filesystem::path file) : file_(std::move(file)) {}
 
-nlohmann::json PreferenceStore::readFileLocked() {
+PreferenceStore::Stamp PreferenceStore::currentStamp() const {
     struct stat st {};
     if (::stat(file_.c_str(), &st) != 0) {
-        stamp_ = Stamp{};
+        return Stamp{};
+    }
+    return Stamp{static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
+                 static_cast<std::int64_t>(st.st_size), static_cast<std::uint64_t>(st.st_ino)};
+}
+
+nlohmann::json PreferenceStore::readFileLocked() {
+    stamp_ = currentStamp();
+    if (stamp_ == Stamp{}) {
         return nlohmann::json::object();
     }
-    stamp_ = Stamp{static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
-                   static_cast<std::int64_t>(st.st_size), static_cast<std::uint64_t>(st.st_ino)};
     std::FILE* f = std::fopen(file_.c_str(), "rb");
     if (!f) {
         return nlohmann::json::object();
@@ -195,13 +201,7 @@ nlohmann::json PreferenceStore::readFileLocked() {
 }
 
 void PreferenceStore::refreshLocked() {
-    struct stat st {};
-    Stamp now{};
-    if (::stat(file_.c_str(), &st) == 0) {
-        now = Stamp{static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
-                    static_cast<std::int64_t>(st.st_size), static_cast<std::uint64_t>(st.st_ino)};
-    }
-    if (now == stamp_) {
+    if (currentStamp() == stamp_) {
         return;
     }
     FileLock lock(file_, LOCK_SH);
@@ -231,7 +231,7 @@ bool PreferenceStore::writeLocked(const std::string& key, const nlohmann::json& 
     }
     bool saved = writeFileLocked(current);
     if (saved) {
-        readFileLocked();  // refresh the stamp to the file just written
+        stamp_ = currentStamp();  // the file just written is what `current` holds
         unsaved_ = nlohmann::json::object();
     } else {
         // The write failed (for example a folder that cannot be written): the change is kept in

@@ -77,6 +77,8 @@ class PreferenceStore {
         std::uint64_t inode = 0;
         bool operator==(const Stamp&) const = default;
     } stamp_;
+    /// The file's stamp now (a default `Stamp` when there is no file).
+    Stamp currentStamp() const;
 };
 
 }  // namespace tarn
