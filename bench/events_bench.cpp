@@ -14,6 +14,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "BenchEvents.h"
 #include "store/StoreSchema.h"
 #include "support/TestSupport.h"
 #include "tarn/config/Preferences.h"
@@ -175,18 +176,7 @@ tarn::AppCommunication makeCommunications(int count, const std::string& lastTrig
     return answer;
 }
 
-nlohmann::json tenParameters() {
-    return {{"productId", "SKU-1029384"},
-            {"productName", "Linen shirt"},
-            {"category", "apparel/shirts"},
-            {"price", 49.9},
-            {"currency", "EUR"},
-            {"quantity", 2},
-            {"inStock", true},
-            {"colour", "navy"},
-            {"size", "M"},
-            {"campaign", "spring-2024"}};
-}
+using tarn::bench::tenParameters;
 
 /// A test's setting: fresh instances, a temporary data folder (holding the 10,000 markers), a
 /// manual main queue, the facade's actor and the session's communications.

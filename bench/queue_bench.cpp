@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "BenchEvents.h"
 #include "support/LoopbackServer.h"
 #include "support/TestSupport.h"
 #include "tarn/core/Settings.h"
@@ -41,16 +42,7 @@ std::string eventText() {
     event.actorId = "bench-actor";
     event.pageName = "product";
     event.controller = "ProductViewController";
-    event.initialParameters = nlohmann::json{{"productId", "SKU-1029384"},
-                                             {"productName", "Linen shirt"},
-                                             {"category", "apparel"},
-                                             {"price", 49.9},
-                                             {"currency", "EUR"},
-                                             {"quantity", 2},
-                                             {"inStock", true},
-                                             {"colour", "navy"},
-                                             {"size", "M"},
-                                             {"campaign", "spring-2024"}};
+    event.initialParameters = tarn::bench::tenParameters();
     return event.serializedBody();
 }
 
