@@ -1,5 +1,5 @@
 // Conversion markers: the look-up's period and order, consumption, the purge, arming on the
-// millisecond-as-second scale, and the conversion key in an event body.
+// millisecond-as-second scale, markers of another connection, and the conversion key in a body.
 #include <cmath>
 
 #include "store/RawDatabase.h"
@@ -13,6 +13,8 @@ namespace tarn::test {
 namespace {
 
 constexpr double kNow = 1'000'000'000.0;
+const char* const kNotFound =
+    " is not a conversion event. Not Found: Requestted item was not found in conversion database!;";
 
 class ConversionTest : public TarnTest {
   protected:
@@ -22,17 +24,20 @@ class ConversionTest : public TarnTest {
     }
 
     static void arm(const std::string& actor, const std::string& code, const std::string& name,
-                    double time) {
+                    std::optional<double> time) {
         Tarn::shared().actorId = actor;
         bool saved = false;
-        CoreDataManager::shared().saveConversion({code, name, Date{time}}, "inapp_open",
+        std::optional<Date> date;
+        if (time)
+            date = Date{*time};
+        CoreDataManager::shared().saveConversion({code, name, date}, "inapp_open",
                                                  [&] { saved = true; });
         ASSERT_TRUE(saved);
     }
 
     static std::vector<std::string> storedCodes() {
-        RawDatabase raw(CoreDataManager::databasePath());
-        return raw.column("SELECT communicationCode FROM ConversionEntity ORDER BY id");
+        return RawDatabase(CoreDataManager::databasePath())
+            .column("SELECT communicationCode FROM ConversionEntity ORDER BY id");
     }
 };
 
@@ -47,9 +52,7 @@ TEST_F(ConversionTest, NewestMarkerOfTheActorInsideThePeriodIsConsumedFirst) {
 
     // Another actor's event matches nothing and leaves the markers in place.
     EXPECT_EQ(conversions.checkConversion("purchase", "bob"), std::nullopt);
-    EXPECT_TRUE(
-        logs.contains("Tarn-ConversionManager: purchase is not a conversion event. Not "
-                      "Found: Requestted item was not found in conversion database!;"));
+    EXPECT_TRUE(logs.contains(std::string("Tarn-ConversionManager: purchase") + kNotFound));
     EXPECT_EQ(storedCodes().size(), 4u);
 
     Tarn::shared().actorId = "alice";
@@ -78,9 +81,7 @@ TEST_F(ConversionTest, PurgeRemovesMarkersOneDayOldWhateverThePeriod) {
     arm("alice", "older", "purchase", kNow - 90000);
     arm("alice", "recent", "purchase", kNow - 86399.5);
     arm("alice", "armed", "purchase", 1712345678901.0);  // the arming scale: never purged
-    Tarn::shared().actorId = "bob";
-    CoreDataManager::shared().saveConversion({"no-time", "purchase", std::nullopt}, "e", nullptr);
-
+    arm("bob", "no-time", "purchase", std::nullopt);
     LogCapture logs;
     CoreDataManager::shared().deleteExpiredConversions();
     EXPECT_EQ(storedCodes(), (std::vector<std::string>{"recent", "armed", "no-time"}));
@@ -97,12 +98,12 @@ TEST_F(ConversionTest, ArmingStoresMillisecondsAsSecondsAndTheNextMatchingEventT
     conversions.armConversion("msg-2", std::nullopt, "inapp_open");  // arms nothing
     EXPECT_EQ(logs.count("Tarn-ConversionManager: Conversion event saved with name: purchase;"),
               1u);
-
     RawDatabase raw(CoreDataManager::databasePath());
-    EXPECT_EQ(raw.integer("SELECT count(*) FROM ConversionEntity"), 1);
-    EXPECT_EQ(raw.column("SELECT actorId FROM ConversionEntity").at(0), "alice");
-    double stored = raw.real("SELECT time FROM ConversionEntity");
-    EXPECT_EQ(stored, std::trunc(stored)) << "a whole number of milliseconds";
+    EXPECT_EQ(raw.column("SELECT actorId FROM ConversionEntity"),
+              std::vector<std::string>{"alice"});
+    EXPECT_EQ(raw.integer("SELECT time = round(time) FROM ConversionEntity"), 1)
+        << "a whole number of milliseconds";
+    auto stored = static_cast<double>(raw.integer("SELECT time FROM ConversionEntity"));
     EXPECT_GE(stored, std::trunc(before));
     EXPECT_LE(stored, after);
 
@@ -116,72 +117,8 @@ TEST_F(ConversionTest, ArmingStoresMillisecondsAsSecondsAndTheNextMatchingEventT
     EXPECT_DEATH(ConversionManager::millisecondStamp(Date{1e17}), "64-bit");
 }
 
-TEST_F(ConversionTest, FailedConsumeReportsFetchErrorAndTheMarkerStaysTakenInThisProcess) {
-    Tarn::shared().actorId = "alice";
-    ConversionManager::shared().armConversion("msg-1", "purchase", "inapp_open");
-    arm("alice", "expired", "purchase", 1.0);
-    CoreDataManager::shared().setBusyTimeout(std::chrono::milliseconds(20));
-    LogCapture logs;
-    {
-        RawDatabase blocker(CoreDataManager::databasePath());
-        ASSERT_EQ(blocker.exec("BEGIN IMMEDIATE"), "");
-        EXPECT_EQ(ConversionManager::shared().checkConversion("purchase"), std::nullopt);
-        EXPECT_TRUE(
-            logs.contains("Tarn-ConversionManager: purchase is not a conversion event. "
-                          "Fetch Error: An error occurred while fetching the conversion "
-                          "event!;"));
-        bool saved = false;
-        CoreDataManager::shared().saveConversion({"msg-2", "purchase", Date{1}}, "inapp_open",
-                                                 [&] { saved = true; });
-        EXPECT_FALSE(saved);
-        EXPECT_TRUE(
-            logs.contains("Tarn-ConversionManager: inapp_open conversion couldn't save. "
-                          "Save Error: An error occurred while saving the conversion "
-                          "event!;"));
-        CoreDataManager::shared().deleteExpiredConversions();
-        EXPECT_TRUE(logs.contains("Tarn-CoreDataManager: Delete error: database is locked;"));
-        ASSERT_EQ(blocker.exec("ROLLBACK"), "");
-    }
-    // Markers whose delete failed count as deleted here; the next write deletes them for good.
-    EXPECT_EQ(ConversionManager::shared().checkConversion("purchase"), std::nullopt);
-    ConversionManager::shared().armConversion("msg-3", "other", "inapp_open");
-    EXPECT_EQ(storedCodes(), std::vector<std::string>{"msg-3"});
-}
-
-TEST_F(ConversionTest, ConversionCodeGoesIntoTheEventParameters) {
-    nlohmann::json body = {{"name", "purchase"}};
-    ConversionManager::applyConversionCode(body, "msg-1");
-    EXPECT_EQ(body["parameters"], (nlohmann::json{{"conversionCommunicationCode", "msg-1"}}));
-
-    body["parameters"] = {{"amount", 5}, {"conversionCommunicationCode", "stale"}};
-    ConversionManager::applyConversionCode(body, "msg-2");
-    EXPECT_EQ(body["parameters"],
-              (nlohmann::json{{"amount", 5}, {"conversionCommunicationCode", "msg-2"}}));
-    ConversionManager::applyConversionCode(body, std::nullopt);
-    EXPECT_EQ(body["parameters"], (nlohmann::json{{"amount", 5}}));
-
-    body["parameters"] = "not an object";
-    ConversionManager::applyConversionCode(body, std::nullopt);
-    EXPECT_EQ(body["parameters"], nlohmann::json::object());
-    body.erase("parameters");
-    ConversionManager::applyConversionCode(body, std::nullopt);
-    EXPECT_EQ(body,
-              (nlohmann::json{{"name", "purchase"}, {"parameters", nlohmann::json::object()}}));
-
-    // The arming value keeps its field names and exact time through JSON.
-    ConversionItem item{"msg-1", "purchase", Date{1712345678901.0}};
-    nlohmann::json encoded = item;
-    EXPECT_EQ(
-        encoded.dump(),
-        R"({"communicationCode":"msg-1","conversionName":"purchase","time":1712345678901.0})");
-    EXPECT_EQ(encoded.get<ConversionItem>(), item);
-    EXPECT_EQ(nlohmann::json::object().get<ConversionItem>(), ConversionItem{});
-}
-
-}  // namespace
 TEST_F(ConversionTest, MarkersWrittenOrRemovedByAnotherConnectionAreSeen) {
     auto& conversions = ConversionManager::shared();
-    Tarn::shared().actorId = std::string("alice");
     arm("alice", "own", "signup", 5e12);
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);  // counts loaded: none
 
@@ -194,11 +131,9 @@ TEST_F(ConversionTest, MarkersWrittenOrRemovedByAnotherConnectionAreSeen) {
     EXPECT_EQ(conversions.checkConversion("purchase"), "theirs");
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
     ASSERT_EQ(raw.exec("DELETE FROM ConversionEntity WHERE communicationCode = 'own'"), "");
-    test::LogCapture logs;
+    LogCapture logs;
     EXPECT_EQ(conversions.checkConversion("signup"), std::nullopt);
-    EXPECT_TRUE(
-        logs.contains("Tarn-ConversionManager: signup is not a conversion event. Not "
-                      "Found: Requestted item was not found in conversion database!;"));
+    EXPECT_TRUE(logs.contains(std::string("Tarn-ConversionManager: signup") + kNotFound));
 
     // Arms and consumes of this process keep the counts current without another read.
     arm("alice", "again", "signup", 5e12);
@@ -210,4 +145,40 @@ TEST_F(ConversionTest, MarkersWrittenOrRemovedByAnotherConnectionAreSeen) {
     EXPECT_EQ(storedCodes(), std::vector<std::string>{});
 }
 
+TEST_F(ConversionTest, ConversionCodeGoesIntoTheParametersAndTheMarkerKeepsItsJsonNames) {
+    using nlohmann::json;
+    const json empty = json::object();
+    struct Row {
+        json parameters;  // null: no "parameters" key
+        std::optional<std::string> code;
+        json expected;
+    } rows[] = {
+        {nullptr, "msg-1", {{"conversionCommunicationCode", "msg-1"}}},
+        {{{"amount", 5}, {"conversionCommunicationCode", "stale"}},
+         "msg-2",
+         {{"amount", 5}, {"conversionCommunicationCode", "msg-2"}}},
+        {{{"amount", 5}, {"conversionCommunicationCode", "stale"}}, std::nullopt, {{"amount", 5}}},
+        {"not an object", std::nullopt, empty},
+        {nullptr, std::nullopt, empty},
+    };
+    for (const auto& row : rows) {
+        json body = {{"name", "purchase"}};
+        if (!row.parameters.is_null())
+            body["parameters"] = row.parameters;
+        ConversionManager::applyConversionCode(body, row.code);
+        EXPECT_EQ(body, (json{{"name", "purchase"}, {"parameters", row.expected}}))
+            << row.parameters;
+    }
+
+    // The arming value keeps its field names and exact time through JSON.
+    ConversionItem item{"msg-1", "purchase", Date{1712345678901.0}};
+    json encoded = item;
+    EXPECT_EQ(
+        encoded.dump(),
+        R"({"communicationCode":"msg-1","conversionName":"purchase","time":1712345678901.0})");
+    EXPECT_EQ(encoded.get<ConversionItem>(), item);
+    EXPECT_EQ(empty.get<ConversionItem>(), ConversionItem{});
+}
+
+}  // namespace
 }  // namespace tarn::test
