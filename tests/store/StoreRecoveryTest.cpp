@@ -170,10 +170,9 @@ TEST_F(StoreProcessTest, WriterKilledAtRandomMomentsKeepsEveryReportedEvent) {
         std::int64_t reported = 0, value = 0;
         if (round < 0) {
             EXPECT_EQ(::read(pipefd[0], &reported, sizeof reported), ssize_t(sizeof reported));
-            maxDelayUs = 3 * std::chrono::duration_cast<std::chrono::microseconds>(
-                                 std::chrono::steady_clock::now() - start)
-                                 .count() +
-                         20000;
+            auto took = std::chrono::steady_clock::now() - start;
+            maxDelayUs = 3 * std::chrono::duration_cast<std::chrono::microseconds>(took).count();
+            maxDelayUs += 20000;
         } else {
             std::this_thread::sleep_for(std::chrono::microseconds(
                 std::uniform_int_distribution<std::int64_t>(0, maxDelayUs)(random)));
