@@ -1,12 +1,10 @@
-#include <gtest/gtest.h>
+// The actor identifier and the push tokens: what is accepted, where it is kept, what is logged.
 
 #include <fstream>
 
 #include "support/PipelineFixture.h"
-#include "support/TestSupport.h"
 #include "tarn/config/ConfigManager.h"
 #include "tarn/config/Preferences.h"
-#include "tarn/core/Log.h"
 #include "tarn/core/Tarn.h"
 #include "tarn/events/TarnEvent.h"
 
@@ -14,10 +12,16 @@ using namespace tarn;
 
 class IdentityTest : public test::TarnTest {};
 
-TEST_F(IdentityTest, UpdateActorIdRefusesBlanksAndStoresUntrimmed) {
+TEST_F(IdentityTest, ActorIdRefusesBlanksKeepsSpacesAndFollowsTheInstallationStatus) {
     auto& config = ConfigManager::shared();
-    auto& tarn = Tarn::shared();
+    auto& prefs = PreferencesManager::shared();
     test::LogCapture logs;
+    EXPECT_EQ(config.resolveActorId(std::string(" ")), " ");  // whitespace counts as given
+    EXPECT_EQ(config.installationStatus.load(), InstallationStatus::firstTimeInstallation);
+    auto guest = config.resolveActorId(std::nullopt);
+    EXPECT_EQ(prefs.stringValue(PreferenceKey::guestActorId), guest);
+    EXPECT_EQ(prefs.storedActorId(), guest);
+
     config.updateActorId("b");
     EXPECT_FALSE(logs.contains("Tarn-ConfigManager: Tarn actorId successfully updated.;"));
     config.updateActorId("  \n");
@@ -25,24 +29,14 @@ TEST_F(IdentityTest, UpdateActorIdRefusesBlanksAndStoresUntrimmed) {
     EXPECT_EQ(logs.count("Tarn-ConfigManager: Tarn actorId cannot be updated with empty or only "
                          "whitespace string!;"),
               2u);
-    EXPECT_EQ(tarn.actorId.get(), "b");
+    EXPECT_EQ(Tarn::shared().actorId.get(), "b");
     config.updateActorId(" a ");
     EXPECT_TRUE(logs.contains("Tarn-ConfigManager: Tarn actorId successfully updated.;"));
-    EXPECT_EQ(tarn.actorId.get(), " a ");
-    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::actorId), " a ");
-}
-
-TEST_F(IdentityTest, ResolveActorIdFollowsTheInstallationStatus) {
-    auto& config = ConfigManager::shared();
-    EXPECT_EQ(config.resolveActorId(std::string(" ")), " ");  // whitespace counts as given
-    EXPECT_EQ(config.installationStatus.load(), InstallationStatus::firstTimeInstallation);
-    auto guest = config.resolveActorId(std::nullopt);
-    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::guestActorId), guest);
-    EXPECT_EQ(PreferencesManager::shared().storedActorId(), guest);
-    config.updateActorId("stored");
-    EXPECT_EQ(config.resolveActorId(std::string("")), "stored");
+    EXPECT_EQ(Tarn::shared().actorId.get(), " a ");
+    EXPECT_EQ(prefs.stringValue(PreferenceKey::actorId), " a ");
+    EXPECT_EQ(config.resolveActorId(std::string("")), " a ");
     EXPECT_EQ(config.installationStatus.load(), InstallationStatus::alreadyInstalled);
-    EXPECT_EQ(PreferencesManager::shared().storedActorId(), "stored");
+    EXPECT_EQ(prefs.storedActorId(), " a ");
 }
 
 TEST_F(IdentityTest, AppGroupStoreIsSharedWithASecondProcess) {
@@ -50,9 +44,7 @@ TEST_F(IdentityTest, AppGroupStoreIsSharedWithASecondProcess) {
     prefs.appGroupSuiteName = std::string("group.com.example.shared");
     prefs.useAppGroup = true;
     ConfigManager::shared().updateActorId("group-actor");
-    // The standard store does not hold it.
-    EXPECT_FALSE(PreferenceStore::standard()->string("actorId"));
-
+    EXPECT_FALSE(PreferenceStore::standard()->string("actorId"));  // not in the standard store
     std::string out;
     EXPECT_EQ(test::runHelper({"get_actor", dataDir().string(), "group.com.example.shared"}, &out),
               0);
@@ -69,14 +61,13 @@ TEST_F(IdentityTest, TokensAreStoredFirstWithoutAnEventAndHexIsLowerCase) {
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(tarn.tarnApnsToken.get(), "0aff");
     EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::apnsToken), "0aff");
-    EXPECT_TRUE(logs.contains("Tarn: Tarn apns token set complete;"));
     tarn.setPushToken("push-1");
     EXPECT_EQ(tarn.getPushToken(), "push-1");
     EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::pushToken), "push-1");
     tarn.setPushToken("push-2");
     EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::pushToken), "push-2");
-    auto lines = logs.lines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "Tarn: Push token set complete;"), 2);
+    EXPECT_TRUE(logs.contains("Tarn: Tarn apns token set complete;"));
+    EXPECT_EQ(logs.count("Tarn: Push token set complete;"), 2u);
 }
 
 // The preference folder's path runs through a regular file, so no identity can be written (even
@@ -92,11 +83,10 @@ TEST_P(UnsavedIdentityTest, IsKeptForTheProcessOnEveryEventAndSaidOnce) {
     TarnEvent::shared().sendCustomEvent(nullptr, std::nullopt, "two");
     ASSERT_TRUE(drainUntil(4));
     const auto actor = Tarn::shared().actorId.get();
-    EXPECT_EQ(actor.empty(), false);
+    EXPECT_FALSE(actor.empty());
     EXPECT_EQ(actor, GetParam().value_or(actor));
-    for (const auto& event : receivedEvents()) {
+    for (const auto& event : receivedEvents())
         EXPECT_EQ(event["actorId"], actor) << event["name"];
-    }
     EXPECT_EQ(logs.count("Tarn-ConfigManager: The actor identifier could not be saved in the "
                          "preference store; it is kept in memory for this process and a later run "
                          "may not know it.;"),

@@ -1,7 +1,6 @@
 // The body written in one pass against the dump of the body tree, for every record kind and the
 // host values that are hard to print: nesting, numbers, escapes, UTF-8, keys that sort oddly and
 // keys that a later layer replaces; bytes that are not UTF-8 print as U+FFFD both ways.
-#include <gtest/gtest.h>
 
 #include "support/TestSupport.h"
 #include "tarn/events/EventRecords.h"
@@ -10,46 +9,21 @@ using namespace tarn;
 
 namespace {
 
-nlohmann::json awkwardParameters() {
-    return nlohmann::json{
-        {"sku", "A-42"},
-        {"price", 19.99},
-        {"big", 1e20},
-        {"tiny", -0.0},
-        {"count", -7},
-        {"huge", 18446744073709551615ull},
-        {"nested", {{"list", {1, "two", nullptr, true, {{"deep", {{"x", 0.1}}}}}}}},
-        {"quote\"and\\backslash", "tab\there\nnewline\x01\x1f\x7f"},
-        {"İstanbul", "çok güzel ✓"},
-        {"", "empty key"},
-        {"Zebra", "upper case sorts first"},
-        {"\xc3\xa9t\xc3\xa9", "non-ASCII key sorts last"},
-        {"battery", "host value replaced by the device's"},
-        {"loggedIn", "host value replaced"},
-        {"conversionCommunicationCode", "host value removed without a code"},
-        {"pageName", "replaced by the record's field"},
-    };
-}
-
-BodySections fullSections() {
-    BodySections s;
-    s.loggedIn = true;
-    s.requestId = "7E57AB1E-0000-4000-8000-000000000001";
-    s.battery = "87";
-    s.networkStatus = "WIFI";
-    s.disk = std::pair<std::string, std::string>{"51234567890", "256000000000"};
-    s.deviceId = "5D3C6E1A-9B7F-5C2D-8E4A-1F0B3A6C9D2E";
-    s.phoneModel = "x86_64";
-    s.timeZone = "Europe/Istanbul";
-    s.osVersion = "6.1.0";
-    s.timestamp = 1732284000123;
-    s.notificationPermission = "AUTHORIZED";
-    s.location = std::pair<std::string, std::string>{"28.9784", "41.0082"};
-    s.applicationName = "Shop \"Deluxe\"";
-    s.pushToken = "fcm-\xc3\xbc";
-    s.apnsToken = "0aff";
-    return s;
-}
+const BodySections kFull{.loggedIn = true,
+                         .requestId = "7E57AB1E-0000-4000-8000-000000000001",
+                         .battery = "87",
+                         .networkStatus = "WIFI",
+                         .disk = std::pair<std::string, std::string>{"51234567890", "256000000000"},
+                         .deviceId = "5D3C6E1A-9B7F-5C2D-8E4A-1F0B3A6C9D2E",
+                         .phoneModel = "x86_64",
+                         .timeZone = "Europe/Istanbul",
+                         .osVersion = "6.1.0",
+                         .timestamp = 1732284000123,
+                         .notificationPermission = "AUTHORIZED",
+                         .location = std::pair<std::string, std::string>{"28.9784", "41.0082"},
+                         .applicationName = "Shop \"Deluxe\"",
+                         .pushToken = "fcm-\xc3\xbc",
+                         .apnsToken = "0aff"};
 
 std::string treeText(const EventRecord& record, const BodySections& sections) {
     return record.dictionary(sections).dump(-1, ' ', false,
@@ -65,13 +39,28 @@ TEST(EventBodyTest, OnePassTextEqualsTheTreeForEveryRecordKind) {
     custom.journeys = {"j1", "j\"2"};
     custom.pageName = "Home";
     custom.controller = "HomeScreen";
-    custom.initialParameters = awkwardParameters();
-
+    // Host values that are hard to print, and keys the library's own values replace or remove.
+    custom.initialParameters =
+        nlohmann::json{{"sku", "A-42"},
+                       {"price", 19.99},
+                       {"big", 1e20},
+                       {"tiny", -0.0},
+                       {"count", -7},
+                       {"huge", 18446744073709551615ull},
+                       {"nested", {{"list", {1, "two", nullptr, true, {{"deep", {{"x", 0.1}}}}}}}},
+                       {"quote\"and\\backslash", "tab\there\nnewline\x01\x1f\x7f"},
+                       {"İstanbul", "çok güzel ✓"},
+                       {"", "empty key"},
+                       {"Zebra", "upper case sorts first"},
+                       {"\xc3\xa9t\xc3\xa9", "non-ASCII key sorts last"},
+                       {"battery", "the device's wins"},
+                       {"loggedIn", "replaced"},
+                       {"conversionCommunicationCode", "removed without a code"},
+                       {"pageName", "replaced by the record's field"}};
     PageInOutEvent page;
     page.name = "page_in";
     page.pageName = "Cart";
     page.initialParameters = nlohmann::json::array({1, 2});  // not an object: ignored
-
     InAppButtonClickedEvent button;
     button.name = "in_app_button_clicked";
     button.communication.code = "C-1";
@@ -80,12 +69,10 @@ TEST(EventBodyTest, OnePassTextEqualsTheTreeForEveryRecordKind) {
     button.conversionEvent = "purchase";
     button.button.id = "b1";
     button.button.text = "Go";
-
     PushNotificationEvent push;
     push.name = "push_clicked";
     push.code = "P-1";
     push.customApplicationName = "Other App";
-
     InstallEvent install;
     install.name = "install";
     install.anonymous = true;
@@ -99,32 +86,30 @@ TEST(EventBodyTest, OnePassTextEqualsTheTreeForEveryRecordKind) {
     InitializeEvent initialize;
     initialize.name = "sdk_initialize";
 
-    const EventRecord* records[] = {&custom,  &page,   &button, &push,
-                                    &install, &change, &error,  &initialize};
     BodySections bare;  // every optional section absent, empty tokens
     bare.requestId = "R";
-    for (const EventRecord* record : records) {
-        for (const auto& sections : {fullSections(), bare}) {
+    for (const EventRecord* record : std::initializer_list<const EventRecord*>{
+             &custom, &page, &button, &push, &install, &change, &error, &initialize}) {
+        for (const auto& sections : {kFull, bare})
             EXPECT_EQ(record->serializedBody(sections), treeText(*record, sections))
                 << record->name;
-        }
     }
 
     // With a conversion code the host's key is replaced, without it the key is gone.
     custom.communucationCode = "CONV-1";
-    auto text = custom.serializedBody(fullSections());
-    EXPECT_EQ(text, treeText(custom, fullSections()));
-    auto body = nlohmann::json::parse(text);
-    EXPECT_EQ(body["parameters"]["conversionCommunicationCode"], "CONV-1");
-    EXPECT_EQ(body["parameters"]["battery"], "87");
-    EXPECT_EQ(body["parameters"]["loggedIn"], true);
-    EXPECT_EQ(body["parameters"]["pageName"], "Home");
+    auto text = custom.serializedBody(kFull);
+    EXPECT_EQ(text, treeText(custom, kFull));
+    auto parameters = nlohmann::json::parse(text)["parameters"];
+    EXPECT_EQ(parameters["conversionCommunicationCode"], "CONV-1");
+    EXPECT_EQ(parameters["battery"], "87");
+    EXPECT_EQ(parameters["loggedIn"], true);
+    EXPECT_EQ(parameters["pageName"], "Home");
     custom.communucationCode.reset();
-    body = nlohmann::json::parse(custom.serializedBody(fullSections()));
-    EXPECT_FALSE(body["parameters"].contains("conversionCommunicationCode"));
+    EXPECT_FALSE(nlohmann::json::parse(custom.serializedBody(kFull))["parameters"].contains(
+        "conversionCommunicationCode"));
 
     // Bytes that are not UTF-8, anywhere from the host, print as U+FFFD, the same both ways.
-    auto sections = fullSections();
+    auto sections = kFull;
     auto replacedBothWays = [&](const EventRecord& record, const std::string& expected) {
         auto text = record.serializedBody(sections);
         EXPECT_EQ(text, treeText(record, sections));

@@ -1,9 +1,8 @@
-// The event queue of the local store: order, failure paths, an unusable store, and use from several
+// The event queue of the local store: order, failure paths, an unusable store, use from several
 // threads, all against a real database file in the test's data folder.
 #include <algorithm>
 #include <atomic>
 #include <fstream>
-#include <functional>
 #include <set>
 #include <thread>
 
@@ -11,6 +10,7 @@
 #include "support/TestSupport.h"
 #include "tarn/core/Tarn.h"
 #include "tarn/platform/DataDirectory.h"
+#include "tarn/store/ConversionManager.h"
 #include "tarn/store/CoreDataManager.h"
 
 namespace tarn::test {
@@ -18,12 +18,12 @@ namespace {
 
 using Popped = std::vector<std::optional<std::string>>;
 
-nlohmann::json event(const std::string& name, int seq = 0) {
-    return {{"name", name}, {"seq", seq}};
+std::string event(const std::string& name, int seq = 0) {
+    return nlohmann::json{{"name", name}, {"seq", seq}}.dump();
 }
 
-void save(const nlohmann::json& body, double timestamp) {
-    CoreDataManager::shared().saveEventToQueue(body.dump(), Date{timestamp}, body);
+void save(const std::string& text, double timestamp) {
+    CoreDataManager::shared().saveEventToQueue(text, Date{timestamp}, nlohmann::json::parse(text));
 }
 
 Popped popOnce() {
@@ -33,167 +33,153 @@ Popped popOnce() {
     return calls;
 }
 
-std::string nameOf(const std::optional<std::string>& text) {
-    if (!text)
-        return "<none>";
-    auto name = nlohmann::json::parse(*text).at("name");
-    return name.is_string() ? name.get<std::string>() : name.dump();
-}
-
 class EventQueueStoreTest : public TarnTest {};
 
-TEST_F(EventQueueStoreTest, PopsOldestFirstAndDeletesWhatItHands) {
+TEST_F(EventQueueStoreTest, PopsOldestFirstDeletesWhatItHandsAndPopsFromItsCompletion) {
     LogCapture logs;
-    auto& store = CoreDataManager::shared();
     EXPECT_EQ(popOnce(), Popped{std::nullopt}) << "an empty queue answers once, with nothing";
-
     save(event("third"), 300.5);
     save(event("first"), 100.25);
     save(event("second"), 200.0);
-    store.saveEventToQueue("{}", Date{400}, nlohmann::json::object());  // no name: no notice
-    save({{"name", 42}}, 500);
+    save("{}", 400);  // no name: no notice
+    save(R"({"name":42})", 500);
     EXPECT_TRUE(logs.contains("Tarn-QueueManager: third has been saved to the queue.;"));
     EXPECT_TRUE(logs.contains("Tarn-QueueManager: 42 has been saved to the queue.;"));
     EXPECT_EQ(logs.count("Tarn-QueueManager:  has been saved to the queue.;"), 0u);
 
     // A record without text (written by hand) is handed as nothing and still removed.
-    {
-        RawDatabase raw(CoreDataManager::databasePath());
-        ASSERT_EQ(raw.exec("INSERT INTO EventQueue (event, timestamp) VALUES (NULL, 250)"), "");
-        EXPECT_EQ(raw.integer("PRAGMA user_version"), CoreDataManager::kSchemaVersion);
-        EXPECT_EQ(raw.column("PRAGMA journal_mode").at(0), "wal");
-    }
-    std::vector<std::string> order;
-    for (int i = 0; i < 6; ++i) {
-        auto calls = popOnce();
-        ASSERT_EQ(calls.size(), 1u);
-        order.push_back(calls[0] && *calls[0] == "{}" ? "{}" : nameOf(calls[0]));
-    }
-    EXPECT_EQ(order, (std::vector<std::string>{"first", "second", "<none>", "third", "{}", "42"}));
-    EXPECT_EQ(popOnce(), Popped{std::nullopt});
     RawDatabase raw(CoreDataManager::databasePath());
-    EXPECT_EQ(raw.integer("SELECT count(*) FROM EventQueue"), 0);
-    for (const auto& line : logs.lines()) {
-        EXPECT_EQ(line.find("Fetch or delete error"), std::string::npos) << line;
+    ASSERT_EQ(raw.exec("INSERT INTO EventQueue (event, timestamp) VALUES (NULL, 250)"), "");
+    EXPECT_EQ(raw.integer("PRAGMA user_version"), CoreDataManager::kSchemaVersion);
+    Popped order;  // each pop answers exactly once; the last finds the queue empty
+    for (int i = 0; i < 7; ++i) {
+        auto calls = popOnce();
+        order.insert(order.end(), calls.begin(), calls.end());
     }
-}
+    EXPECT_EQ(order, (Popped{event("first"), event("second"), std::nullopt, event("third"), "{}",
+                             R"({"name":42})", std::nullopt}));
+    EXPECT_EQ(raw.integer("SELECT count(*) FROM EventQueue"), 0);
+    EXPECT_FALSE(logs.containsText("Fetch or delete error"));
 
-TEST_F(EventQueueStoreTest, PopFromInsideItsCompletionTakesTheNextRecord) {
+    // A pop, and a save, from inside a completion take the next record and write.
     save(event("a"), 1);
     save(event("b"), 2);
-    std::vector<std::string> seen;
+    Popped seen;
     CoreDataManager::shared().popOldestEvent([&](std::optional<std::string> outer) {
-        seen.push_back(nameOf(outer));
+        seen.push_back(outer);
         CoreDataManager::shared().popOldestEvent(
-            [&](std::optional<std::string> inner) { seen.push_back(nameOf(inner)); });
-        save(event("c"), 3);  // writing from inside the completion works too
+            [&](std::optional<std::string> inner) { seen.push_back(inner); });
+        save(event("c"), 3);
     });
-    EXPECT_EQ(seen, (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(popOnce(), Popped{event("c").dump()});
+    EXPECT_EQ(seen, (Popped{event("a"), event("b")}));
+    EXPECT_EQ(popOnce(), Popped{event("c")});
     EXPECT_EQ(popOnce(), Popped{std::nullopt});
 }
 
 // Another connection holds the file's write lock, so every commit of the store fails with
 // "database is locked" while reads go on: a real failure of the save step.
-TEST_F(EventQueueStoreTest, FailedDeleteHandsTheEventThenNothing) {
+TEST_F(EventQueueStoreTest, FailedCommitsUnderAForeignLockHandNothingTwiceAndCatchUpLater) {
     LogCapture logs;
     auto& store = CoreDataManager::shared();
+    auto& conversions = ConversionManager::shared();
     save(event("kept"), 1);
     save(event("next"), 2);
+    Tarn::shared().actorId = "alice";
+    conversions.armConversion("msg-1", "purchase", "inapp_open");
+    store.saveConversion({"expired", "purchase", Date{1.0}}, "inapp_open", nullptr);
     store.setBusyTimeout(std::chrono::milliseconds(20));
-
     RawDatabase blocker(CoreDataManager::databasePath());
     ASSERT_EQ(blocker.exec("BEGIN IMMEDIATE"), "");
 
-    auto calls = popOnce();
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(nameOf(calls[0]), "kept");
-    EXPECT_EQ(calls[1], std::nullopt);
+    // A failed delete hands the event, then nothing; a failed event save is silent and loses it.
+    EXPECT_EQ(popOnce(), (Popped{event("kept"), std::nullopt}));
     EXPECT_TRUE(logs.contains("Tarn-CoreDataManager: Fetch or delete error: database is locked;"));
-
-    // A failed event save is silent, and the event is lost.
     auto before = logs.lines().size();
     save(event("lost"), 3);
     EXPECT_EQ(logs.lines().size(), before);
-
     // The record whose delete failed is not handed out again by this process.
-    calls = popOnce();
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(nameOf(calls[0]), "next");
-    EXPECT_EQ(calls[1], std::nullopt);
+    EXPECT_EQ(popOnce(), (Popped{event("next"), std::nullopt}));
     EXPECT_EQ(popOnce(), Popped{std::nullopt});
 
-    // Once the lock is gone, the next write commits the pending deletes with it.
+    // A marker whose consumption fails is reported as a fetch error and stays taken.
+    EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
+    EXPECT_TRUE(
+        logs.contains("Tarn-ConversionManager: purchase is not a conversion event. Fetch "
+                      "Error: An error occurred while fetching the conversion event!;"));
+    bool saved = false;
+    store.saveConversion({"msg-2", "purchase", Date{1}}, "inapp_open", [&] { saved = true; });
+    EXPECT_FALSE(saved);
+    EXPECT_TRUE(
+        logs.contains("Tarn-ConversionManager: inapp_open conversion couldn't save. Save "
+                      "Error: An error occurred while saving the conversion event!;"));
+    store.deleteExpiredConversions();
+    EXPECT_TRUE(logs.contains("Tarn-CoreDataManager: Delete error: database is locked;"));
+
+    // Once the lock is gone, the next write commits every pending delete with it.
     ASSERT_EQ(blocker.exec("ROLLBACK"), "");
     EXPECT_EQ(blocker.integer("SELECT count(*) FROM EventQueue"), 2);
+    EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
     save(event("after"), 4);
     EXPECT_EQ(blocker.column("SELECT json_extract(event, '$.name') FROM EventQueue"),
               std::vector<std::string>{"after"});
-    EXPECT_EQ(popOnce(), Popped{event("after").dump()});
+    EXPECT_EQ(blocker.integer("SELECT count(*) FROM ConversionEntity"), 0);
+    conversions.armConversion("msg-3", "other", "inapp_open");
+    EXPECT_EQ(blocker.column("SELECT communicationCode FROM ConversionEntity"),
+              std::vector<std::string>{"msg-3"});
+    EXPECT_EQ(popOnce(), Popped{event("after")});
 }
 
 // A store that cannot be opened, yet whose file must not be replaced: the library runs on without
 // it, logs the failure once, every operation fails on its own, and the file stays as it was.
 TEST_F(EventQueueStoreTest, UnusableStoreLogsOnceAndEveryOperationFailsOnItsOwn) {
-    struct Case {
-        const char* name;
-        std::string reason;
-        std::function<void()> prepare;
-    } cases[] = {
-        {"folder through a regular file", "unable to open database file",
-         [&] {
-             std::ofstream(temp_->path() / "not-a-folder") << "x";
-             setDataDirectory(temp_->path() / "not-a-folder" / "data");
-         }},
-        {"schema of a newer release",
-         "The store's schema version 7 is newer than this library reads (1)",
-         [] {
-             RawDatabase raw(CoreDataManager::databasePath());
-             ASSERT_EQ(raw.exec("CREATE TABLE Future (x); INSERT INTO Future VALUES (1); "
-                                "PRAGMA user_version = 7"),
-                       "");
-         }},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    const std::string newer = "The store's schema version 7 is newer than this library reads (1)";
+    for (const std::string reason : {"unable to open database file", newer.c_str()}) {
+        SCOPED_TRACE(reason);
         resetSharedInstancesForTesting();
         setDataDirectory(dataDir());
-        c.prepare();
+        if (reason == newer) {
+            ASSERT_EQ(RawDatabase(CoreDataManager::databasePath())
+                          .exec("CREATE TABLE Future (x); INSERT INTO Future VALUES (1); "
+                                "PRAGMA user_version = 7"),
+                      "");
+        } else {  // the folder's path runs through a regular file
+            std::ofstream(temp_->path() / "not-a-folder") << "x";
+            setDataDirectory(temp_->path() / "not-a-folder" / "data");
+        }
         LogCapture logs;
         auto& store = CoreDataManager::shared();
         EXPECT_FALSE(store.isStoreLoaded());
-        const std::string failed = "Tarn-CoreDataManager: ❌ Loading of store failed:" + c.reason;
-        EXPECT_TRUE(logs.containsText(failed));
-
         Tarn::shared().actorId = "actor";
         save(event("e"), 1);
         EXPECT_EQ(popOnce(), Popped{std::nullopt});
-        EXPECT_TRUE(logs.containsText(
-            "Tarn-CoreDataManager: Fetch or delete error: The store is not loaded: " + c.reason));
         bool saved = false;
         store.saveConversion({"code", "purchase", Date{1}}, "inapp_open", [&] { saved = true; });
         EXPECT_FALSE(saved);
-        EXPECT_TRUE(
-            logs.contains("Tarn-ConversionManager: inapp_open conversion couldn't save. Save "
-                          "Error: An error occurred while saving the conversion event!;"));
         int answers = 0;
         store.findConversion("purchase", "actor", [&](std::optional<ConversionItem> found) {
             ++answers;
             EXPECT_FALSE(found);
         });
         EXPECT_EQ(answers, 1);
-        EXPECT_TRUE(
-            logs.contains("Tarn-ConversionManager: purchase is not a conversion event. Fetch "
-                          "Error: An error occurred while fetching the conversion event!;"));
         store.deleteExpiredConversions();
-        EXPECT_TRUE(
-            logs.containsText("Tarn-CoreDataManager: Delete error: The store is not "
-                              "loaded: " +
-                              c.reason));
+
+        const std::string failed = "Tarn-CoreDataManager: ❌ Loading of store failed:" + reason;
         auto lines = logs.lines();
         EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
                                 [&](const std::string& l) { return l.rfind(failed, 0) == 0; }),
                   1);
+        for (const auto& text :
+             {"Tarn-CoreDataManager: Fetch or delete error: The store is not loaded: " + reason,
+              "Tarn-CoreDataManager: Delete error: The store is not loaded: " + reason}) {
+            EXPECT_TRUE(logs.containsText(text)) << text;
+        }
+        for (const char* line :
+             {"Tarn-ConversionManager: inapp_open conversion couldn't save. Save Error: An error "
+              "occurred while saving the conversion event!;",
+              "Tarn-ConversionManager: purchase is not a conversion event. Fetch Error: An error "
+              "occurred while fetching the conversion event!;"}) {
+            EXPECT_TRUE(logs.contains(line)) << line;
+        }
         EXPECT_FALSE(logs.containsText("moved"));
     }
     // The newer release's file is untouched.
@@ -203,53 +189,43 @@ TEST_F(EventQueueStoreTest, UnusableStoreLogsOnceAndEveryOperationFailsOnItsOwn)
 }
 
 TEST_F(EventQueueStoreTest, SeveralThreadsSaveWhileAnotherPops) {
-    constexpr int kThreads = 4;
-    constexpr int kPerThread = 300;
+    constexpr int kThreads = 4, kPerThread = 300;
+    std::multiset<std::string> expected, seen;
     std::atomic<int> writersDone{0};
     std::vector<std::thread> writers;
     for (int t = 0; t < kThreads; ++t) {
+        for (int i = 0; i < kPerThread; ++i)
+            expected.insert(event("t" + std::to_string(t), i));
         writers.emplace_back([t, &writersDone] {
-            for (int i = 0; i < kPerThread; ++i) {
-                auto body = event("t" + std::to_string(t), i);
-                CoreDataManager::shared().saveEventToQueue(body.dump(), Date::now(), body);
-            }
+            for (int i = 0; i < kPerThread; ++i)
+                save(event("t" + std::to_string(t), i), Date::now().secondsSince1970);
             ++writersDone;
         });
     }
-    std::multiset<std::string> seen;
     auto drainOne = [&] {
         bool got = false;
-        CoreDataManager::shared().popOldestEvent([&](std::optional<std::string> text) {
-            if (text) {
-                seen.insert(*text);
-                got = true;
-            }
-        });
+        for (const auto& text : popOnce()) {
+            if (text)
+                got = seen.insert(*text) != seen.end();
+        }
         return got;
     };
-    while (writersDone.load() < kThreads) {
+    while (writersDone.load() < kThreads)
         drainOne();
-    }
-    for (auto& w : writers) {
+    for (auto& w : writers)
         w.join();
-    }
     while (drainOne()) {
     }
-    ASSERT_EQ(seen.size(), static_cast<std::size_t>(kThreads * kPerThread));
-    for (int t = 0; t < kThreads; ++t) {
-        for (int i = 0; i < kPerThread; ++i) {
-            EXPECT_EQ(seen.count(event("t" + std::to_string(t), i).dump()), 1u);
-        }
-    }
+    EXPECT_EQ(seen, expected);
 }
 
 }  // namespace
+
 TEST_F(EventQueueStoreTest, TheLogIsCopiedBackOffTheWritersThreadAndStaysBounded) {
-    // Nobody but the store's own checkpoint thread copies the log back into the file here; the
-    // writes below fill it several times over.
+    // Only the store's own checkpoint thread copies the log back; 6,000 records of about 1 KB
+    // fill it several times over.
     const std::string padding(900, 'x');
     auto path = CoreDataManager::databasePath();
-    auto wal = std::filesystem::path(path.string() + "-wal");
     auto fileSize = [](const std::filesystem::path& file) {
         std::error_code ec;
         auto size = std::filesystem::file_size(file, ec);
@@ -260,17 +236,15 @@ TEST_F(EventQueueStoreTest, TheLogIsCopiedBackOffTheWritersThreadAndStaysBounded
             nlohmann::json{{"name", "e"}, {"seq", i}, {"pad", padding}}.dump(), Date{1.0 * i},
             nlohmann::json::object());
     }
-    // 6,000 records of about 1 KB: the file ends up holding them (about 6 MB)...
+    // The file ends up holding them (about 6 MB)...
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (fileSize(path) < 5'000'000 && std::chrono::steady_clock::now() < deadline) {
+    while (fileSize(path) < 5'000'000 && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
     EXPECT_GE(fileSize(path), 5'000'000u);
     // ...while the log was started over rather than grown to hold every page written (some
     // 60 MB: each commit logs the table's and the index's page).
-    EXPECT_LT(fileSize(wal), 30'000'000u);
-    RawDatabase raw(path);
-    EXPECT_EQ(raw.integer("SELECT count(*) FROM EventQueue"), 6000);
+    EXPECT_LT(fileSize(path.string() + "-wal"), 30'000'000u);
+    EXPECT_EQ(RawDatabase(path).integer("SELECT count(*) FROM EventQueue"), 6000);
 }
 
 }  // namespace tarn::test

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -16,9 +15,8 @@ namespace tarn::test {
 class RawDatabase {
   public:
     explicit RawDatabase(const std::filesystem::path& file) {
-        if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK) {
+        if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK)
             throw std::runtime_error(sqlite3_errmsg(db_));
-        }
         sqlite3_busy_timeout(db_, 5000);
     }
     ~RawDatabase() { sqlite3_close(db_); }
@@ -28,20 +26,17 @@ class RawDatabase {
     /// Runs `sql`; returns the error message, or an empty string.
     std::string exec(const std::string& sql) {
         char* message = nullptr;
-        if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
-            std::string text = message ? message : "error";
-            sqlite3_free(message);
-            return text;
-        }
-        return {};
+        int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message);
+        std::string text = rc == SQLITE_OK ? "" : message ? message : "error";
+        sqlite3_free(message);
+        return text;
     }
 
     /// The first column of every row of `sql`, as text (NULL as "<null>").
     std::vector<std::string> column(const std::string& sql) {
         sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+        if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK)
             throw std::runtime_error(sqlite3_errmsg(db_));
-        }
         std::vector<std::string> rows;
         int rc;
         while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
@@ -49,20 +44,12 @@ class RawDatabase {
             rows.push_back(text ? reinterpret_cast<const char*>(text) : "<null>");
         }
         sqlite3_finalize(stmt);
-        if (rc != SQLITE_DONE) {
+        if (rc != SQLITE_DONE)
             throw std::runtime_error(sqlite3_errmsg(db_));
-        }
         return rows;
     }
 
     std::int64_t integer(const std::string& sql) { return std::stoll(column(sql).at(0)); }
-    double real(const std::string& sql) {
-        sqlite3_stmt* stmt = nullptr;
-        sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr);
-        double value = sqlite3_step(stmt) == SQLITE_ROW ? sqlite3_column_double(stmt, 0) : -1;
-        sqlite3_finalize(stmt);
-        return value;
-    }
 
   private:
     sqlite3* db_ = nullptr;

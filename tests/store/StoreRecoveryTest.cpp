@@ -1,8 +1,15 @@
 // An unreadable database is moved aside and replaced at start-up, so later events are kept and
-// sent; and every file the store and the preference store create is private to the user.
+// sent; a writer killed at random moments never corrupts the file nor loses an event it saw
+// committed; and every file the store and the preference store create is private to the user.
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
+#include <random>
+#include <thread>
 
 #include "store/RawDatabase.h"
 #include "store/StoreSchema.h"
@@ -24,7 +31,7 @@ unsigned modeOf(const std::filesystem::path& file) {
     return ::stat(file.c_str(), &st) == 0 ? st.st_mode & 0777 : 01000;
 }
 
-/// Paths beside the database whose names start with "<database>.corrupt-".
+/// Names beside the database that start with "<database>.corrupt-", sorted.
 std::vector<std::string> movedAside(const std::filesystem::path& folder) {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
@@ -48,15 +55,12 @@ void writeGarbage(const std::filesystem::path& file) {
 
 /// A queue of a few hundred events cut to half its length, as a full disk or a copy leaves it.
 void truncateStore(const std::filesystem::path& file) {
-    {
-        RawDatabase raw(file);
-        ASSERT_EQ(raw.exec(std::string(store::kSchemaV1) +
-                           "PRAGMA user_version = 1;"
-                           "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n "
-                           "WHERE i < 600) INSERT INTO EventQueue (event, timestamp) SELECT "
-                           "json_object('name', 'old', 'pad', hex(randomblob(40))), i FROM n"),
-                  "");
-    }
+    ASSERT_EQ(RawDatabase(file).exec(
+                  std::string(store::kSchemaV1) +
+                  "PRAGMA user_version = 1; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + "
+                  "1 FROM n WHERE i < 600) INSERT INTO EventQueue (event, timestamp) SELECT "
+                  "json_object('name', 'old', 'pad', hex(randomblob(40))), i FROM n"),
+              "");
     std::filesystem::resize_file(file, std::filesystem::file_size(file) / 2);
 }
 
@@ -68,22 +72,19 @@ TEST_P(CorruptStoreTest, IsMovedAsideAndEveryLaterEventIsStoredAndSent) {
     const auto damaged = readAll(file);
     // Earlier moved-aside copies: the oldest one goes, so that only the newest few are kept.
     const std::string stale = file.string() + ".corrupt-20200101T000000Z";
-    for (const char* stamp : {"20200101T000000Z", "20210101T000000Z", "20220101T000000Z"}) {
+    for (const char* stamp : {"20200101T000000Z", "20210101T000000Z", "20220101T000000Z"})
         std::ofstream(file.string() + ".corrupt-" + stamp) << "old";
-    }
     std::ofstream(stale + "-wal") << "old";
     std::ofstream(file.string() + "-wal") << "log of the damaged file";
 
     LogCapture logs;
     ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
     constexpr int kEvents = 20;
-    for (int i = 0; i < kEvents; ++i) {
+    for (int i = 0; i < kEvents; ++i)
         TarnEvent::shared().sendCustomEvent(nullptr, std::nullopt, "after-" + std::to_string(i));
-    }
     ASSERT_TRUE(drainUntil(kEvents + 2)) << server_->count(kEventPath);
-    auto names = receivedNames();
-    EXPECT_EQ(names.front(), "install");
-    EXPECT_EQ(names.back(), "after-" + std::to_string(kEvents - 1));
+    EXPECT_EQ(receivedNames().front(), "install");
+    EXPECT_EQ(receivedNames().back(), "after-" + std::to_string(kEvents - 1));
     EXPECT_EQ(storedEventCount(), 0);
 
     EXPECT_EQ(logs.count(std::string("Tarn-CoreDataManager: ❌ Loading of store failed:") +
@@ -123,26 +124,82 @@ class StoreFilesTest : public TarnTest {};
 TEST_F(StoreFilesTest, EveryCreatedFileIsPrivateWhateverTheUmask) {
     const auto previous = ::umask(0);  // SQLite and plain creation would make 0666/0644 files
     const auto file = CoreDataManager::databasePath();
-    nlohmann::json body = {{"name", "e"}};
-    CoreDataManager::shared().saveEventToQueue(body.dump(), Date::now(), body);
+    const std::filesystem::path wal = file.string() + "-wal";
+    CoreDataManager::shared().saveEventToQueue(R"({"name":"e"})", Date::now(), {{"name", "e"}});
     auto prefs = PreferenceStore::standard();
     prefs->set("actorId", "A");
-    for (const auto& created : {file, std::filesystem::path(file.string() + "-wal"),
-                                std::filesystem::path(file.string() + "-shm"), prefs->file(),
-                                std::filesystem::path(prefs->file().string() + ".lock")}) {
+    for (const auto& created :
+         {file, wal, std::filesystem::path(file.string() + "-shm"), prefs->file(),
+          std::filesystem::path(prefs->file().string() + ".lock")}) {
         ASSERT_TRUE(std::filesystem::exists(created)) << created;
         EXPECT_EQ(modeOf(created), 0600u) << created;
     }
-
     // Files left with wider modes by an earlier release are narrowed when they are next opened.
     simulateNewProcess();
-    for (const auto& wide : {file, std::filesystem::path(file.string() + "-wal")}) {
-        ::chmod(wide.c_str(), 0644);
-    }
+    ::chmod(file.c_str(), 0644);
+    ::chmod(wal.c_str(), 0644);
     EXPECT_TRUE(CoreDataManager::shared().isStoreLoaded());
     EXPECT_EQ(modeOf(file), 0600u);
-    EXPECT_EQ(modeOf(file.string() + "-wal"), 0600u);
+    EXPECT_EQ(modeOf(wal), 0600u);
     ::umask(previous);
+}
+
+// The crash-loop helper reports each save it saw committed as 8 bytes on descriptor 3.
+class StoreProcessTest : public TarnTest {};
+
+TEST_F(StoreProcessTest, WriterKilledAtRandomMomentsKeepsEveryReportedEvent) {
+    constexpr int kRounds = 40;
+    std::mt19937 random(std::random_device{}());
+    std::int64_t maxDelayUs = 0, totalReported = 0;
+    // Round -1 measures how long a writer takes to report its first save on this machine, as
+    // loaded as it is now; kills then land in start-up, the file's creation and amid saves.
+    for (int round = -1; round < kRounds; ++round) {
+        int pipefd[2];
+        ASSERT_EQ(::pipe2(pipefd, O_CLOEXEC), 0);
+        const std::vector<std::string> args = {"store_crash_loop", dataDir().string(), "3",
+                                               std::to_string(round)};
+        auto start = std::chrono::steady_clock::now();
+        pid_t pid = ::fork();
+        if (pid == 0) {
+            ::dup2(pipefd[1], 3);
+            ::dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO);
+            execHelperProgram(args);
+        }
+        ASSERT_GT(pid, 0);
+        ::close(pipefd[1]);
+        std::int64_t reported = 0, value = 0;
+        if (round < 0) {
+            EXPECT_EQ(::read(pipefd[0], &reported, sizeof reported), ssize_t(sizeof reported));
+            auto took = std::chrono::steady_clock::now() - start;
+            maxDelayUs = 3 * std::chrono::duration_cast<std::chrono::microseconds>(took).count();
+            maxDelayUs += 20000;
+        } else {
+            std::this_thread::sleep_for(std::chrono::microseconds(
+                std::uniform_int_distribution<std::int64_t>(0, maxDelayUs)(random)));
+        }
+        ASSERT_EQ(::kill(pid, SIGKILL), 0);
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself: " << status;
+        while (::read(pipefd[0], &value, sizeof value) == static_cast<ssize_t>(sizeof value)) {
+            EXPECT_EQ(value, reported + 1);
+            reported = value;
+        }
+        ::close(pipefd[0]);
+        totalReported += round < 0 ? 0 : reported;
+
+        RawDatabase raw(CoreDataManager::databasePath());
+        ASSERT_EQ(raw.column("PRAGMA integrity_check"), std::vector<std::string>{"ok"})
+            << "round " << round;
+        EXPECT_EQ(raw.integer("SELECT count(DISTINCT json_extract(event, '$.seq')) FROM "
+                              "EventQueue WHERE json_extract(event, '$.round') = " +
+                              std::to_string(round) +
+                              " AND json_extract(event, '$.seq') <= " + std::to_string(reported)),
+                  reported)
+            << "round " << round;
+    }
+    EXPECT_GT(totalReported, 0) << "no round got as far as a saved event";
+    RecordProperty("reported_events", std::to_string(totalReported));
 }
 
 }  // namespace
