@@ -1,5 +1,5 @@
-// The service client end to end against the loopback server: framing, status classification,
-// the retry rule, transport failures and programming errors.
+// The service client and its libcurl session end to end against the loopback server: framing,
+// status classification, the retry rule, transport failures, programming errors and invalidation.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -13,18 +13,16 @@ using namespace std::chrono_literals;
 
 namespace {
 
-std::string text(const std::optional<Data>& data) {
-    return data ? std::string(data->begin(), data->end()) : "<none>";
-}
-
 const std::string kTag = "Tarn-ServiceClient:";
 
 }  // namespace
 
 class ServiceClientTest : public NetworkTest {};
 
-TEST_F(ServiceClientTest, FramesEveryRequestWithItsHeadersBodyAndTimeout) {
-    server_->on(Endpoint::event, ScriptedAnswer::json(200, "{}"));
+TEST_F(ServiceClientTest, FramesEveryRequestWithItsHeadersBodyAndTimeoutAndKeepsNoCookies) {
+    auto withCookie = ScriptedAnswer::json(200, "{}");
+    withCookie.headers = {{"Set-Cookie", "session=abc; Path=/"}};
+    server_->on(Endpoint::event, withCookie);
     Tarn::shared().tarnAuthToken = "Bearer stored-token-value";
     Tarn::shared().applicationName = "Host/App";
 
@@ -41,33 +39,44 @@ TEST_F(ServiceClientTest, FramesEveryRequestWithItsHeadersBodyAndTimeout) {
     EXPECT_EQ(seen[0].header("Authorization"), "Bearer stored-token-value");
     EXPECT_EQ(seen[0].header("cache-control"), "no-cache");
     EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
-    // App-Info is base64 of this exact JSON (the encoder is checked against known vectors).
+    EXPECT_FALSE(seen[0].header("Expect"));
+    // App-Info is base64 of this exact JSON (the encoder is checked against known vectors below).
     EXPECT_EQ(seen[0].header("App-Info"),
               base64Encode(
                   R"({"platform":"ios","bundleId":"com.example.host","application":"Host\/App"})"));
-    // skipAuthorization: no header at all, even with a token stored.
+    // skipAuthorization: no header at all, even with a token stored. The cookie is not kept.
     EXPECT_FALSE(seen[1].header("Authorization"));
     EXPECT_EQ(seen[1].header("cache-control"), "no-cache");
+    EXPECT_FALSE(seen[1].header("Cookie"));
     EXPECT_EQ(seen[2].header("Authorization"), "Bearer stored-token-value");
     EXPECT_EQ(
         seen[2].header("App-Info"),
         base64Encode(R"({"platform":"ios","bundleId":"com.unknown","application":"Host\/App"})"));
+    EXPECT_EQ(base64Encode("foob"), "Zm9vYg==");
+    EXPECT_EQ(base64Encode("foo"), "Zm9v");
 
     // The time-out in force: 3000 s before any configuration, the configured value after.
     auto& client = ServiceClient::shared();
     EXPECT_EQ(client.buildRequest(client.url("/a"), true).timeoutInterval, 3000.0);
     processSettings().requestTimeout = 3;
     EXPECT_EQ(client.buildRequest(client.url("/a"), false).timeoutInterval, 3.0);
-    EXPECT_EQ(base64Encode("foob"), "Zm9vYg==");
-    EXPECT_EQ(base64Encode("foo"), "Zm9v");
 }
 
-TEST_F(ServiceClientTest, OnlyStatus200IsSuccess) {
+TEST_F(ServiceClientTest, OnlyStatus200IsSuccessAndAServerErrorWithBudgetLeftNeverCompletes) {
+    // A 5xx with the default budget: the retry task is created on the shared session, never sent.
+    server_->on(Endpoint::event, ScriptedAnswer::json(503, R"({"error":"busy"})"));
+    ASSERT_EQ(processSettings().requestRetryCount.load(), 3);
+    auto pending = post(Endpoint::event);
+    ASSERT_TRUE(server_->waitForCount(Endpoint::event, 1));
+    EXPECT_FALSE(pending.wait(700ms));
+    EXPECT_EQ(ServiceClient::shared().retryTaskCount(), 1u);
+    EXPECT_EQ(server_->totalCount(), 1u);
+
     processSettings().requestRetryCount = 0;
     server_->on("/ok", ScriptedAnswer::json(200, R"({"a":1})"));
     auto ok = post("/ok").wait();
-    ASSERT_TRUE(ok);
-    EXPECT_EQ(text(ok->data), R"({"a":1})");
+    ASSERT_TRUE(ok && ok->data);
+    EXPECT_EQ(std::string(ok->data->begin(), ok->data->end()), R"({"a":1})");
     EXPECT_FALSE(ok->error);
     EXPECT_EQ(ok->status, 200);
     // Completions run on the transport's thread: not the caller's, not the main queue.
@@ -90,47 +99,35 @@ TEST_F(ServiceClientTest, OnlyStatus200IsSuccess) {
     EXPECT_TRUE(logs_->lines().empty());  // Status answers are not logged by the client.
 }
 
-TEST_F(ServiceClientTest, ServerErrorWithBudgetLeftNeverCompletes) {
-    server_->on(Endpoint::event, ScriptedAnswer::json(503, R"({"error":"busy"})"));
-    ASSERT_EQ(processSettings().requestRetryCount.load(), 3);
-    auto pending = post(Endpoint::event);
-    ASSERT_TRUE(server_->waitForCount(Endpoint::event, 1));
-    EXPECT_FALSE(pending.wait(700ms));
-    // The retry task was created on the shared session and never sent.
-    EXPECT_EQ(ServiceClient::shared().retryTaskCount(), 1u);
-    EXPECT_EQ(server_->totalCount(), 1u);
-    EXPECT_TRUE(logs_->lines().empty());
-}
-
 TEST_F(ServiceClientTest, TransportFailuresGiveThePlatformErrorAndALogLine) {
+    auto failure = [&](const std::string& path, TransportError::Code code, const char* logged) {
+        SCOPED_TRACE(logged);
+        auto outcome = post(path).wait(10s);
+        ASSERT_TRUE(outcome && outcome->error && outcome->error->transportError());
+        EXPECT_FALSE(outcome->data);
+        EXPECT_FALSE(outcome->status);
+        EXPECT_EQ(outcome->error->transportError()->code, code);
+        EXPECT_TRUE(logs_->waitFor(line(kTag, logged)));
+    };
     // Connection refused: a port that was bound a moment ago and is closed now.
     processSettings().baseUrl = LoopbackServer().baseUrl();
-    auto refused = post(Endpoint::event).wait();
-    ASSERT_TRUE(refused && refused->error && refused->error->transportError());
-    EXPECT_FALSE(refused->data);
-    EXPECT_FALSE(refused->status);
-    EXPECT_EQ(refused->error->transportError()->code, TransportError::cannotConnectToHost);
-    EXPECT_TRUE(logs_->waitFor(line(kTag, "Could not connect to the server.")));
-
+    failure(Endpoint::event, TransportError::cannotConnectToHost,
+            "Could not connect to the server.");
     // A server that never answers, with the shortest time-out.
     processSettings().baseUrl = server_->baseUrl();
     processSettings().requestTimeout = 1;
     server_->on("/silent", ScriptedAnswer::never());
     auto started = std::chrono::steady_clock::now();
-    auto silent = post("/silent").wait(10s);
+    failure("/silent", TransportError::timedOut, "The request timed out.");
     auto elapsed = std::chrono::steady_clock::now() - started;
-    ASSERT_TRUE(silent && silent->error && silent->error->transportError());
-    EXPECT_EQ(silent->error->transportError()->code, TransportError::timedOut);
     EXPECT_GE(elapsed, 900ms);
     EXPECT_LT(elapsed, 5s);
-    EXPECT_TRUE(logs_->waitFor(line(kTag, "The request timed out.")));
-
     // A connection closed without an answer.
     server_->on("/dropped", ScriptedAnswer::close());
-    auto dropped = post("/dropped").wait();
-    ASSERT_TRUE(dropped && dropped->error && dropped->error->transportError());
-    EXPECT_EQ(dropped->error->transportError()->code, TransportError::networkConnectionLost);
-    EXPECT_TRUE(logs_->waitFor(line(kTag, "The network connection was lost.")));
+    failure("/dropped", TransportError::networkConnectionLost, "The network connection was lost.");
+    // A scheme the transport does not speak is the URL's fault.
+    processSettings().baseUrl = "gopher://127.0.0.1";
+    failure("/x", TransportError::unsupportedURL, "unsupported URL");
 }
 
 TEST_F(ServiceClientTest, UnserialisableBodyCompletesAtOnceWithoutSending) {
@@ -143,6 +140,24 @@ TEST_F(ServiceClientTest, UnserialisableBodyCompletesAtOnceWithoutSending) {
     EXPECT_EQ(*outcome->error->networkError(), NetworkError::serializationError(message));
     EXPECT_TRUE(logs_->contains(line(kTag, message)));
     EXPECT_EQ(server_->totalCount(), 0u);
+}
+
+TEST_F(ServiceClientTest, InvalidatingASessionDropsTransfersInFlightWithoutCompletions) {
+    auto session = CurlHttpSession::make("test");
+    server_->on("/hold", ScriptedAnswer::never());
+    std::atomic<int> completions{0};
+    HttpRequest request;
+    request.url = server_->baseUrl() + "/hold";
+    for (int i = 0; i < 3; ++i) {
+        session->dataTask(request, [&](auto, auto, auto) { ++completions; })->resume();
+    }
+    ASSERT_TRUE(server_->waitForCount("/hold", 3));
+    session->invalidate();
+    session->dataTask(request, [&](auto, auto, auto) { ++completions; })->resume();
+    server_->stop();  // Releases the held requests; nobody is listening for them any more.
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(completions.load(), 0);
+    EXPECT_EQ(server_->count("/hold"), 3u);
 }
 
 TEST(ServiceClientExitTest, ProcessEndsCleanlyWithRequestsInFlight) {
