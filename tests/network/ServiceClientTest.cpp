@@ -1,10 +1,12 @@
-// The service client and its libcurl session end to end against the loopback server: framing,
-// status classification, the retry rule, transport failures, programming errors and invalidation.
+// The service client and its libcurl session end to end against the loopback and raw-socket
+// servers: framing, status classification, the retry rule, transport failures and malformed
+// answers, programming errors and invalidation.
 #include <gtest/gtest.h>
 
 #include <cmath>
 
 #include "network/NetworkFixture.h"
+#include "support/RawSocketServer.h"
 #include "tarn/network/Endpoint.h"
 
 using namespace tarn;
@@ -62,7 +64,8 @@ TEST_F(ServiceClientTest, FramesEveryRequestWithItsHeadersBodyAndTimeoutAndKeeps
     EXPECT_EQ(client.buildRequest(client.url("/a"), false).timeoutInterval, 3.0);
 }
 
-TEST_F(ServiceClientTest, OnlyStatus200IsSuccessAndAServerErrorWithBudgetLeftNeverCompletes) {
+TEST_F(ServiceClientTest,
+       OnlyStatus200IsSuccessRedirectsAreNotFollowedAndA5xxWithBudgetNeverCompletes) {
     // A 5xx with the default budget: the retry task is created on the shared session, never sent.
     server_->on(Endpoint::event, ScriptedAnswer::json(503, R"({"error":"busy"})"));
     ASSERT_EQ(processSettings().requestRetryCount.load(), 3);
@@ -83,11 +86,20 @@ TEST_F(ServiceClientTest, OnlyStatus200IsSuccessAndAServerErrorWithBudgetLeftNev
     EXPECT_NE(ok->thread, std::this_thread::get_id());
     EXPECT_EQ(queue().pendingCount(), 0u);
 
-    for (const auto& [status, phrase] : std::vector<std::pair<int, std::string>>{
-             {201, "Created"}, {204, "No Content"}, {503, "Service Unavailable"}}) {
+    // Redirects are answers too: nothing goes to the new place, no GET follows.
+    server_->on("/elsewhere", ScriptedAnswer::json(200, "{}"));
+    for (const auto& [status, phrase] :
+         std::vector<std::pair<int, std::string>>{{201, "Created"},
+                                                  {204, "No Content"},
+                                                  {302, "Found"},
+                                                  {303, "See Other"},
+                                                  {307, "Temporary Redirect"},
+                                                  {503, "Service Unavailable"}}) {
         SCOPED_TRACE(status);
         auto path = "/" + std::to_string(status);
-        server_->on(path, ScriptedAnswer::json(status, status == 204 ? "" : R"({"a":1})"));
+        auto answer = ScriptedAnswer::json(status, status == 201 || status == 503 ? "{}" : "");
+        answer.headers = {{"Location", server_->baseUrl() + "/elsewhere"}};
+        server_->on(path, answer);
         auto outcome = post(path).wait();
         ASSERT_TRUE(outcome && outcome->error && outcome->error->networkError());
         EXPECT_FALSE(outcome->data);
@@ -96,23 +108,50 @@ TEST_F(ServiceClientTest, OnlyStatus200IsSuccessAndAServerErrorWithBudgetLeftNev
         EXPECT_EQ(outcome->error->localizedDescription(),
                   phrase + " (HTTP " + std::to_string(status) + ")");
     }
+    EXPECT_EQ(server_->count("/elsewhere"), 0u);
+    for (const auto& request : server_->requests()) {
+        EXPECT_EQ(request.method, "POST") << request.path;
+    }
     EXPECT_TRUE(logs_->lines().empty());  // Status answers are not logged by the client.
 }
 
 TEST_F(ServiceClientTest, TransportFailuresGiveThePlatformErrorAndALogLine) {
-    auto failure = [&](const std::string& path, TransportError::Code code, const char* logged) {
+    auto failure = [&](const std::string& path, TransportError::Code code, const char* logged,
+                       std::optional<int> status = std::nullopt) {
         SCOPED_TRACE(logged);
+        const auto logLine = line(kTag, logged);
+        const auto before = logs_->count(logLine);
         auto outcome = post(path).wait(10s);
         ASSERT_TRUE(outcome && outcome->error && outcome->error->transportError());
         EXPECT_FALSE(outcome->data);
-        EXPECT_FALSE(outcome->status);
+        EXPECT_EQ(outcome->status, status);
         EXPECT_EQ(outcome->error->transportError()->code, code);
-        EXPECT_TRUE(logs_->waitFor(line(kTag, logged)));
+        EXPECT_TRUE(logs_->waitFor(logLine, 5s, before + 1));
     };
     // Connection refused: a port that was bound a moment ago and is closed now.
     processSettings().baseUrl = LoopbackServer().baseUrl();
     failure(Endpoint::event, TransportError::cannotConnectToHost,
             "Could not connect to the server.");
+    // Bytes that are no HTTP, a status line without a code, and 4,000 header lines of 100 bytes
+    // each (past the header block's bound) are a bad answer, not a bad URL.
+    RawSocketServer raw;
+    processSettings().baseUrl = raw.baseUrl();
+    std::vector<std::string> flood;
+    for (int i = 0; i < 4000; ++i) {
+        flood.push_back("X-Fill-" + std::to_string(i) + ": " + std::string(85, 'h'));
+    }
+    for (const auto& [head, status] : std::vector<std::pair<std::string, std::optional<int>>>{
+             {"\x16\x03\x01 these bytes are no HTTP at all\r\n\r\n", std::nullopt},
+             {"HTTP/1.1 abc\r\nContent-Length: 2\r\n\r\n{}", std::nullopt},
+             {RawSocketServer::head("HTTP/1.1 200 OK", flood), 200}}) {
+        raw.answer({head, nullptr});
+        failure(Endpoint::event, TransportError::badServerResponse,
+                "The server returned a bad response.", status);
+    }
+    EXPECT_FALSE(logs_->containsText("unsupported URL"));
+    // A scheme the transport does not speak is the URL's fault.
+    processSettings().baseUrl = "gopher://127.0.0.1";
+    failure("/x", TransportError::unsupportedURL, "unsupported URL");
     // A server that never answers, with the shortest time-out.
     processSettings().baseUrl = server_->baseUrl();
     processSettings().requestTimeout = 1;
@@ -125,9 +164,6 @@ TEST_F(ServiceClientTest, TransportFailuresGiveThePlatformErrorAndALogLine) {
     // A connection closed without an answer.
     server_->on("/dropped", ScriptedAnswer::close());
     failure("/dropped", TransportError::networkConnectionLost, "The network connection was lost.");
-    // A scheme the transport does not speak is the URL's fault.
-    processSettings().baseUrl = "gopher://127.0.0.1";
-    failure("/x", TransportError::unsupportedURL, "unsupported URL");
 }
 
 TEST_F(ServiceClientTest, UnserialisableBodyCompletesAtOnceWithoutSending) {
@@ -158,11 +194,4 @@ TEST_F(ServiceClientTest, InvalidatingASessionDropsTransfersInFlightWithoutCompl
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(completions.load(), 0);
     EXPECT_EQ(server_->count("/hold"), 3u);
-}
-
-TEST(ServiceClientExitTest, ProcessEndsCleanlyWithRequestsInFlight) {
-    std::string output;
-    EXPECT_EQ(runHelper({"exit_with_requests_in_flight"}, &output), 0);
-    EXPECT_NE(output.find("exiting"), std::string::npos) << output;
-    EXPECT_EQ(output.find("completion"), std::string::npos) << output;
 }
