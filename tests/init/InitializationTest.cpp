@@ -6,10 +6,8 @@
 #include "support/PipelineFixture.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Tarn.h"
-#include "tarn/events/EventQueueManager.h"
 #include "tarn/events/TarnEvent.h"
 #include "tarn/inapp/InAppManager.h"
-#include "tarn/network/ServiceClient.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -131,17 +129,11 @@ TEST_F(InitializationTest, FailedFetchesKeepEventsAndAServerErrorFailsOnlyWithou
 TEST_F(InitializationTest, ThePopupIsShownWithinItsLimitReportsAndArmsItsConversion) {
     auto first = popup("p1", "promo", 1);
     first["conversionEvent"] = "purchase";
-    auto answer =
-        nlohmann::json{{"inAppCommunicationCommands", {first, popup("p2", "promo", 5)}},
-                       {"configuration", {{"eventQueueDelay", 0.05}, {"apiRequestTimeout", 7}}}};
+    auto answer = nlohmann::json{{"inAppCommunicationCommands", {first, popup("p2", "promo", 5)}},
+                                 {"configuration", nlohmann::json::object()}};
     server_->on(kInAppPath, ScriptedAnswer::json(200, answer.dump()));
     ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
     ASSERT_TRUE(drainUntil(2));
-    // The configuration block is in force for later ticks and requests.
-    EXPECT_EQ(processSettings().queueDelay.load(), 0.05);
-    auto& client = ServiceClient::shared();
-    EXPECT_EQ(client.buildRequest(client.url(Endpoint::event), true).timeoutInterval, 7.0);
-
     InAppManager::shared().registerInAppScreen([] {
         auto screen = std::make_shared<RecordingScreen>();
         screen->self = screen;
