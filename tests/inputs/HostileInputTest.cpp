@@ -1,7 +1,6 @@
 // Input the library does not control (service and Info.plist files, preference files, strings from
 // the host, answers from the server) never ends the host's process and never throws.
 #include <gtest/gtest.h>
-#include <plist/plist.h>
 
 #include <cmath>
 #include <fstream>
@@ -24,17 +23,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// A binary property list of one dictionary entry, written by libplist, with the last character of
-/// the key (or of the value) turned into NUL. "é" makes libplist store both as UTF-16.
+/// A binary property list of one dictionary entry with the last character of the key (or of the
+/// value) turned into NUL. "é" makes the writer store both as UTF-16.
 std::string binaryPlistWithNul(bool inKey) {
-    plist_t dict = plist_new_dict();
-    plist_dict_set_item(dict, "CLIENT_IDéK", plist_new_string("secretéV"));
-    char* out = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(dict, &out, &length);
-    std::string bytes(out, length);
-    std::free(out);
-    plist_free(dict);
+    auto bytes = writePropertyList(nlohmann::json{{"CLIENT_IDéK", "secretéV"}}, true);
     auto unit = bytes.find(std::string("\0", 1) + (inKey ? "K" : "V"));
     EXPECT_NE(unit, std::string::npos);
     bytes[unit + 1] = '\0';
