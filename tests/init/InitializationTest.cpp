@@ -14,11 +14,12 @@ using namespace tarn::test;
 
 namespace {
 
-/// A popup with a title, two usable images of three, a body with an unreadable colour and four
-/// buttons, of which the first has an action.
-nlohmann::json popup(const std::string& uuid, const std::string& trigger, int maxShowCount) {
-    auto item = nlohmann::json::parse(R"({"expireDate": 0, "template": "POPUP",
-        "bgColor": "#FFFFFF", "title": {"text": "Hello", "color": "#FF0000"},
+/// A popup shown on "promo" with a title, two usable images of three, a body with an unreadable
+/// colour and four buttons, of which the first has an action.
+nlohmann::json popup(const std::string& uuid, int maxShowCount) {
+    auto item = nlohmann::json::parse(R"({"name": "Popup", "expireDate": 0, "template": "POPUP",
+        "triggeringEventName": "promo", "bgColor": "#FFFFFF",
+        "title": {"text": "Hello", "color": "#FF0000"},
         "body": {"text": "Body", "color": "not a colour"},
         "images": [{"url": "https://img/1.png"}, {}, {"url": "https://img/2.png"}],
         "subInAppCommunication": {"buttons": [
@@ -27,8 +28,6 @@ nlohmann::json popup(const std::string& uuid, const std::string& trigger, int ma
             {"_id": "b4", "text": "Four"}]}})");
     item["uuid"] = uuid;
     item["code"] = "code-" + uuid;
-    item["name"] = "Popup " + uuid;
-    item["triggeringEventName"] = trigger;
     item["maxShowCount"] = maxShowCount;
     return item;
 }
@@ -78,7 +77,7 @@ TEST_F(InitializationTest, AFirstRunFetchesThenSendsInstallAndInitialize) {
 TEST_F(InitializationTest, FailedFetchesKeepEventsAndAServerErrorFailsOnlyWithoutRetriesLeft) {
     // One undecodable item fails the whole answer.
     auto broken =
-        nlohmann::json{{"inAppCommunicationCommands", {popup("a", "x", 1), {{"code", "no uuid"}}}}};
+        nlohmann::json{{"inAppCommunicationCommands", {popup("a", 1), {{"code", "no uuid"}}}}};
     server_->on(kInAppPath, ScriptedAnswer::json(200, broken.dump()));
     LogCapture logs;
     EXPECT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initializeFailed);
@@ -127,9 +126,9 @@ TEST_F(InitializationTest, FailedFetchesKeepEventsAndAServerErrorFailsOnlyWithou
 }
 
 TEST_F(InitializationTest, ThePopupIsShownWithinItsLimitReportsAndArmsItsConversion) {
-    auto first = popup("p1", "promo", 1);
+    auto first = popup("p1", 1);
     first["conversionEvent"] = "purchase";
-    auto answer = nlohmann::json{{"inAppCommunicationCommands", {first, popup("p2", "promo", 5)}},
+    auto answer = nlohmann::json{{"inAppCommunicationCommands", {first, popup("p2", 5)}},
                                  {"configuration", nlohmann::json::object()}};
     server_->on(kInAppPath, ScriptedAnswer::json(200, answer.dump()));
     ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
