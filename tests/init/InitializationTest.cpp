@@ -6,66 +6,42 @@
 #include "support/PipelineFixture.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Tarn.h"
-#include "tarn/events/EventQueueManager.h"
 #include "tarn/events/TarnEvent.h"
 #include "tarn/inapp/InAppManager.h"
-#include "tarn/network/ServiceClient.h"
 
 using namespace tarn;
 using namespace tarn::test;
 
 namespace {
 
-nlohmann::json popup(const std::string& uuid, const std::string& trigger, int maxShowCount,
-                     std::optional<std::string> conversionEvent = std::nullopt) {
-    nlohmann::json item = {
-        {"uuid", uuid},
-        {"code", "code-" + uuid},
-        {"name", "Popup " + uuid},
-        {"expireDate", 0},
-        {"template", "POPUP"},
-        {"triggeringEventName", trigger},
-        {"title", {{"text", "Hello"}, {"color", "#FF0000"}}},
-        {"body", {{"text", "Body"}, {"color", "not a colour"}}},
-        {"images",
-         {{{"url", "https://img/1.png"}},
-          nlohmann::json::object(),
-          {{"url", "https://img/2.png"}}}},
-        {"maxShowCount", maxShowCount},
-        {"bgColor", "#FFFFFF"},
-        {"subInAppCommunication",
-         {{"buttons",
-           {{{"_id", "b1"}, {"text", "One"}, {"action", {{"link", "app://one"}, {"type", "deep"}}}},
-            {{"_id", "b2"}, {"text", "Two"}},
-            {{"_id", "b3"}, {"text", "Three"}},
-            {{"_id", "b4"}, {"text", "Four"}}}}}},
-    };
-    if (conversionEvent)
-        item["conversionEvent"] = *conversionEvent;
+/// A popup shown on "promo" with a title, two usable images of three, a body with an unreadable
+/// colour and four buttons, of which the first has an action.
+nlohmann::json popup(const std::string& uuid, int maxShowCount) {
+    auto item = nlohmann::json::parse(R"({"name": "Popup", "expireDate": 0, "template": "POPUP",
+        "triggeringEventName": "promo", "bgColor": "#FFFFFF",
+        "title": {"text": "Hello", "color": "#FF0000"},
+        "body": {"text": "Body", "color": "not a colour"},
+        "images": [{"url": "https://img/1.png"}, {}, {"url": "https://img/2.png"}],
+        "subInAppCommunication": {"buttons": [
+            {"_id": "b1", "text": "One", "action": {"link": "app://one", "type": "deep"}},
+            {"_id": "b2", "text": "Two"}, {"_id": "b3", "text": "Three"},
+            {"_id": "b4", "text": "Four"}]}})");
+    item["uuid"] = uuid;
+    item["code"] = "code-" + uuid;
+    item["maxShowCount"] = maxShowCount;
     return item;
 }
 
 /// A presenter that records what it was asked to show.
 struct RecordingScreen : InAppViewController {
-    static inline std::mutex mutex;
     static inline std::vector<std::shared_ptr<RecordingScreen>> shown;
     ScreenRef presenter;
+    std::weak_ptr<RecordingScreen> self;
     void present(const ScreenRef& p) override {
         presenter = p;
-        std::lock_guard lock(mutex);
-        shown.push_back(std::static_pointer_cast<RecordingScreen>(self.lock()));
+        shown.push_back(self.lock());
     }
-    std::weak_ptr<InAppViewController> self;
 };
-
-void registerRecordingScreen() {
-    RecordingScreen::shown.clear();
-    InAppManager::shared().registerInAppScreen([] {
-        auto screen = std::make_shared<RecordingScreen>();
-        screen->self = screen;
-        return screen;
-    });
-}
 
 }  // namespace
 
@@ -87,9 +63,8 @@ TEST_F(InitializationTest, AFirstRunFetchesThenSendsInstallAndInitialize) {
     EXPECT_TRUE(Tarn::shared().isInitializeCompleted.load());
     ASSERT_TRUE(drainUntil(2));
     EXPECT_EQ(receivedNames(), (std::vector<std::string>{"install", "sdk_initialize"}));
-    auto install = receivedEvents()[0];
-    EXPECT_EQ(install["parameters"]["configurationActorId"], "actor-1");
-    EXPECT_EQ(install["parameters"]["anonymous"], false);
+    EXPECT_EQ(receivedEvents()[0]["parameters"]["configurationActorId"], "actor-1");
+    EXPECT_EQ(receivedEvents()[0]["parameters"]["anonymous"], false);
 
     // A second run in a new process sends no "install".
     std::string out;
@@ -99,10 +74,10 @@ TEST_F(InitializationTest, AFirstRunFetchesThenSendsInstallAndInitialize) {
               (std::vector<std::string>{"install", "sdk_initialize", "sdk_initialize"}));
 }
 
-TEST_F(InitializationTest, AnEmptyAnswerGivesEveryDefaultAndFailuresKeepEventsForLater) {
+TEST_F(InitializationTest, FailedFetchesKeepEventsAndAServerErrorFailsOnlyWithoutRetriesLeft) {
     // One undecodable item fails the whole answer.
     auto broken =
-        nlohmann::json{{"inAppCommunicationCommands", {popup("a", "x", 1), {{"code", "no uuid"}}}}};
+        nlohmann::json{{"inAppCommunicationCommands", {popup("a", 1), {{"code", "no uuid"}}}}};
     server_->on(kInAppPath, ScriptedAnswer::json(200, broken.dump()));
     LogCapture logs;
     EXPECT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initializeFailed);
@@ -110,36 +85,28 @@ TEST_F(InitializationTest, AnEmptyAnswerGivesEveryDefaultAndFailuresKeepEventsFo
     EXPECT_TRUE(logs.contains("Tarn-InAppRepository: No Data;"));
     EXPECT_TRUE(logs.contains("Tarn-InAppManager: Tarn Sdk initialize failed.;"));
     EXPECT_FALSE(TarnSession::shared().appCommunication());
-
     TarnEvent::shared().sendCustomEvent(nullptr, std::nullopt, "meanwhile");
     queue().advance(3);
     EXPECT_EQ(server_->count(kEventPath), 0u);
 
-    // An empty body fails the same way.
+    // An empty body fails the same way; an empty object succeeds with every default.
     server_->on(kInAppPath, ScriptedAnswer::json(200, ""));
     EXPECT_EQ(initializeAndWait(hostConfig("actor-1", true)),
               InitializeStatusType::initializeFailed);
-
-    // An empty object succeeds with every default.
     server_->on(kInAppPath, ScriptedAnswer::json(200, "{}"));
     EXPECT_EQ(initializeAndWait(hostConfig("actor-1", true)), InitializeStatusType::initialized);
-    auto& settings = processSettings();
-    EXPECT_EQ(settings.requestRetryCount.load(), 3);
-    EXPECT_EQ(settings.requestTimeout.load(), 3);
-    EXPECT_EQ(settings.queueDelay.load(), 0.5);
-    EXPECT_EQ(settings.conversionOffset.load(), -86400.0);
+    // (The retry budget's and time-out's fallbacks are checked with the start-up time-out.)
+    EXPECT_EQ(processSettings().queueDelay.load(), 0.5);
+    EXPECT_EQ(processSettings().conversionOffset.load(), -86400.0);
     EXPECT_FALSE(Tarn::shared().isBatteryStatusRequired.load());
-    // The first run that stored the actor decided the installation; a later retry is not a first
-    // run.
+    // The first run that stored the actor decided the installation; a retry is not a first run.
     ASSERT_TRUE(drainUntil(2));
     EXPECT_EQ(receivedNames(), (std::vector<std::string>{"meanwhile", "sdk_initialize"}));
-}
 
-TEST_F(InitializationTest, AServerErrorWithNoRetriesLeftFailsAndWithRetriesLeftNeverCompletes) {
+    // With no retries left a server error fails the fetch.
     server_->on(kInAppPath,
-                ScriptedAnswer::json(
-                    200, nlohmann::json{{"configuration", {{"apiRequestRetryCount", 0}}}}.dump()));
-    ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
+                ScriptedAnswer::json(200, R"({"configuration":{"apiRequestRetryCount":0}})"));
+    ASSERT_EQ(initializeAndWait(hostConfig("actor-1", true)), InitializeStatusType::initialized);
     EXPECT_EQ(processSettings().requestRetryCount.load(), 0);
     server_->on(kInAppPath, ScriptedAnswer::json(500, "{}"));
     Tarn::shared().requestInAppCommunications();
@@ -147,34 +114,43 @@ TEST_F(InitializationTest, AServerErrorWithNoRetriesLeftFailsAndWithRetriesLeftN
         return ConfigManager::shared().getInitializeStatus() ==
                InitializeStatusType::initializeFailed;
     }));
-
     // A forced run fetches under the start-up budget of 3: the 5xx answer ends the exchange
     // without any completion, so the run stays where it is.
+    auto fetches = server_->count(kInAppPath);
     Tarn::shared().initialize(hostConfig("actor-1", true));
     EXPECT_EQ(processSettings().requestRetryCount.load(), 3);
-    ASSERT_TRUE(pumpUntil([&] { return server_->count(kInAppPath) >= 3; }));
+    ASSERT_TRUE(pumpUntil([&] { return server_->count(kInAppPath) > fetches; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     queue().advance(1);
     EXPECT_EQ(ConfigManager::shared().getInitializeStatus(), InitializeStatusType::initializing);
 }
 
-TEST_F(InitializationTest, ThePopupIsShownWithinItsLimitAndOnlyTheFirstMatchCounts) {
-    auto answer = nlohmann::json{
-        {"inAppCommunicationCommands", {popup("p1", "promo", 1), popup("p2", "promo", 5)}},
-        {"configuration", nlohmann::json::object()}};
+TEST_F(InitializationTest, ThePopupIsShownWithinItsLimitReportsAndArmsItsConversion) {
+    auto first = popup("p1", 1);
+    first["conversionEvent"] = "purchase";
+    auto answer = nlohmann::json{{"inAppCommunicationCommands", {first, popup("p2", 5)}},
+                                 {"configuration", nlohmann::json::object()}};
     server_->on(kInAppPath, ScriptedAnswer::json(200, answer.dump()));
     ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
-    registerRecordingScreen();
+    ASSERT_TRUE(drainUntil(2));
+    InAppManager::shared().registerInAppScreen([] {
+        auto screen = std::make_shared<RecordingScreen>();
+        screen->self = screen;
+        return screen;
+    });
     LogCapture logs;
-    auto home = std::make_shared<NamedScreen>("HomeScreen");
-    TarnEvent::shared().sendCustomEvent(home, std::string("Home"), "promo");
+    auto shop = std::make_shared<NamedScreen>("ShopScreen");
+    std::vector<AppCommunicationAction> actions;
+    TarnEvent::shared().sendCustomEvent(
+        shop, std::nullopt, "promo", std::nullopt,
+        [&](const AppCommunicationAction& a) { actions.push_back(a); });
     queue().runPending();
     ASSERT_EQ(RecordingScreen::shown.size(), 1u);
-    auto& shown = *RecordingScreen::shown[0];
-    EXPECT_EQ(shown.presenter, home);
-    ASSERT_TRUE(shown.inApp);
-    EXPECT_EQ(shown.inApp->appCommunucation.uuid, "p1");
-    const auto& rows = shown.inApp->presentations;
+    auto screen = RecordingScreen::shown[0];
+    EXPECT_EQ(screen->presenter, shop);
+    ASSERT_TRUE(screen->inApp);
+    EXPECT_EQ(screen->inApp->appCommunucation.uuid, "p1");
+    const auto& rows = screen->inApp->presentations;
     ASSERT_EQ(rows.size(), 6u);  // title, images, body, three of four buttons
     EXPECT_EQ(std::get<TitleTableViewCellPresentation>(rows[0]).color, (Color{255, 0, 0, 255}));
     EXPECT_EQ(std::get<ImageTableViewCellPresentation>(rows[1]).imageUrls,
@@ -183,47 +159,9 @@ TEST_F(InitializationTest, ThePopupIsShownWithinItsLimitAndOnlyTheFirstMatchCoun
     EXPECT_EQ(std::get<ButtonTableViewCellPresentation>(rows[5]).button.id, "b3");
     EXPECT_EQ(PreferencesManager::shared().intValue("p1"), 0);
 
-    TarnEvent::shared().sendCustomEvent(home, std::nullopt, "promo");
-    TarnEvent::shared().sendCustomEvent(home, std::nullopt, "Promo");
-    queue().runPending();
-    EXPECT_EQ(RecordingScreen::shown.size(), 1u);
-    EXPECT_TRUE(
-        logs.contains("Tarn-InAppManager: handlePopupAction: popup reached max show count!;"));
-    EXPECT_TRUE(logs.contains("Tarn-InAppManager: couldn't get action type!;"));
-    EXPECT_FALSE(PreferencesManager::shared().intValue("p2"));  // never chosen
-
-    // Without a registered screen a chosen communication still spends one showing.
-    InAppManager::shared().registerInAppScreen(nullptr);
-    PreferencesManager::shared().defaults()->remove("p1");
-    TarnEvent::shared().sendCustomEvent(home, std::nullopt, "promo");
-    queue().runPending();
-    EXPECT_TRUE(logs.contains("Tarn-InAppManager: In app view not found;"));
-    EXPECT_EQ(PreferencesManager::shared().intValue("p1"), 0);
-}
-
-TEST_F(InitializationTest, ThePresenterReportsAndTheConversionCompletes) {
-    auto answer =
-        nlohmann::json{{"inAppCommunicationCommands", {popup("p1", "promo", 3, "purchase")}},
-                       {"configuration", {{"eventQueueDelay", 0.05}, {"apiRequestTimeout", 7}}}};
-    server_->on(kInAppPath, ScriptedAnswer::json(200, answer.dump()));
-    ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
-    ASSERT_TRUE(drainUntil(2));
-    // The configuration block is in force for later ticks and requests.
-    EXPECT_EQ(processSettings().queueDelay.load(), 0.05);
-    auto& client = ServiceClient::shared();
-    EXPECT_EQ(client.buildRequest(client.url(Endpoint::event), true).timeoutInterval, 7.0);
-
-    registerRecordingScreen();
-    std::vector<AppCommunicationAction> actions;
-    TarnEvent::shared().sendCustomEvent(
-        std::make_shared<NamedScreen>("ShopScreen"), std::nullopt, "promo", std::nullopt,
-        [&](const AppCommunicationAction& a) { actions.push_back(a); });
-    queue().runPending();
-    ASSERT_EQ(RecordingScreen::shown.size(), 1u);
-    auto screen = RecordingScreen::shown[0];
+    // The screen reports; the next "purchase" carries the conversion.
     screen->reportOpened();
-    screen->reportButtonClicked(
-        std::get<ButtonTableViewCellPresentation>(screen->inApp->presentations[3]).button);
+    screen->reportButtonClicked(std::get<ButtonTableViewCellPresentation>(rows[3]).button);
     ASSERT_EQ(actions.size(), 1u);
     EXPECT_EQ(actions[0].link, "app://one");
     TarnEvent::shared().sendCustomEvent(nullptr, std::nullopt, "purchase");
@@ -238,6 +176,22 @@ TEST_F(InitializationTest, ThePresenterReportsAndTheConversionCompletes) {
     EXPECT_EQ(events[4]["parameters"]["buttonText"], "One");
     EXPECT_EQ(events[5]["name"], "purchase");
     EXPECT_EQ(events[5]["parameters"]["conversionCommunicationCode"], "code-p1");
-    // The shorter queue delay is what the timer runs with.
+
+    // Past its limit the popup is not shown again, and only the first match counts.
+    TarnEvent::shared().sendCustomEvent(shop, std::nullopt, "promo");
+    TarnEvent::shared().sendCustomEvent(shop, std::nullopt, "Promo");
     queue().runPending();
+    EXPECT_EQ(RecordingScreen::shown.size(), 1u);
+    EXPECT_TRUE(
+        logs.contains("Tarn-InAppManager: handlePopupAction: popup reached max show count!;"));
+    EXPECT_TRUE(logs.contains("Tarn-InAppManager: couldn't get action type!;"));
+    EXPECT_FALSE(PreferencesManager::shared().intValue("p2"));  // never chosen
+
+    // Without a registered screen a chosen communication still spends one showing.
+    InAppManager::shared().registerInAppScreen(nullptr);
+    PreferencesManager::shared().defaults()->remove("p1");
+    TarnEvent::shared().sendCustomEvent(shop, std::nullopt, "promo");
+    queue().runPending();
+    EXPECT_TRUE(logs.contains("Tarn-InAppManager: In app view not found;"));
+    EXPECT_EQ(PreferencesManager::shared().intValue("p1"), 0);
 }

@@ -1,5 +1,4 @@
-// Hostile answers from a raw-socket server: bodies past their bound (plain, announced and
-// compressed), garbage instead of HTTP, a flood of headers, and a redirect of a POST. Each one must
+// Answers past their bound from a raw-socket server, plain, announced and compressed. Each one must
 // end in the caller's failure outcome with a log line that names it, without the body ever being
 // held in memory.
 #include <gtest/gtest.h>
@@ -18,14 +17,15 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr std::size_t kMiB = std::size_t{1} << 20;
-
-/// How far peak RSS may grow while one hostile answer is handled: far below the answers' sizes,
-/// with room for the thread sanitizer's shadow of every byte touched.
+// How far peak RSS may grow while one hostile answer is handled: far below the answers' sizes,
+// with room for the thread sanitizer's shadow of every byte touched.
 #if defined(__SANITIZE_THREAD__)
 constexpr std::size_t kRssGrowthBound = 256 * kMiB;
 #else
 constexpr std::size_t kRssGrowthBound = 64 * kMiB;
 #endif
+const std::string kTooLarge =
+    "Tarn-ServiceClient: The server's answer is larger than this request accepts.;";
 
 }  // namespace
 
@@ -41,7 +41,7 @@ class AnswerBoundsTest : public NetworkTest {
         raw_->stop();
     }
 
-    /// Runs the token routine against the raw server; returns what the continuation saw.
+    /// Runs the token routine against the raw server; true once its continuation has run.
     bool tokenRoutineEnds() {
         configureCredentials();
         Pending done;
@@ -66,23 +66,17 @@ class AnswerBoundsTest : public NetworkTest {
 };
 
 TEST_F(AnswerBoundsTest, OversizedTokenAnswersFailTheRoutineWithoutGrowingTheProcess) {
-    const std::string tooLarge =
-        line("Tarn-ServiceClient:", "The server's answer is larger than this request accepts.");
-    const std::string notFetched =
-        line("Tarn-AuthorizationRepository:", "Access token could not fetched!");
     Tarn::shared().tarnAuthToken = "Bearer earlier";
-
     // 100 MB without a length: read until the bound, then the transfer is cut.
     auto baseline = peakRssBytes();
     raw_->answer({RawSocketServer::head("HTTP/1.1 200 OK", {"Content-Type: application/json"}),
                   RawSocketServer::repeated(100 * kMiB)});
     ASSERT_TRUE(tokenRoutineEnds());
-    auto growth = peakRssBytes() - baseline;
-    std::printf("peak RSS growth, 100 MB token answer: %.1f MiB\n", double(growth) / kMiB);
-    EXPECT_LT(growth, kRssGrowthBound);
+    EXPECT_LT(peakRssBytes() - baseline, kRssGrowthBound);
     EXPECT_LT(raw_->bytesWritten(), 100 * kMiB);  // the client stopped reading before the end
-    EXPECT_TRUE(logs_->waitFor(tooLarge));
-    EXPECT_TRUE(logs_->contains(notFetched));
+    EXPECT_TRUE(logs_->waitFor(kTooLarge));
+    EXPECT_TRUE(
+        logs_->contains(line("Tarn-AuthorizationRepository:", "Access token could not fetched!")));
     EXPECT_EQ(Tarn::shared().tarnAuthToken.get(), "Bearer earlier");
     EXPECT_EQ(PreferencesManager::shared().boolValue(PreferenceKey::tokenStatus), true);
     ASSERT_EQ(raw_->requests().size(), 1u);
@@ -92,15 +86,8 @@ TEST_F(AnswerBoundsTest, OversizedTokenAnswersFailTheRoutineWithoutGrowingThePro
     raw_->answer({RawSocketServer::head("HTTP/1.1 200 OK", {"Content-Length: 104857600"}),
                   RawSocketServer::fixed("{}")});
     ASSERT_TRUE(tokenRoutineEnds());
-    EXPECT_TRUE(logs_->waitFor(tooLarge, 5s, 2));
+    EXPECT_TRUE(logs_->waitFor(kTooLarge, 5s, 2));
     EXPECT_EQ(Tarn::shared().tarnAuthToken.get(), "Bearer earlier");
-
-    // A compressed token answer inside the bound is decoded and stored.
-    raw_->answer(
-        {RawSocketServer::head("HTTP/1.1 200 OK", {"Content-Encoding: gzip", "Connection: close"}),
-         RawSocketServer::fixed(gzipCompress(kTokenAnswer))});
-    ASSERT_TRUE(tokenRoutineEnds());
-    EXPECT_EQ(Tarn::shared().tarnAuthToken.get(), std::string("bearer ") + kServerToken);
 }
 
 TEST_F(AnswerBoundsTest, ACompressedAnswerIsBoundedByWhatItExpandsTo) {
@@ -113,13 +100,9 @@ TEST_F(AnswerBoundsTest, ACompressedAnswerIsBoundedByWhatItExpandsTo) {
     raw_->answer({head, RawSocketServer::fixed(std::move(bomb))});
     auto baseline = peakRssBytes();
     EXPECT_EQ(inAppFetchDecoded(), false);
-    auto growth = peakRssBytes() - baseline;
-    std::printf("peak RSS growth, gzip answer expanding to 512 MiB: %.1f MiB\n",
-                double(growth) / kMiB);
-    EXPECT_LT(growth, kRssGrowthBound);
+    EXPECT_LT(peakRssBytes() - baseline, kRssGrowthBound);
     // The client logs right after the completion has run.
-    EXPECT_TRUE(logs_->waitFor(
-        line("Tarn-ServiceClient:", "The server's answer is larger than this request accepts.")));
+    EXPECT_TRUE(logs_->waitFor(kTooLarge));
     EXPECT_TRUE(logs_->contains(line("Tarn-InAppRepository:", "No Data")));
 
     // An answer expanding past the token bound but not the in-app one is read in full.
@@ -128,88 +111,4 @@ TEST_F(AnswerBoundsTest, ACompressedAnswerIsBoundedByWhatItExpandsTo) {
          RawSocketServer::fixed(gzipCompress(
              R"({"inAppCommunicationCommands":[],"configuration":{}})" + std::string(kMiB, ' ')))});
     EXPECT_EQ(inAppFetchDecoded(), true);
-}
-
-TEST_F(AnswerBoundsTest, AnOversizedInAppAnswerIsCutAtItsBound) {
-    // 100 MB sent as they are, without a length.
-    raw_->answer({RawSocketServer::head("HTTP/1.1 200 OK"), RawSocketServer::repeated(100 * kMiB)});
-    auto written = raw_->bytesWritten();
-    auto baseline = peakRssBytes();
-    EXPECT_EQ(inAppFetchDecoded(), false);
-    auto growth = peakRssBytes() - baseline;
-    std::printf("peak RSS growth, 100 MB in-app answer: %.1f MiB\n", double(growth) / kMiB);
-    EXPECT_LT(growth, kRssGrowthBound);
-    EXPECT_LT(raw_->bytesWritten() - written, 100 * kMiB);
-    // The client logs right after the completion has run.
-    EXPECT_TRUE(logs_->waitFor(
-        line("Tarn-ServiceClient:", "The server's answer is larger than this request accepts.")));
-    EXPECT_TRUE(logs_->contains(line("Tarn-InAppRepository:", "No Data")));
-}
-
-TEST_F(AnswerBoundsTest, BytesThatAreNotHttpAreABadServerResponse) {
-    const std::string bad = line("Tarn-ServiceClient:", "The server returned a bad response.");
-    struct Case {
-        const char* what;
-        std::string head;
-    } cases[] = {
-        {"garbage", "\x16\x03\x01 these bytes are no HTTP at all\r\n\r\n"},
-        {"status line without a code", "HTTP/1.1 abc\r\nContent-Length: 2\r\n\r\n{}"},
-        // 4,000 header lines of 100 bytes each: past the header block's bound.
-        {"header flood",
-         [] {
-             std::vector<std::string> headers;
-             for (int i = 0; i < 4000; ++i) {
-                 headers.push_back("X-Fill-" + std::to_string(i) + ": " + std::string(85, 'h'));
-             }
-             return RawSocketServer::head("HTTP/1.1 200 OK", headers);
-         }()},
-    };
-    std::size_t expected = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        raw_->answer({c.head, nullptr});
-        auto outcome = post(Endpoint::event).wait(10s);
-        ASSERT_TRUE(outcome);
-        EXPECT_FALSE(outcome->data);
-        ASSERT_TRUE(outcome->error && outcome->error->transportError());
-        EXPECT_EQ(outcome->error->transportError()->code, TransportError::badServerResponse);
-        EXPECT_TRUE(logs_->waitFor(bad, 5s, ++expected));
-        EXPECT_FALSE(logs_->containsText("unsupported URL"));
-    }
-    // A URL with a scheme the transport does not speak is still the URL's fault.
-    HttpRequest request;
-    request.url = "gopher://127.0.0.1/x";
-    auto promise = std::make_shared<std::promise<TransportError>>();
-    auto session = CurlHttpSession::make("scheme");
-    session->send(request, [promise](auto, auto, auto error) {
-        promise->set_value(error.value_or(TransportError{}));
-    });
-    auto future = promise->get_future();
-    ASSERT_EQ(future.wait_for(5s), std::future_status::ready);
-    EXPECT_EQ(future.get().code, TransportError::unsupportedURL);
-}
-
-TEST_F(AnswerBoundsTest, ARedirectedPostIsAnAnswerAndNoGetFollows) {
-    // The event endpoint moved: the 302 is reported, nothing goes to the new place.
-    processSettings().baseUrl = server_->baseUrl();
-    ScriptedAnswer moved = ScriptedAnswer::json(302, "");
-    moved.headers = {{"Location", server_->baseUrl() + "/elsewhere"}};
-    server_->on(Endpoint::event, moved);
-    server_->on("/elsewhere", ScriptedAnswer::json(200, "{}"));
-    for (int status : {302, 303, 307}) {
-        SCOPED_TRACE(status);
-        moved.status = status;
-        server_->on(Endpoint::event, moved);
-        auto outcome = post(Endpoint::event, {{"name", "page_in"}}).wait(5s);
-        ASSERT_TRUE(outcome);
-        EXPECT_FALSE(outcome->data);
-        EXPECT_EQ(outcome->status, status);
-        ASSERT_TRUE(outcome->error && outcome->error->networkError());
-        EXPECT_EQ(*outcome->error->networkError(),
-                  NetworkError::httpError(status, reasonPhrase(status)));
-    }
-    EXPECT_EQ(server_->count("/elsewhere"), 0u);
-    for (const auto& request : server_->requests()) {
-        EXPECT_EQ(request.method, "POST") << request.path;
-    }
 }

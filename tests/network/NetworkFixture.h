@@ -39,15 +39,13 @@ struct Outcome {
 class Pending {
   public:
     ServiceCompletion completion() {
-        return [s = state_](std::optional<Data> data, std::optional<ServiceError> error,
-                            std::optional<int> status) {
-            s->record(
-                Outcome{std::move(data), std::move(error), status, std::this_thread::get_id()});
+        return [s = state_](auto data, auto error, auto status) {
+            s->record({std::move(data), std::move(error), status, std::this_thread::get_id()});
         };
     }
     /// A continuation without arguments, recorded with the thread it ran on.
     std::function<void()> continuation() {
-        return [s = state_] { s->record(Outcome{{}, {}, {}, std::this_thread::get_id()}); };
+        return [s = state_] { s->record({{}, {}, {}, std::this_thread::get_id()}); };
     }
     /// The last outcome, once there is one; none after `timeout`.
     std::optional<Outcome> wait(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
@@ -98,15 +96,15 @@ class NetworkTest : public TarnTest {
         server_.reset();
     }
 
-    /// The facade's configuration with client credentials (and optionally a ready-made value).
+    /// The facade's configuration with client credentials (or none), and optionally a ready-made
+    /// authorization value.
     void configureCredentials(std::optional<std::string> authorization = std::nullopt,
                               bool withCredentials = true) {
-        auto credential = [&](std::string value) {
-            return withCredentials ? std::optional<std::string>(value) : std::nullopt;
-        };
+        using Text = std::optional<std::string>;
         Tarn::shared().configuration = TarnInitConfig(
             Bundle::main(), "HostApp", std::nullopt, server_->baseUrl(), std::move(authorization),
-            credential("client-id-1"), credential(kClientSecret), false, false, false);
+            withCredentials ? Text("client-id-1") : std::nullopt,
+            withCredentials ? Text(kClientSecret) : std::nullopt, false, false, false);
         PreferencesManager::shared().set(PreferenceKey::tokenStatus, true);
     }
 

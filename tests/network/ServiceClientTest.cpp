@@ -1,10 +1,12 @@
-// The service client end to end against the loopback server: framing, status classification,
-// the retry rule, transport failures and programming errors.
+// The service client and its libcurl session end to end against the loopback and raw-socket
+// servers: framing, status classification, the retry rule, transport failures and malformed
+// answers, programming errors and invalidation.
 #include <gtest/gtest.h>
 
 #include <cmath>
 
 #include "network/NetworkFixture.h"
+#include "support/RawSocketServer.h"
 #include "tarn/network/Endpoint.h"
 
 using namespace tarn;
@@ -13,18 +15,16 @@ using namespace std::chrono_literals;
 
 namespace {
 
-std::string text(const std::optional<Data>& data) {
-    return data ? std::string(data->begin(), data->end()) : "<none>";
-}
-
 const std::string kTag = "Tarn-ServiceClient:";
 
 }  // namespace
 
 class ServiceClientTest : public NetworkTest {};
 
-TEST_F(ServiceClientTest, FramesEveryRequestWithItsHeadersBodyAndTimeout) {
-    server_->on(Endpoint::event, ScriptedAnswer::json(200, "{}"));
+TEST_F(ServiceClientTest, FramesEveryRequestWithItsHeadersAndBodyAndKeepsNoCookies) {
+    auto withCookie = ScriptedAnswer::json(200, "{}");
+    withCookie.headers = {{"Set-Cookie", "session=abc; Path=/"}};
+    server_->on(Endpoint::event, withCookie);
     Tarn::shared().tarnAuthToken = "Bearer stored-token-value";
     Tarn::shared().applicationName = "Host/App";
 
@@ -41,44 +41,59 @@ TEST_F(ServiceClientTest, FramesEveryRequestWithItsHeadersBodyAndTimeout) {
     EXPECT_EQ(seen[0].header("Authorization"), "Bearer stored-token-value");
     EXPECT_EQ(seen[0].header("cache-control"), "no-cache");
     EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
-    // App-Info is base64 of this exact JSON (the encoder is checked against known vectors).
+    EXPECT_FALSE(seen[0].header("Expect"));
+    // App-Info is base64 of this exact JSON (the encoder is checked against known vectors below).
     EXPECT_EQ(seen[0].header("App-Info"),
               base64Encode(
                   R"({"platform":"ios","bundleId":"com.example.host","application":"Host\/App"})"));
-    // skipAuthorization: no header at all, even with a token stored.
+    // skipAuthorization: no header at all, even with a token stored. The cookie is not kept.
     EXPECT_FALSE(seen[1].header("Authorization"));
     EXPECT_EQ(seen[1].header("cache-control"), "no-cache");
+    EXPECT_FALSE(seen[1].header("Cookie"));
     EXPECT_EQ(seen[2].header("Authorization"), "Bearer stored-token-value");
     EXPECT_EQ(
         seen[2].header("App-Info"),
         base64Encode(R"({"platform":"ios","bundleId":"com.unknown","application":"Host\/App"})"));
-
-    // The time-out in force: 3000 s before any configuration, the configured value after.
-    auto& client = ServiceClient::shared();
-    EXPECT_EQ(client.buildRequest(client.url("/a"), true).timeoutInterval, 3000.0);
-    processSettings().requestTimeout = 3;
-    EXPECT_EQ(client.buildRequest(client.url("/a"), false).timeoutInterval, 3.0);
     EXPECT_EQ(base64Encode("foob"), "Zm9vYg==");
     EXPECT_EQ(base64Encode("foo"), "Zm9v");
 }
 
-TEST_F(ServiceClientTest, OnlyStatus200IsSuccess) {
+TEST_F(ServiceClientTest,
+       OnlyStatus200IsSuccessRedirectsAreNotFollowedAndA5xxWithBudgetNeverCompletes) {
+    // A 5xx with the default budget: the retry task is created on the shared session, never sent.
+    server_->on(Endpoint::event, ScriptedAnswer::json(503, R"({"error":"busy"})"));
+    ASSERT_EQ(processSettings().requestRetryCount.load(), 3);
+    auto pending = post(Endpoint::event);
+    ASSERT_TRUE(server_->waitForCount(Endpoint::event, 1));
+    EXPECT_FALSE(pending.wait(700ms));
+    EXPECT_EQ(ServiceClient::shared().retryTaskCount(), 1u);
+    EXPECT_EQ(server_->totalCount(), 1u);
+
     processSettings().requestRetryCount = 0;
     server_->on("/ok", ScriptedAnswer::json(200, R"({"a":1})"));
     auto ok = post("/ok").wait();
-    ASSERT_TRUE(ok);
-    EXPECT_EQ(text(ok->data), R"({"a":1})");
+    ASSERT_TRUE(ok && ok->data);
+    EXPECT_EQ(std::string(ok->data->begin(), ok->data->end()), R"({"a":1})");
     EXPECT_FALSE(ok->error);
     EXPECT_EQ(ok->status, 200);
     // Completions run on the transport's thread: not the caller's, not the main queue.
     EXPECT_NE(ok->thread, std::this_thread::get_id());
     EXPECT_EQ(queue().pendingCount(), 0u);
 
-    for (const auto& [status, phrase] : std::vector<std::pair<int, std::string>>{
-             {201, "Created"}, {204, "No Content"}, {503, "Service Unavailable"}}) {
+    // Redirects are answers too: nothing goes to the new place, no GET follows.
+    server_->on("/elsewhere", ScriptedAnswer::json(200, "{}"));
+    for (const auto& [status, phrase] :
+         std::vector<std::pair<int, std::string>>{{201, "Created"},
+                                                  {204, "No Content"},
+                                                  {302, "Found"},
+                                                  {303, "See Other"},
+                                                  {307, "Temporary Redirect"},
+                                                  {503, "Service Unavailable"}}) {
         SCOPED_TRACE(status);
         auto path = "/" + std::to_string(status);
-        server_->on(path, ScriptedAnswer::json(status, status == 204 ? "" : R"({"a":1})"));
+        auto answer = ScriptedAnswer::json(status, status == 201 || status == 503 ? "{}" : "");
+        answer.headers = {{"Location", server_->baseUrl() + "/elsewhere"}};
+        server_->on(path, answer);
         auto outcome = post(path).wait();
         ASSERT_TRUE(outcome && outcome->error && outcome->error->networkError());
         EXPECT_FALSE(outcome->data);
@@ -87,50 +102,62 @@ TEST_F(ServiceClientTest, OnlyStatus200IsSuccess) {
         EXPECT_EQ(outcome->error->localizedDescription(),
                   phrase + " (HTTP " + std::to_string(status) + ")");
     }
+    EXPECT_EQ(server_->count("/elsewhere"), 0u);
+    for (const auto& request : server_->requests()) {
+        EXPECT_EQ(request.method, "POST") << request.path;
+    }
     EXPECT_TRUE(logs_->lines().empty());  // Status answers are not logged by the client.
 }
 
-TEST_F(ServiceClientTest, ServerErrorWithBudgetLeftNeverCompletes) {
-    server_->on(Endpoint::event, ScriptedAnswer::json(503, R"({"error":"busy"})"));
-    ASSERT_EQ(processSettings().requestRetryCount.load(), 3);
-    auto pending = post(Endpoint::event);
-    ASSERT_TRUE(server_->waitForCount(Endpoint::event, 1));
-    EXPECT_FALSE(pending.wait(700ms));
-    // The retry task was created on the shared session and never sent.
-    EXPECT_EQ(ServiceClient::shared().retryTaskCount(), 1u);
-    EXPECT_EQ(server_->totalCount(), 1u);
-    EXPECT_TRUE(logs_->lines().empty());
-}
-
 TEST_F(ServiceClientTest, TransportFailuresGiveThePlatformErrorAndALogLine) {
+    auto failure = [&](const std::string& path, TransportError::Code code, const char* logged,
+                       std::optional<int> status = std::nullopt) {
+        SCOPED_TRACE(logged);
+        const auto logLine = line(kTag, logged);
+        const auto before = logs_->count(logLine);
+        auto outcome = post(path).wait(10s);
+        ASSERT_TRUE(outcome && outcome->error && outcome->error->transportError());
+        EXPECT_FALSE(outcome->data);
+        EXPECT_EQ(outcome->status, status);
+        EXPECT_EQ(outcome->error->transportError()->code, code);
+        EXPECT_TRUE(logs_->waitFor(logLine, 5s, before + 1));
+    };
     // Connection refused: a port that was bound a moment ago and is closed now.
     processSettings().baseUrl = LoopbackServer().baseUrl();
-    auto refused = post(Endpoint::event).wait();
-    ASSERT_TRUE(refused && refused->error && refused->error->transportError());
-    EXPECT_FALSE(refused->data);
-    EXPECT_FALSE(refused->status);
-    EXPECT_EQ(refused->error->transportError()->code, TransportError::cannotConnectToHost);
-    EXPECT_TRUE(logs_->waitFor(line(kTag, "Could not connect to the server.")));
-
-    // A server that never answers, with the shortest time-out.
+    failure(Endpoint::event, TransportError::cannotConnectToHost,
+            "Could not connect to the server.");
+    // Bytes that are no HTTP, a status line without a code, and 4,000 header lines of 100 bytes
+    // each (past the header block's bound) are a bad answer, not a bad URL.
+    RawSocketServer raw;
+    processSettings().baseUrl = raw.baseUrl();
+    std::vector<std::string> flood;
+    for (int i = 0; i < 4000; ++i) {
+        flood.push_back("X-Fill-" + std::to_string(i) + ": " + std::string(85, 'h'));
+    }
+    for (const auto& [head, status] : std::vector<std::pair<std::string, std::optional<int>>>{
+             {"\x16\x03\x01 these bytes are no HTTP at all\r\n\r\n", std::nullopt},
+             {"HTTP/1.1 abc\r\nContent-Length: 2\r\n\r\n{}", std::nullopt},
+             {RawSocketServer::head("HTTP/1.1 200 OK", flood), 200}}) {
+        raw.answer({head, nullptr});
+        failure(Endpoint::event, TransportError::badServerResponse,
+                "The server returned a bad response.", status);
+    }
+    EXPECT_FALSE(logs_->containsText("unsupported URL"));
+    // A scheme the transport does not speak is the URL's fault.
+    processSettings().baseUrl = "gopher://127.0.0.1";
+    failure("/x", TransportError::unsupportedURL, "unsupported URL");
+    // A server that never answers: the framed request carries the configured time-out.
     processSettings().baseUrl = server_->baseUrl();
     processSettings().requestTimeout = 1;
     server_->on("/silent", ScriptedAnswer::never());
     auto started = std::chrono::steady_clock::now();
-    auto silent = post("/silent").wait(10s);
+    failure("/silent", TransportError::timedOut, "The request timed out.");
     auto elapsed = std::chrono::steady_clock::now() - started;
-    ASSERT_TRUE(silent && silent->error && silent->error->transportError());
-    EXPECT_EQ(silent->error->transportError()->code, TransportError::timedOut);
     EXPECT_GE(elapsed, 900ms);
     EXPECT_LT(elapsed, 5s);
-    EXPECT_TRUE(logs_->waitFor(line(kTag, "The request timed out.")));
-
     // A connection closed without an answer.
     server_->on("/dropped", ScriptedAnswer::close());
-    auto dropped = post("/dropped").wait();
-    ASSERT_TRUE(dropped && dropped->error && dropped->error->transportError());
-    EXPECT_EQ(dropped->error->transportError()->code, TransportError::networkConnectionLost);
-    EXPECT_TRUE(logs_->waitFor(line(kTag, "The network connection was lost.")));
+    failure("/dropped", TransportError::networkConnectionLost, "The network connection was lost.");
 }
 
 TEST_F(ServiceClientTest, UnserialisableBodyCompletesAtOnceWithoutSending) {
@@ -145,9 +172,20 @@ TEST_F(ServiceClientTest, UnserialisableBodyCompletesAtOnceWithoutSending) {
     EXPECT_EQ(server_->totalCount(), 0u);
 }
 
-TEST(ServiceClientExitTest, ProcessEndsCleanlyWithRequestsInFlight) {
-    std::string output;
-    EXPECT_EQ(runHelper({"exit_with_requests_in_flight"}, &output), 0);
-    EXPECT_NE(output.find("exiting"), std::string::npos) << output;
-    EXPECT_EQ(output.find("completion"), std::string::npos) << output;
+TEST_F(ServiceClientTest, InvalidatingASessionDropsTransfersInFlightWithoutCompletions) {
+    auto session = CurlHttpSession::make("test");
+    server_->on("/hold", ScriptedAnswer::never());
+    std::atomic<int> completions{0};
+    HttpRequest request;
+    request.url = server_->baseUrl() + "/hold";
+    for (int i = 0; i < 3; ++i) {
+        session->dataTask(request, [&](auto, auto, auto) { ++completions; })->resume();
+    }
+    ASSERT_TRUE(server_->waitForCount("/hold", 3));
+    session->invalidate();
+    session->dataTask(request, [&](auto, auto, auto) { ++completions; })->resume();
+    server_->stop();  // Releases the held requests; nobody is listening for them any more.
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(completions.load(), 0);
+    EXPECT_EQ(server_->count("/hold"), 3u);
 }

@@ -1,7 +1,9 @@
-// The request settings during start-up: the token request and the configuration fetch run under
-// the long start-up time-out, for a first and a forced initialisation alike, and the server's
-// block rules only once its answer has been installed.
+// The request settings during a forced initialisation: the token request and the configuration
+// fetch run under the long start-up time-out again, and the server's block rules only once its
+// answer has been installed.
 #include <gtest/gtest.h>
+
+#include <atomic>
 
 #include "support/PipelineFixture.h"
 #include "tarn/core/Settings.h"
@@ -13,50 +15,30 @@ using namespace std::chrono_literals;
 
 class StartupTimeoutTest : public PipelineTest {};
 
-TEST_F(StartupTimeoutTest, ASlowTokenAnswerDuringStartUpStillAuthorizesTheInAppRequest) {
+TEST_F(StartupTimeoutTest, AForcedRunFetchesUnderTheStartUpValuesAgain) {
     auto& settings = processSettings();
-    ScriptedAnswer slowToken = ScriptedAnswer::json(200, tokenAnswer("SLOW"));
-    slowToken.delay = 4s;
-    server_->on(kTokenPath, slowToken);
     server_->on(kInAppPath,
                 ScriptedAnswer::json(200, R"({"configuration":{"apiRequestTimeout":2}})"));
+    ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
+    EXPECT_EQ(settings.requestTimeout.load(), 2);  // The installed block now rules.
 
-    Tarn::shared().initialize(hostConfig("actor-1"));
-    // While the token request is out, the start-up values are in force.
-    EXPECT_EQ(settings.requestTimeout.load(), ProcessSettings::kStartupRequestTimeout);
-    EXPECT_EQ(settings.requestRetryCount.load(), ProcessSettings::kStartupRequestRetryCount);
-    ASSERT_TRUE(pumpUntil(
-        [] {
-            return processSettings().initializeStatus.load() != InitializeStatusType::initializing;
-        },
-        0.05, 15s));
-    EXPECT_EQ(settings.initializeStatus.load(), InitializeStatusType::initialized);
-    auto inApp = server_->requests(kInAppPath);
-    ASSERT_EQ(inApp.size(), 1u);
-    EXPECT_EQ(inApp[0].header("Authorization"), "Bearer SLOW");
-    // The installed block now rules.
-    EXPECT_EQ(settings.requestTimeout.load(), 2);
-
-    // A forced run starts over under the start-up values: the earlier block's 2 s would lose this
-    // token answer too.
-    server_->on(kTokenPath, [&] {
-        auto again = slowToken;
-        again.body = tokenAnswer("AGAIN");
-        return again;
-    }());
+    // The forced run's token answers after 4 s, which the block's 2 s would lose; meanwhile it
+    // notes the settings in force. An answer without a block then gives the fallbacks.
+    static std::atomic<std::int64_t> timeout{0}, retries{0};
+    server_->onRequest(kTokenPath, [](const RecordedRequest&) {
+        timeout = processSettings().requestTimeout.load();
+        retries = processSettings().requestRetryCount.load();
+        auto answer = ScriptedAnswer::json(200, tokenAnswer("SLOW"));
+        answer.delay = 4s;
+        return answer;
+    });
     server_->on(kInAppPath, ScriptedAnswer::json(200, "{}"));
-    Tarn::shared().initialize(hostConfig("actor-1", true));
-    EXPECT_EQ(settings.requestTimeout.load(), ProcessSettings::kStartupRequestTimeout);
-    ASSERT_TRUE(pumpUntil(
-        [] {
-            return processSettings().initializeStatus.load() != InitializeStatusType::initializing;
-        },
-        0.05, 15s));
-    EXPECT_EQ(settings.initializeStatus.load(), InitializeStatusType::initialized);
-    inApp = server_->requests(kInAppPath);
+    ASSERT_EQ(initializeAndWait(hostConfig("actor-1", true)), InitializeStatusType::initialized);
+    EXPECT_EQ(timeout.load(), ProcessSettings::kStartupRequestTimeout);
+    EXPECT_EQ(retries.load(), ProcessSettings::kStartupRequestRetryCount);
+    auto inApp = server_->requests(kInAppPath);
     ASSERT_EQ(inApp.size(), 2u);
-    EXPECT_EQ(inApp[1].header("Authorization"), "Bearer AGAIN");
-    // An answer without a block gives the fallbacks.
+    EXPECT_EQ(inApp[1].header("Authorization"), "Bearer SLOW");
     EXPECT_EQ(settings.requestTimeout.load(), 3);
     EXPECT_EQ(settings.requestRetryCount.load(), 3);
 }
