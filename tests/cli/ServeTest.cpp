@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "CliProcess.h"
+#include "ChildProcess.h"
 #include "support/TestSupport.h"
 
 namespace tarn::test {
@@ -22,19 +22,14 @@ constexpr const char* kToken = "/core/auth/token";
 constexpr const char* kInApp = "/orbital-harbor/sdk-public/inapp-communication-wrapper";
 constexpr const char* kEvent = "/orbital-harbor/sdk-public/event/mobile";
 
-class ServeCommand : public ::testing::Test {
+class ServeCommand : public CliTest {
   protected:
-    void SetUp() override {
-        if (tarnExecutable().empty()) {
-            GTEST_SKIP() << "the tarn command is not part of this build";
-        }
-    }
     /// Starts `tarn serve` on a free port and reads the bound port from its first line.
-    std::unique_ptr<CliProcess> start(std::vector<std::string> args) {
-        args.insert(args.begin(), {"serve", "--port", "0"});
-        auto process = std::make_unique<CliProcess>(args);
+    std::unique_ptr<ChildProcess> start(std::vector<std::string> args) {
+        args.insert(args.begin(), {tarnExecutable(), "serve", "--port", "0"});
+        auto process = std::make_unique<ChildProcess>(args);
         auto first = process->readLine(10s);
-        EXPECT_TRUE(first.has_value()) << process->err();
+        EXPECT_TRUE(first.has_value()) << process->err;
         const std::string prefix = "tarn serve: listening on http://127.0.0.1:";
         EXPECT_EQ(first.value_or("").rfind(prefix, 0), 0u) << first.value_or("");
         port_ = std::stoi(first.value_or(prefix + "0").substr(prefix.size()));
@@ -108,22 +103,15 @@ TEST_F(ServeCommand, TokensInAppFileEventsAndEveryThirdEventFailing) {
     // A share of 0.34 spreads evenly: the 3rd and 6th eligible requests fail.
     EXPECT_EQ(statuses, (std::vector<int>{200, 200, 500, 200, 200, 500}));
 
-    EXPECT_EQ(serve->wait(20s), 0) << serve->err();
-    const std::string& out = serve->out();
-    EXPECT_NE(out.find("-> 401: wrong client credentials (client \"host-app\")"), std::string::npos)
-        << out;
-    EXPECT_NE(out.find(std::string("POST ") + kEvent +
-                       " -> 200: event \"e4\" actor actor-1 conversion C-e4"),
-              std::string::npos)
-        << out;
-    EXPECT_NE(out.find(std::string("POST ") + kEvent + " -> 500: injected fault"),
-              std::string::npos)
-        << out;
-    EXPECT_NE(out.find("reloaded " + inapp.string() + " (0 communications)"), std::string::npos)
-        << out;
-    EXPECT_NE(out.find("tarn serve: stopped (11 requests answered) after 11 requests, 4 events"),
-              std::string::npos)
-        << out;
+    EXPECT_EQ(serve->wait(20s), 0) << serve->err;
+    const std::string& out = serve->out;
+    for (const std::string& line : std::vector<std::string>{
+             "-> 401: wrong client credentials (client \"host-app\")",
+             std::string("POST ") + kEvent + " -> 200: event \"e4\" actor actor-1 conversion C-e4",
+             std::string("POST ") + kEvent + " -> 500: injected fault",
+             "reloaded " + inapp.string() + " (0 communications)",
+             std::string("tarn serve: stopped (11 requests answered) after 11 requests, 4 events")})
+        EXPECT_NE(out.find(line), std::string::npos) << line << " not in\n" << out;
     // Neither the secret nor the token is ever printed.
     EXPECT_EQ(out.find("s3cr3t-value"), std::string::npos);
     EXPECT_EQ(out.find(accessToken), std::string::npos);
@@ -166,8 +154,8 @@ TEST_F(ServeCommand, DelaysJsonOutputSignalsAndBounds) {
     EXPECT_EQ(json::parse(*line2)["name"], "d2");
     serve->signal(SIGTERM);
     EXPECT_EQ(serve->wait(10s), 0);
-    EXPECT_NE(serve->err().find("stopped (SIGTERM) after 4 requests, 2 events"), std::string::npos)
-        << serve->err();
+    EXPECT_NE(serve->err.find("stopped (SIGTERM) after 4 requests, 2 events"), std::string::npos)
+        << serve->err;
 
     // --compress honours the client's Accept-Encoding.
     auto compressing = start({"--compress", "--accept-any-token", "--max-requests", "1"});
@@ -181,15 +169,13 @@ TEST_F(ServeCommand, DelaysJsonOutputSignalsAndBounds) {
     auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(timed->wait(10s), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
-    EXPECT_NE(timed->out().find("stopped (duration reached) after 0 requests"), std::string::npos);
+    EXPECT_NE(timed->out.find("stopped (duration reached) after 0 requests"), std::string::npos);
 
     // Binding beyond the loopback interface takes an explicit flag.
-    std::string out;
-    std::string err;
-    EXPECT_EQ(
-        runTarn({"serve", "--host", "0.0.0.0", "--port", "0", "--duration", "0.1"}, &out, &err), 2);
-    EXPECT_NE(err.find("refusing to bind 0.0.0.0"), std::string::npos) << err;
-    EXPECT_EQ(out, "");
+    auto wide = runTarn({"serve", "--host", "0.0.0.0", "--port", "0", "--duration", "0.1"});
+    EXPECT_EQ(wide.status, 2);
+    EXPECT_NE(wide.err.find("refusing to bind 0.0.0.0"), std::string::npos) << wide.err;
+    EXPECT_EQ(wide.out, "");
 }
 
 TEST_F(ServeCommand, SigintCutsAHeldAnswerShort) {
@@ -201,7 +187,7 @@ TEST_F(ServeCommand, SigintCutsAHeldAnswerShort) {
     EXPECT_EQ(serve->wait(20s), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 10s);
     client.join();
-    EXPECT_NE(serve->out().find("stopped (SIGINT)"), std::string::npos) << serve->out();
+    EXPECT_NE(serve->out.find("stopped (SIGINT)"), std::string::npos) << serve->out;
 }
 
 }  // namespace
