@@ -8,7 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <chrono>
 #include <optional>
@@ -17,6 +17,10 @@
 #include <vector>
 
 namespace tarn::test {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
 
 /// Path of the built `tarn` executable, or empty when the command is not part of this build.
 inline std::string tarnExecutable() {

@@ -47,8 +47,8 @@ TEST_F(DemoCommand, TheJourneyArrivesInOrderAsJsonLinesAndKeepLeavesItsFolder) {
           "| [ Go to checkout ] -> deep tarndemo://checkout",
           "host action callback: AppCommunicationAction(link: tarndemo://checkout, type: deep)",
           "OK: all 10 expected events arrived in order"})
-        EXPECT_NE(demo.err.find(text), std::string::npos) << text << " not in\n" << demo.err;
-    EXPECT_EQ(demo.err.find("Tarn-QueueManager:"), std::string::npos) << demo.err;
+        EXPECT_THAT(demo.err, HasSubstr(text));
+    EXPECT_THAT(demo.err, Not(HasSubstr("Tarn-QueueManager:")));
 
     // --keep leaves the bundle, the data folder and the library's log, which holds its lines.
     auto kept = demo.err.find("kept ");
@@ -59,11 +59,10 @@ TEST_F(DemoCommand, TheJourneyArrivesInOrderAsJsonLinesAndKeepLeavesItsFolder) {
     EXPECT_TRUE(std::filesystem::is_directory(folder / "data"));
     std::ostringstream log;
     log << std::ifstream(folder / "library.log").rdbuf();
-    EXPECT_NE(log.str().find("Tarn-InAppManager: Tarn Sdk initialized succesfully.;"),
-              std::string::npos);
+    EXPECT_THAT(log.str(), HasSubstr("Tarn-InAppManager: Tarn Sdk initialized succesfully.;"));
     // The service file's secret reaches neither the output nor the log.
-    EXPECT_EQ(log.str().find("demo-secret-not-for-production"), std::string::npos);
-    EXPECT_EQ(demo.err.find("demo-secret-not-for-production"), std::string::npos);
+    EXPECT_THAT(log.str(), Not(HasSubstr("demo-secret-not-for-production")));
+    EXPECT_THAT(demo.err, Not(HasSubstr("demo-secret-not-for-production")));
     std::filesystem::remove_all(folder);
 }
 
@@ -80,8 +79,8 @@ TEST_F(DemoCommand, TheQuietTableNamesEveryEventAndRefusedEventsFailTheDemo) {
          {"  login                  demo-user-42                          -                500\n",
           "  purchase               demo-user-42                          DEMO-CART-10     200\n",
           "  logout                 demo-user-42                          -                200\n"})
-        EXPECT_NE(demo.out.find(row), std::string::npos) << row << " not in\n" << demo.out;
-    EXPECT_EQ(demo.out.find("Tarn-"), std::string::npos) << demo.out;
+        EXPECT_THAT(demo.out, HasSubstr(row));
+    EXPECT_THAT(demo.out, Not(HasSubstr("Tarn-")));
     // Quiet: standard error holds the verdict alone.
     EXPECT_EQ(demo.err,
               "tarn demo: missing after 3 s (the library does not send a refused event again): "
