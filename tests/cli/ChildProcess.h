@@ -10,6 +10,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <stdexcept>
@@ -72,7 +73,7 @@ class ChildProcess {
         fds_[0] = -1;
     }
     /// Reads the outputs into `out` and `err` until `done` holds (true), or they end or `timeout`
-    /// passes first (false).
+    /// passes first (false). `done` may trim `out`.
     template <typename Done>
     bool pumpUntil(Done done, std::chrono::milliseconds timeout) {
         auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -84,7 +85,8 @@ class ChildProcess {
             pollfd p[3] = {{-1, 0, 0}, {fds_[1], POLLIN, 0}, {fds_[2], POLLIN, 0}};
             if (left.count() <= 0 || (fds_[1] < 0 && fds_[2] < 0))
                 return false;
-            if (poll(p, 3, static_cast<int>(left.count())) <= 0)
+            // Short polls, so that `done` is asked again while the outputs stay quiet.
+            if (poll(p, 3, static_cast<int>(std::min<long>(left.count(), 10))) <= 0)
                 continue;
             for (int i = 1; i < 3; ++i) {
                 if (p[i].fd < 0 || !(p[i].revents & (POLLIN | POLLHUP | POLLERR)))
