@@ -28,19 +28,14 @@ Milliseconds expectCleanExit(std::vector<std::string> args, const std::function<
     ChildProcess child(args);
     bool completion = false;
     // Its log lines go to standard output at a high rate: only a short tail is kept.
-    auto seen = [&](const char* line) {
+    auto tailHolds = [&](const char* line) {
         completion |= child.out.find("completion\n") != std::string::npos;
         bool found = child.out.find(line) != std::string::npos;
         child.out.erase(0, child.out.size() - std::min<std::size_t>(child.out.size(), 64));
         return found;
     };
-    EXPECT_TRUE(child.pumpUntil([&] { return seen("ready\n"); }, 60s));
-    EXPECT_TRUE(child.pumpUntil(
-        [&] {
-            seen("");
-            return busy();
-        },
-        60s));
+    EXPECT_TRUE(child.pumpUntil([&] { return tailHolds("ready\n"); }, 60s));
+    EXPECT_TRUE(child.pumpUntil([&] { return tailHolds("") && busy(); }, 60s));  // trims, then asks
     auto start = std::chrono::steady_clock::now();
     child.finishInput("\n");
     // A hung child is killed after a while (-1), so the test fails instead of hanging.
@@ -49,7 +44,7 @@ Milliseconds expectCleanExit(std::vector<std::string> args, const std::function<
     for (const char* report : {"Sanitizer", "runtime error:", "ERROR:"})
         EXPECT_THAT(child.err, Not(HasSubstr(report)));
     // The server never answered: no completion may have run, before or during exit.
-    EXPECT_FALSE(completion || seen("completion\n"));
+    EXPECT_FALSE(completion || tailHolds("completion\n"));
     // The goal is far lower (tens of milliseconds); the bound leaves room for a loaded machine
     // and sanitizers.
     EXPECT_LT(took, 5s);
@@ -105,16 +100,14 @@ TEST_F(ExitTest, EveryWayOfEndingTheProcessIsCleanWhileTheLibraryIsBusy) {
 TEST_F(ExitTest, AnAnswerStillBeingParsedDoesNotHoldTheExit) {
     // About 8 MB of communications: decoding it takes far longer than an exit may.
     nlohmann::json items = nlohmann::json::array();
-    std::string filler(900, 'x');
-    while (items.size() < 9000) {
-        auto uuid = "c" + std::to_string(items.size());
-        items.push_back({{"uuid", uuid},
-                         {"code", "code-" + uuid},
-                         {"name", filler},
-                         {"expireDate", 0},
-                         {"template", "POPUP"},
-                         {"triggeringEventName", "never"},
-                         {"maxShowCount", 1}});
+    nlohmann::json item = {{"name", std::string(900, 'x')},
+                           {"expireDate", 0},
+                           {"template", "POPUP"},
+                           {"triggeringEventName", "never"},
+                           {"maxShowCount", 1}};
+    for (int i = 0; i < 9000; ++i) {
+        item.update({{"uuid", "c" + std::to_string(i)}, {"code", "code-c" + std::to_string(i)}});
+        items.push_back(item);
     }
     const std::string answer = nlohmann::json{{"inAppCommunicationCommands", items}}.dump();
     ASSERT_GT(answer.size(), 8'000'000u);
