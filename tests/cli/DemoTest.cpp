@@ -1,14 +1,12 @@
 // `tarn demo` run as the main job runs it: every expected event arrives in order, and the
 // library's own log lines stay out of the demo's output.
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
 
-#include "CliProcess.h"
+#include "ChildProcess.h"
 
 namespace tarn::test {
 namespace {
@@ -16,31 +14,19 @@ namespace {
 using nlohmann::json;
 using namespace std::chrono_literals;
 
-TEST(DemoCommand, TheJourneyArrivesInOrderAsJsonLinesAndKeepLeavesItsFolder) {
-    if (tarnExecutable().empty()) {
-        GTEST_SKIP() << "the tarn command is not part of this build";
-    }
-    CliProcess demo({"demo", "--json", "--keep"});
-    ASSERT_EQ(demo.wait(120s), 0) << demo.out() << demo.err();
+using DemoCommand = CliTest;
 
-    std::vector<json> events;
-    std::istringstream lines(demo.out());
+TEST_F(DemoCommand, TheJourneyArrivesInOrderAsJsonLinesAndKeepLeavesItsFolder) {
+    auto demo = runTarn({"demo", "--json", "--keep"}, 120s);
+    ASSERT_EQ(demo.status, 0) << demo.out << demo.err;
+    // Standard output holds nothing but the events: no journey text, no library log line.
+    std::vector<std::string> names;
+    std::istringstream lines(demo.out);
     for (std::string line; std::getline(lines, line);) {
-        // Standard output holds nothing but the events: no journey text, no library log line.
         auto event = json::parse(line, nullptr, false);
         ASSERT_TRUE(event.is_object()) << "not a JSON line: " << line;
-        events.push_back(std::move(event));
-    }
-    std::vector<std::string> names;
-    for (const auto& event : events) {
-        if (event["name"] != "actor_change") {
+        if (event["name"] != "actor_change")
             names.push_back(event["name"]);
-        }
-    }
-    EXPECT_EQ(names, (std::vector<std::string>{"install", "sdk_initialize", "login", "page_in",
-                                               "page_out", "add_to_cart", "in_app_opened",
-                                               "in_app_button_clicked", "purchase", "logout"}));
-    for (const auto& event : events) {
         if (event["name"] == "purchase") {
             EXPECT_EQ(event["parameters"]["conversionCommunicationCode"], "DEMO-CART-10");
             EXPECT_EQ(event["parameters"]["orderId"], "ORD-7731");
@@ -51,78 +37,52 @@ TEST(DemoCommand, TheJourneyArrivesInOrderAsJsonLinesAndKeepLeavesItsFolder) {
             EXPECT_EQ(event["parameters"]["communicationCode"], "DEMO-CART-10");
         }
     }
+    EXPECT_EQ(names, (std::vector<std::string>{"install", "sdk_initialize", "login", "page_in",
+                                               "page_out", "add_to_cart", "in_app_opened",
+                                               "in_app_button_clicked", "purchase", "logout"}));
 
     // The journey went to standard error: the popup as drawn, the host's callback, the verdict.
-    const std::string& err = demo.err();
-    EXPECT_NE(err.find("| 10% off what is in your cart   [title #1A73E8]"), std::string::npos)
-        << err;
-    EXPECT_NE(err.find("| [ Go to checkout ] -> deep tarndemo://checkout"), std::string::npos);
-    EXPECT_NE(err.find("host action callback: AppCommunicationAction(link: tarndemo://checkout, "
-                       "type: deep)"),
-              std::string::npos);
-    EXPECT_NE(err.find("OK: all 10 expected events arrived in order"), std::string::npos);
-    EXPECT_EQ(err.find("Tarn-QueueManager:"), std::string::npos) << err;
+    for (const char* text :
+         {"| 10% off what is in your cart   [title #1A73E8]",
+          "| [ Go to checkout ] -> deep tarndemo://checkout",
+          "host action callback: AppCommunicationAction(link: tarndemo://checkout, type: deep)",
+          "OK: all 10 expected events arrived in order"})
+        EXPECT_THAT(demo.err, HasSubstr(text));
+    EXPECT_THAT(demo.err, Not(HasSubstr("Tarn-QueueManager:")));
 
     // --keep leaves the bundle, the data folder and the library's log, which holds its lines.
-    auto kept = err.find("kept ");
-    ASSERT_NE(kept, std::string::npos) << err;
-    std::filesystem::path folder = err.substr(kept + 5, err.find(' ', kept + 5) - kept - 5);
+    auto kept = demo.err.find("kept ");
+    ASSERT_NE(kept, std::string::npos) << demo.err;
+    std::filesystem::path folder =
+        demo.err.substr(kept + 5, demo.err.find(' ', kept + 5) - kept - 5);
     EXPECT_TRUE(std::filesystem::exists(folder / "bundle" / "TarnService-Info.plist"));
     EXPECT_TRUE(std::filesystem::is_directory(folder / "data"));
-    std::string log;
-    {
-        std::ifstream in(folder / "library.log");
-        std::ostringstream text;
-        text << in.rdbuf();
-        log = text.str();
-    }
-    EXPECT_NE(log.find("Tarn-InAppManager: Tarn Sdk initialized succesfully.;"), std::string::npos);
+    std::ostringstream log;
+    log << std::ifstream(folder / "library.log").rdbuf();
+    EXPECT_THAT(log.str(), HasSubstr("Tarn-InAppManager: Tarn Sdk initialized succesfully.;"));
     // The service file's secret reaches neither the output nor the log.
-    EXPECT_EQ(log.find("demo-secret-not-for-production"), std::string::npos);
-    EXPECT_EQ(err.find("demo-secret-not-for-production"), std::string::npos);
+    EXPECT_THAT(log.str(), Not(HasSubstr("demo-secret-not-for-production")));
+    EXPECT_THAT(demo.err, Not(HasSubstr("demo-secret-not-for-production")));
     std::filesystem::remove_all(folder);
 }
 
-TEST(DemoCommand, TheTableNamesEveryEventWithActorAndConversionCode) {
-    if (tarnExecutable().empty()) {
-        GTEST_SKIP() << "the tarn command is not part of this build";
-    }
-    std::string out;
-    std::string err;
-    ASSERT_EQ(runTarn({"demo", "--quiet"}, &out, &err, 120s), 0) << out << err;
-    EXPECT_EQ(err, "");
-    EXPECT_EQ(out.rfind("\nThe server received, in order:\n"
-                        "request  event                  actor                                 "
-                        "conversion code  answer\n",
-                        0),
-              0u)
-        << out;
-    EXPECT_NE(out.find("  purchase               demo-user-42                          "
-                       "DEMO-CART-10     200\n"),
-              std::string::npos)
-        << out;
-    EXPECT_NE(out.find("  logout                 demo-user-42                          -     "
-                       "           200\n"),
-              std::string::npos)
-        << out;
-    EXPECT_EQ(out.find("Tarn-"), std::string::npos) << out;
-}
-
-TEST(DemoCommand, RefusedEventsAreReportedMissingAndFailTheDemo) {
-    if (tarnExecutable().empty()) {
-        GTEST_SKIP() << "the tarn command is not part of this build";
-    }
-    std::string out;
-    std::string err;
+TEST_F(DemoCommand, TheQuietTableNamesEveryEventAndRefusedEventsFailTheDemo) {
     // Every fourth event request is refused: the 4th (login) and the 8th (in_app_opened).
-    EXPECT_EQ(
-        runTarn({"demo", "--quiet", "--fault-share", "0.25", "--timeout", "3"}, &out, &err, 120s),
-        1);
-    EXPECT_NE(out.find("  login                  demo-user-42                          -     "
-                       "           500\n"),
-              std::string::npos)
-        << out;
-    EXPECT_EQ(err,
+    auto demo = runTarn({"demo", "--quiet", "--fault-share", "0.25", "--timeout", "3"}, 120s);
+    EXPECT_EQ(demo.status, 1);
+    EXPECT_EQ(demo.out.rfind("\nThe server received, in order:\nrequest  event                  "
+                             "actor                                 conversion code  answer\n",
+                             0),
+              0u)
+        << demo.out;
+    for (const char* row :
+         {"  login                  demo-user-42                          -                500\n",
+          "  purchase               demo-user-42                          DEMO-CART-10     200\n",
+          "  logout                 demo-user-42                          -                200\n"})
+        EXPECT_THAT(demo.out, HasSubstr(row));
+    EXPECT_THAT(demo.out, Not(HasSubstr("Tarn-")));
+    // Quiet: standard error holds the verdict alone.
+    EXPECT_EQ(demo.err,
               "tarn demo: missing after 3 s (the library does not send a refused event again): "
               "login, in_app_opened\n");
 }
