@@ -11,27 +11,19 @@ using nlohmann::json;
 
 namespace {
 
-// A communication with every field set; `n` varies the values.
-json richItem(int n) {
-    auto item = json::parse(R"({
-        "code": "CODE", "journey": "journey-1", "name": "Communication", "triggeringEventName": "e",
-        "title": {"text": "Title \u00e7", "color": "#112233"},
-        "body": {"text": "", "color": "#FFF"},
-        "images": [{"url": "https://cdn.example.com/a.png"}, {}, {"url": "https://x/b.png"}],
-        "bgColor": "#80000000", "journeyVersion": 7, "conversionEvent": "purchase",
-        "subInAppCommunication": {"template": "POPUP", "surveyCode": "S-1", "link": "https://s/1",
-            "buttons": [{"_id": "b1", "text": "OK", "textColor": "#000000", "color": "#FFFFFF",
-                         "action": {"link": "app://home", "type": "deep"}},
-                        {"_id": "b2", "text": "Web",
-                         "action": {"link": "https://w", "type": "url"}},
-                        {"text": "Close"}],
-            "action": {"link": "https://example.com/more", "type": "url"}}})");
-    item["uuid"] = "uuid-" + std::to_string(n);
-    item["expireDate"] = 1735689600000 + n;
-    item["template"] = n % 2 ? "SURVEY" : "POPUP";
-    item["maxShowCount"] = n;
-    return item;
-}
+// A communication with every field set.
+const json kRichItem = json::parse(R"({"uuid": "uuid-1", "code": "CODE", "journey": "journey-1",
+    "name": "Communication", "triggeringEventName": "e", "expireDate": 1735689600001,
+    "template": "SURVEY", "maxShowCount": 1, "title": {"text": "Title \u00e7", "color": "#112233"},
+    "body": {"text": "", "color": "#FFF"},
+    "images": [{"url": "https://cdn.example.com/a.png"}, {}, {"url": "https://x/b.png"}],
+    "bgColor": "#80000000", "journeyVersion": 7, "conversionEvent": "purchase",
+    "subInAppCommunication": {"template": "POPUP", "surveyCode": "S-1", "link": "https://s/1",
+        "buttons": [{"_id": "b1", "text": "OK", "textColor": "#000000", "color": "#FFFFFF",
+                     "action": {"link": "app://home", "type": "deep"}},
+                    {"_id": "b2", "text": "Web", "action": {"link": "https://w", "type": "url"}},
+                    {"text": "Close"}],
+        "action": {"link": "https://example.com/more", "type": "url"}}})");
 
 // A communication with only its required fields.
 json minimalItem(const std::string& uuid) {
@@ -43,12 +35,8 @@ json minimalItem(const std::string& uuid) {
     return item;
 }
 
-json answerOf(json items) {
-    return {{"inAppCommunicationCommands", std::move(items)}};
-}
-
-DecodeResult<AppCommunication> decodeAnswer(const json& document) {
-    return decodeAppCommunication(document.dump());
+DecodeResult<AppCommunication> decodeItems(json items) {
+    return decodeAppCommunication(json{{"inAppCommunicationCommands", items}}.dump());
 }
 
 }  // namespace
@@ -56,9 +44,7 @@ DecodeResult<AppCommunication> decodeAnswer(const json& document) {
 TEST(AppCommunicationCoding, EmptyAndNullParts) {
     auto empty = decodeAppCommunication("{}");
     ASSERT_TRUE(empty.ok()) << empty.error().localizedDescription();
-    EXPECT_FALSE(empty.value().model);
-    EXPECT_FALSE(empty.value().configuration);
-    EXPECT_EQ(encode(empty.value()), "{}");
+    EXPECT_EQ(encode(empty.value()), "{}");  // neither part present
 
     // Null is the same as an absent key; unknown keys are ignored.
     auto nulls = decodeAppCommunication(
@@ -70,32 +56,28 @@ TEST(AppCommunicationCoding, EmptyAndNullParts) {
     auto item = minimalItem("u1");
     item["images"] = nullptr;
     item["subInAppCommunication"] = {{"template", nullptr}, {"buttons", nullptr}};
-    auto partial = decodeAnswer(answerOf({item}));
+    auto partial = decodeItems({item});
     ASSERT_TRUE(partial.ok()) << partial.error().localizedDescription();
     const auto& decoded = partial.value().model->at(0);
     EXPECT_FALSE(decoded.images);
     EXPECT_FALSE(decoded.subInAppCommunication.templateType);
     EXPECT_FALSE(decoded.subInAppCommunication.buttons);
-    auto none = decodeAnswer(answerOf(json::array()));
+    auto none = decodeItems(json::array());
     ASSERT_TRUE(none.ok() && none.value().model);
     EXPECT_TRUE(none.value().model->empty());
 }
 
 TEST(AppCommunicationCoding, EnumerationsDecodeUnlistedValuesAsUnknown) {
-    const std::vector<std::pair<json, InAppType>> templates = {
-        {"POPUP", InAppType::popup},    {"SURVEY", InAppType::survey},
-        {"BANNER", InAppType::unknown}, {"popup", InAppType::unknown},
-        {3, InAppType::unknown},        {nullptr, InAppType::unknown}};
-    auto items = json::array();
-    for (const auto& [value, type] : templates) {
-        items.push_back(minimalItem("u" + std::to_string(items.size())));
-        items.back()["template"] = value;
-    }
-    auto answer = decodeAnswer(answerOf(items));
-    ASSERT_TRUE(answer.ok()) << answer.error().localizedDescription();
-    for (std::size_t i = 0; i < templates.size(); ++i) {
-        EXPECT_EQ(answer.value().model->at(i).templateType, templates[i].second)
-            << templates[i].first.dump();
+    for (const auto& [value, type] :
+         std::vector<std::pair<json, InAppType>>{{"POPUP", InAppType::popup},
+                                                 {"SURVEY", InAppType::survey},
+                                                 {"BANNER", InAppType::unknown},
+                                                 {"popup", InAppType::unknown},
+                                                 {3, InAppType::unknown},
+                                                 {nullptr, InAppType::unknown}}) {
+        auto item = minimalItem("u");
+        item["template"] = value;
+        EXPECT_EQ(decode<AppCommunicationItem>(item.dump()).value().templateType, type) << value;
     }
 
     // Optional enumerations: null or missing is absent, anything unlisted is unknown.
@@ -113,33 +95,30 @@ TEST(AppCommunicationCoding, EnumerationsDecodeUnlistedValuesAsUnknown) {
               InAppType::unknown);
 }
 
+// Every required field of an item is required, a null (but the template's) counts as missing, and
+// one bad item fails the whole answer.
 TEST(AppCommunicationCoding, MissingRequiredFieldFailsTheWholeAnswer) {
-    auto withoutTemplate = minimalItem("u2");
-    withoutTemplate.erase("template");
-    auto answer = decodeAnswer(answerOf({minimalItem("u1"), withoutTemplate}));
-    ASSERT_FALSE(answer.ok());
-    EXPECT_EQ(answer.error().kind, DecodingError::Kind::keyNotFound);
-    EXPECT_EQ(answer.error().codingPath, "inAppCommunicationCommands[1].template");
-
-    // Every required field of an item is required, and a null counts as missing.
-    for (const char* key : {"uuid", "code", "name", "expireDate", "triggeringEventName", "title",
-                            "body", "maxShowCount", "bgColor", "subInAppCommunication"}) {
-        auto item = minimalItem("u");
+    for (const char* key : {"uuid", "code", "name", "expireDate", "template", "triggeringEventName",
+                            "title", "body", "maxShowCount", "bgColor", "subInAppCommunication"}) {
+        auto item = minimalItem("u2");
         item.erase(key);
-        auto missing = decodeAnswer(answerOf({item}));
+        auto missing = decodeItems({minimalItem("u1"), item});
         ASSERT_FALSE(missing.ok()) << key;
-        EXPECT_EQ(missing.error().codingPath, std::string("inAppCommunicationCommands[0].") + key);
+        EXPECT_EQ(missing.error().kind, DecodingError::Kind::keyNotFound) << key;
+        EXPECT_EQ(missing.error().codingPath, std::string("inAppCommunicationCommands[1].") + key);
+        if (std::string_view(key) == "template")
+            continue;  // a null template reads as unknown
         item[key] = nullptr;
-        auto null = decodeAnswer(answerOf({item}));
+        auto null = decodeItems({minimalItem("u1"), item});
         ASSERT_FALSE(null.ok()) << key;
         EXPECT_EQ(null.error().kind, DecodingError::Kind::valueNotFound) << key;
     }
 }
 
 TEST(AppCommunicationCoding, ErrorsNameThePathOfTheOffendingField) {
-    auto items = json::array({minimalItem("a"), minimalItem("b"), minimalItem("c"), richItem(3)});
+    auto items = json::array({minimalItem("a"), minimalItem("b"), minimalItem("c"), kRichItem});
     items[3]["title"]["color"] = 255;
-    auto answer = decodeAnswer(answerOf(items));
+    auto answer = decodeItems(items);
     ASSERT_FALSE(answer.ok());
     EXPECT_EQ(answer.error().kind, DecodingError::Kind::typeMismatch);
     EXPECT_EQ(answer.error().localizedDescription(),
@@ -149,7 +128,7 @@ TEST(AppCommunicationCoding, ErrorsNameThePathOfTheOffendingField) {
     // Deep inside, and in an optional field present with the wrong type.
     items[3]["title"]["color"] = "#fff";
     items[3]["subInAppCommunication"]["buttons"][1]["action"]["link"] = json::array();
-    answer = decodeAnswer(answerOf(items));
+    answer = decodeItems(items);
     ASSERT_FALSE(answer.ok());
     EXPECT_EQ(answer.error().codingPath,
               "inAppCommunicationCommands[3].subInAppCommunication.buttons[1].action.link");
@@ -183,37 +162,26 @@ TEST(AppCommunicationCoding, NumbersAndIntegers) {
               DecodingError::Kind::typeMismatch);
 }
 
-TEST(AppCommunicationCoding, ButtonIdentifierTravelsUnderUnderscoreId) {
-    auto plain = decode<AppCommunicationButton>(R"({"id": "b1", "text": "OK"})");
-    ASSERT_TRUE(plain.ok());
-    EXPECT_FALSE(plain.value().id);
-    EXPECT_EQ(decode<AppCommunicationButton>(R"({"_id": "b1"})").value().id, "b1");
-    AppCommunicationButton button;
-    button.id = "b9";
-    EXPECT_EQ(toJson(button), json({{"_id", "b9"}}));
-}
-
 TEST(AppCommunicationCoding, RichDocumentsSurviveEncodeAndDecode) {
     json document = {
-        {"inAppCommunicationCommands", {richItem(1), richItem(2), minimalItem("m")}},
+        {"inAppCommunicationCommands", {kRichItem, minimalItem("m")}},
         {"configuration", json::parse(R"({"blockAllEvents": true, "offlineQueueSize": 100,
              "inAppMaxShowDuration": 15, "batteryEnabled": true, "wifiStatusEnabled": false,
              "diskCapacityEnabled": true, "locationEnabled": false, "apiRequestRetryCount": 4,
              "apiRequestTimeout": 10, "eventQueueDelay": 0.75, "conversionTimeout": 3600000})")},
     };
-    auto decoded = decodeAnswer(document);
+    auto decoded = decodeAppCommunication(document.dump());
     ASSERT_TRUE(decoded.ok()) << decoded.error().localizedDescription();
     const auto& first = decoded.value().model->at(0);
     EXPECT_EQ(first.templateType, InAppType::survey);
     EXPECT_EQ(first.title.text, "Title \u00e7");
     EXPECT_FALSE(first.images->at(1).url);
     EXPECT_EQ(first.subInAppCommunication.buttons->at(1).action->type, TarnActionType::url);
+    EXPECT_EQ(first.subInAppCommunication.buttons->at(1).id, "b2");  // sent as "_id"
+    EXPECT_FALSE(decode<AppCommunicationButton>(R"({"id": "b1"})").value().id);
 
-    // Encoding writes back exactly the keys it read, and decoding that gives an equal answer.
-    auto text = encode(decoded.value());
-    EXPECT_EQ(json::parse(text), document);
-    EXPECT_EQ(decodeAppCommunication(text).value(), decoded.value());
-    EXPECT_EQ(toJson(first), document["inAppCommunicationCommands"][0]);
+    // Encoding writes back exactly the keys it read.
+    EXPECT_EQ(json::parse(encode(decoded.value())), document);
 
     // The push item.
     auto push = json::parse(R"({"uuid": "p1", "code": "PC", "actorId": "actor",
