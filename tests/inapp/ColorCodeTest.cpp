@@ -5,16 +5,13 @@
 using namespace tarn;
 
 TEST(ColorCode, ReadsTheHexFormsAndTakesUnreadableCodesAsBlack) {
-    for (const auto& [code, color] :
-         std::vector<std::pair<std::string, Color>>{{"#FF8800", {255, 136, 0, 255}},
-                                                    {"ff8800", {255, 136, 0, 255}},
-                                                    {"#fF88aA", {255, 136, 170, 255}},
-                                                    {"#F80", {255, 136, 0, 255}},
-                                                    {"f80", {255, 136, 0, 255}},
-                                                    {"#F808", {255, 136, 0, 136}},
-                                                    {"#FF000080", {255, 0, 0, 128}},  // alpha last
-                                                    {"#00000000", {0, 0, 0, 0}},
-                                                    {"  #0a0B0c \t\n", {10, 11, 12, 255}}}) {
+    const std::vector<std::pair<std::string, Color>> readable = {
+        {"#FF8800", {255, 136, 0, 255}},   {"ff8800", {255, 136, 0, 255}},
+        {"#fF88aA", {255, 136, 170, 255}}, {"#F80", {255, 136, 0, 255}},
+        {"f80", {255, 136, 0, 255}},       {"#F808", {255, 136, 0, 136}},
+        {"#FF000080", {255, 0, 0, 128}},  // alpha last
+        {"#00000000", {0, 0, 0, 0}},       {"  #0a0B0c \t\n", {10, 11, 12, 255}}};
+    for (const auto& [code, color] : readable) {
         EXPECT_EQ(parseColorCode(code), color) << code;
         EXPECT_EQ(colorFromCode(code), color) << code;
     }
