@@ -29,31 +29,7 @@ TEST(ManualExecutor, RunsTasksInDueOrderOnVirtualTime) {
     EXPECT_EQ(queue->pendingCount(), 0u);
 }
 
-TEST(RepeatingTimer, TicksEveryIntervalUntilInvalidatedEvenFromItsOwnTick) {
-    auto queue = std::make_shared<ManualExecutor>();
-    int ticks = 0, selfStopping = 0;
-    auto timer = RepeatingTimer::scheduled(
-        0.5, [&] { ++ticks; }, queue);
-    std::shared_ptr<RepeatingTimer> other;
-    other = RepeatingTimer::scheduled(
-        0.1,
-        [&] {
-            if (++selfStopping == 2)
-                other->invalidate();
-        },
-        queue);
-    queue->advance(0.4);
-    EXPECT_EQ(ticks, 0);
-    queue->advance(1.1);  // t = 1.5: ticks at 0.5, 1.0, 1.5
-    EXPECT_EQ(ticks, 3);
-    timer->invalidate();
-    queue->advance(5);
-    EXPECT_EQ(ticks, 3);
-    EXPECT_FALSE(timer->isValid());
-    EXPECT_EQ(selfStopping, 2);
-}
-
-TEST(RepeatingTimer, KeepsItsRateWhateverTheActionTakesAndSkipsMissedTicks) {
+TEST(RepeatingTimer, KeepsItsRateSkipsMissedTicksAndStopsWhenInvalidatedEvenFromItsOwnTick) {
     auto queue = std::make_shared<ManualExecutor>();
     std::vector<double> ticks;
     double work = 0.25;  // how much of the virtual clock the action takes
@@ -64,14 +40,28 @@ TEST(RepeatingTimer, KeepsItsRateWhateverTheActionTakesAndSkipsMissedTicks) {
             queue->advance(work);
         },
         queue);
-    queue->advance(3);
+    int selfStopping = 0;
+    std::shared_ptr<RepeatingTimer> other;
+    other = RepeatingTimer::scheduled(
+        0.1,
+        [&] {
+            if (++selfStopping == 2)
+                other->invalidate();
+        },
+        queue);
+    queue->advance(0.9);
+    EXPECT_TRUE(ticks.empty());
+    EXPECT_EQ(selfStopping, 2);
+    queue->advance(2.1);
     EXPECT_EQ(ticks, (std::vector<double>{1, 2, 3}));  // not 1, 2.25, 3.5
     work = 2.5;  // the tick at 4 runs past 5 and 6: those are skipped
     queue->advance(4);
     EXPECT_EQ(ticks, (std::vector<double>{1, 2, 3, 4, 7}));
     timer->invalidate();
+    EXPECT_FALSE(timer->isValid());
     queue->advance(10);
     EXPECT_EQ(ticks.size(), 5u);
+    EXPECT_EQ(selfStopping, 2);
     EXPECT_EQ(queue->pendingCount(), 0u);
 }
 
