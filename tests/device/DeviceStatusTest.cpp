@@ -8,7 +8,6 @@
 #include "tarn/device/DeviceInfo.h"
 #include "tarn/device/DeviceModel.h"
 #include "tarn/device/DeviceStatusHelper.h"
-#include "tarn/device/Reachability.h"
 
 using namespace tarn;
 namespace fs = std::filesystem;
@@ -72,13 +71,10 @@ TEST_F(DeviceStatusTest, LinuxProviderReportsTheMachine) {
     auto provider = makePlatformDeviceInfoProvider();
     EXPECT_EQ(provider->modelName(), modelName());
     EXPECT_FALSE(provider->location());
-    // The network status agrees with a default-route monitor, and leaves no work on the main queue.
-    auto connection = Reachability::create()->connection();
-    EXPECT_EQ(provider->networkStatus(), connection == Connection::unavailable ? "NONE"
-                                         : connection == Connection::wifi      ? "WIFI"
-                                                                               : "CELLULAR");
+    // Reading the network status leaves no work on the main queue. (Its values as links and
+    // addresses change: ReachabilityTest's namespace run.)
     queue().runPending();
-    DeviceStatusHelper::shared().networkStatus();
+    provider->networkStatus();
     EXPECT_EQ(queue().pendingCount(), 0u);
 
     // The device identifier: stable upper-case text of a name-based (version 5) UUID, not the

@@ -143,16 +143,16 @@ TEST_F(ReachabilityTest, FlagTextAndConnectionRule) {
                D = kReachabilityConnectionOnDemand, i = kReachabilityInterventionRequired;
     using enum Connection;
     // {flags, on a device, cellular allowed, expected}
-    for (auto [flags, device, mayUseCellular, expected] :
-         std::vector<std::tuple<std::optional<ReachabilityFlags>, bool, bool, Connection>>{
-             {std::nullopt, true, true, unavailable},
-             {W, true, true, unavailable},
-             {R | W, true, true, cellular},
-             {R | W, true, false, unavailable},
-             {R | W, false, true, wifi},
-             {R | c, true, true, unavailable},
-             {R | c | C, true, true, wifi},
-             {R | c | D | i, true, true, unavailable}}) {
+    const std::vector<std::tuple<std::optional<ReachabilityFlags>, bool, bool, Connection>> rows = {
+        {std::nullopt, true, true, unavailable},
+        {W, true, true, unavailable},
+        {R | W, true, true, cellular},
+        {R | W, true, false, unavailable},
+        {R | W, false, true, wifi},
+        {R | c, true, true, unavailable},
+        {R | c | C, true, true, wifi},
+        {R | c | D | i, true, true, unavailable}};
+    for (auto [flags, device, mayUseCellular, expected] : rows) {
         EXPECT_EQ(Reachability::connectionForFlags(flags, device, mayUseCellular), expected)
             << Reachability::flagsDescription(flags) << device << mayUseCellular;
     }
