@@ -7,6 +7,7 @@
 #include "tarn/platform/MainQueue.h"
 
 using namespace tarn;
+using namespace std::chrono_literals;
 
 TEST(ManualExecutor, RunsTasksInDueOrderOnVirtualTime) {
     auto queue = std::make_shared<ManualExecutor>();
@@ -28,128 +29,80 @@ TEST(ManualExecutor, RunsTasksInDueOrderOnVirtualTime) {
     EXPECT_EQ(queue->pendingCount(), 0u);
 }
 
-TEST(RepeatingTimer, TicksEveryIntervalUntilInvalidated) {
+TEST(RepeatingTimer, KeepsItsRateSkipsMissedTicksAndStopsWhenInvalidatedEvenFromItsOwnTick) {
     auto queue = std::make_shared<ManualExecutor>();
-    int ticks = 0;
-    auto timer = RepeatingTimer::scheduled(
-        0.5, [&] { ++ticks; }, queue);
-    queue->advance(0.4);
-    EXPECT_EQ(ticks, 0);
-    queue->advance(1.1);  // t = 1.5: ticks at 0.5, 1.0, 1.5
-    EXPECT_EQ(ticks, 3);
-    timer->invalidate();
-    queue->advance(5);
-    EXPECT_EQ(ticks, 3);
-    EXPECT_FALSE(timer->isValid());
-}
-
-TEST(RepeatingTimer, KeepsItsRateWhateverTheActionTakesAndSkipsMissedTicks) {
-    // An executor whose clock moves only when a task runs or the task itself moves it.
-    class SteppedExecutor final : public Executor {
-      public:
-        double clock = 0;
-        std::vector<std::pair<double, Task>> posted;
-        void async(Task task) override { asyncAfter(0, std::move(task)); }
-        void asyncAfter(double seconds, Task task) override {
-            posted.emplace_back(seconds, std::move(task));
-        }
-        bool isCurrent() const override { return true; }
-        double now() const override { return clock; }
-        void runNext() {
-            auto [delay, task] = std::move(posted.front());
-            posted.erase(posted.begin());
-            clock += delay;
-            task();
-        }
-    };
-    auto queue = std::make_shared<SteppedExecutor>();
     std::vector<double> ticks;
-    double work = 0.25;
+    double work = 0.25;  // how much of the virtual clock the action takes
     auto timer = RepeatingTimer::scheduled(
         1.0,
         [&] {
-            ticks.push_back(queue->clock);
-            queue->clock += work;
+            ticks.push_back(queue->now());
+            queue->advance(work);
         },
         queue);
-    for (int i = 0; i < 3; ++i) {
-        queue->runNext();
-    }
-    EXPECT_EQ(ticks, (std::vector<double>{1, 2, 3}));  // not 1, 2.25, 3.5
-    work = 2.5;  // the tick at 4 runs past 5 and 6: those are skipped
-    queue->runNext();
-    queue->runNext();
-    EXPECT_EQ(ticks, (std::vector<double>{1, 2, 3, 4, 7}));
-    timer->invalidate();
-    queue->runNext();
-    EXPECT_EQ(ticks.size(), 5u);
-    EXPECT_TRUE(queue->posted.empty());
-}
-
-TEST(RepeatingTimer, InvalidatingFromItsOwnTickStopsIt) {
-    auto queue = std::make_shared<ManualExecutor>();
-    int ticks = 0;
-    std::shared_ptr<RepeatingTimer> timer;
-    timer = RepeatingTimer::scheduled(
+    int selfStopping = 0;
+    std::shared_ptr<RepeatingTimer> other;
+    other = RepeatingTimer::scheduled(
         0.1,
         [&] {
-            if (++ticks == 2)
-                timer->invalidate();
+            if (++selfStopping == 2)
+                other->invalidate();
         },
         queue);
-    queue->advance(1);
-    EXPECT_EQ(ticks, 2);
+    queue->advance(0.9);
+    EXPECT_TRUE(ticks.empty());
+    EXPECT_EQ(selfStopping, 2);
+    queue->advance(2.1);
+    EXPECT_EQ(ticks, (std::vector<double>{1, 2, 3}));  // not 1, 2.25, 3.5
+    work = 2.5;  // the tick at 4 runs past 5 and 6: those are skipped
+    queue->advance(4);
+    EXPECT_EQ(ticks, (std::vector<double>{1, 2, 3, 4, 7}));
+    timer->invalidate();
+    EXPECT_FALSE(timer->isValid());
+    queue->advance(10);
+    EXPECT_EQ(ticks.size(), 5u);
+    EXPECT_EQ(selfStopping, 2);
+    EXPECT_EQ(queue->pendingCount(), 0u);
 }
 
-TEST(ThreadExecutor, RunsSeriallyOffTheCallerAndHonoursDelays) {
-    ThreadExecutor executor;
-    std::atomic<int> running{0};
-    std::atomic<int> maxRunning{0};
-    std::atomic<int> done{0};
-    std::vector<std::thread> posters;
+TEST(ThreadExecutor, RunsSeriallyOffTheCallerHonoursDelaysAndMayBeReleasedFromItsOwnTask) {
+    auto executor = std::make_shared<ThreadExecutor>();
+    std::atomic<int> running{0}, done{0};
+    std::vector<std::jthread> posters;
     for (int t = 0; t < 4; ++t) {
         posters.emplace_back([&] {
             for (int i = 0; i < 50; ++i) {
-                executor.async([&] {
-                    int now = ++running;
-                    int seen = maxRunning.load();
-                    while (now > seen && !maxRunning.compare_exchange_weak(seen, now)) {
-                    }
-                    EXPECT_TRUE(executor.isCurrent());
+                executor->async([&] {
+                    EXPECT_EQ(++running, 1);  // never two at once
+                    EXPECT_TRUE(executor->isCurrent());
                     --running;
                     ++done;
                 });
             }
         });
     }
-    for (auto& p : posters)
-        p.join();
-    EXPECT_FALSE(executor.isCurrent());
+    posters.clear();  // joins
+    EXPECT_FALSE(executor->isCurrent());
     auto start = std::chrono::steady_clock::now();
-    std::atomic<bool> delayed{false};
-    executor.asyncAfter(0.05, [&] { delayed = true; });
+    std::atomic<bool> delayed{false}, released{false}, ran{false};
+    executor->asyncAfter(0.05, [&] { delayed = true; });
     while (!delayed)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(45));
-    executor.waitUntilIdle();
+        std::this_thread::sleep_for(1ms);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 45ms);
+    executor->waitUntilIdle();
     EXPECT_EQ(done.load(), 200);
-    EXPECT_EQ(maxRunning.load(), 1);
-}
 
-TEST(ThreadExecutor, MayBeReleasedFromItsOwnTask) {
-    auto executor = std::make_shared<ThreadExecutor>();
+    // The last reference goes away on the executor's own thread.
     std::weak_ptr<ThreadExecutor> watch = executor;
-    std::atomic<bool> released{false};
-    std::atomic<bool> ran{false};
     executor->async([held = executor, &released, &ran]() mutable {
         while (!released)
             std::this_thread::yield();
-        held.reset();  // the last reference goes away on the executor's own thread
+        held.reset();
         ran = true;
     });
     executor.reset();
     released = true;
     while (!ran)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(1ms);
     EXPECT_TRUE(watch.expired());
 }
