@@ -1,34 +1,24 @@
 // The popup end to end: the library fetches the answer from the loopback server, a custom event
 // shows the Qt popup over the host's window, the user acts on it, the events reach the server.
-#include <QApplication>
 #include <QDir>
-#include <QLabel>
 #include <QPushButton>
-#include <QTest>
 #include <QToolButton>
 
 #include "QtHost.h"
-#include "tarn/core/Tarn.h"
 #include "tarn/events/TarnEvent.h"
-#include "tarn/qt/TarnQt.h"
 #include "tarn/store/ConversionManager.h"
 
 namespace tarn::test {
 namespace {
 
 using nlohmann::json;
+using Rows = std::vector<std::string>;
 
-std::vector<std::string> rowKinds(qt::InAppPopup* popup) {
-    std::vector<std::string> kinds;
-    for (auto* row : popup->rows()) {
+Rows rowKinds(qt::InAppPopup* popup) {
+    Rows kinds;
+    for (auto* row : popup->rows())
         kinds.push_back(row->property("tarnRow").toString().toStdString());
-    }
     return kinds;
-}
-
-std::string outputFolder() {
-    const char* dir = std::getenv("TARN_TEST_BINARY_DIR");
-    return dir ? dir : QDir::tempPath().toStdString();
 }
 
 class InAppPopupTest : public QtHostTest {
@@ -36,35 +26,53 @@ class InAppPopupTest : public QtHostTest {
     void serveImages(int count) {
         const char* colors[] = {"#F4B400", "#0F9D58", "#4285F4"};
         for (int i = 1; i <= count; ++i) {
-            ScriptedAnswer png;
-            png.body = pngBytes(640, 360, colors[(i - 1) % 3]);
+            auto png = ScriptedAnswer::json(200, pngBytes(640, 360, colors[(i - 1) % 3]));
             png.contentType = "image/png";
             server_->on("/img/" + std::to_string(i) + ".png", png);
         }
     }
     std::string imageUrl(const std::string& path) const { return server_->baseUrl() + path; }
-    void sendEvent(QWidget* window, const std::string& name) {
+    /// Serves `items` (with a quick queue and `maxShowDuration`), shows a host window named
+    /// `windowName` and initialises the library.
+    QWidget* start(const json& items, const QString& windowName,
+                   std::optional<int> maxShowDuration = std::nullopt) {
+        json configuration = {
+            {"eventQueueDelay", 0.05}, {"apiRequestTimeout", 5}, {"apiRequestRetryCount", 0}};
+        if (maxShowDuration)
+            configuration["inAppMaxShowDuration"] = *maxShowDuration;
+        json answer = {{"inAppCommunicationCommands", items}, {"configuration", configuration}};
+        server_->on(kInAppPath, ScriptedAnswer::json(200, answer.dump()));
+        QWidget* window = showWindow(windowName);
+        EXPECT_EQ(initializeQt(hostConfig("user-1")), InitializeStatusType::initialized);
+        return window;
+    }
+    void send(QWidget* window, const std::string& name) {
         TarnEvent::shared().sendCustomEvent(
             qt::screenFor(window), std::nullopt, name, {},
             [this](const AppCommunicationAction& action) { actions_.push_back(action); });
+    }
+    /// Sends the custom event `name` from `window`; the popup it brings up, or nullptr.
+    qt::InAppPopup* trigger(QWidget* window, const std::string& name) {
+        send(window, name);
+        waitUntil([&] { return popup() != nullptr; });
+        return popup();
+    }
+    bool popupGone(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        return waitUntil([&] { return popup() == nullptr; }, timeout);
     }
 };
 
 TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) {
     serveImages(2);
-    json items = json::array(
-        {popupItem("add_to_cart", 5, {imageUrl("/img/1.png"), imageUrl("/img/2.png")})});
-    server_->on(kInAppPath, ScriptedAnswer::json(200, inAppAnswer(items).dump()));
-    QWidget* window = showWindow("ShopWindow");
-    ASSERT_EQ(initializeQt(hostConfig("user-1")), InitializeStatusType::initialized);
-
-    sendEvent(window, "add_to_cart");
-    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
-    auto* shown = popup();
+    QWidget* window =
+        start(json::array(
+                  {popupItem("add_to_cart", 5, {imageUrl("/img/1.png"), imageUrl("/img/2.png")})}),
+              "ShopWindow");
+    auto* shown = trigger(window, "add_to_cart");
+    ASSERT_NE(shown, nullptr);
     EXPECT_EQ(shown->parentWidget(), window) << "presented over the host's window";
     EXPECT_EQ(shown->geometry(), window->rect());
-    EXPECT_EQ(rowKinds(shown),
-              (std::vector<std::string>{"title", "images", "body", "button", "button", "button"}));
+    EXPECT_EQ(rowKinds(shown), (Rows{"title", "images", "body", "button", "button", "button"}));
     auto rows = shown->rows();
     EXPECT_EQ(static_cast<QLabel*>(rows[0])->text(), "10% off what is in your cart");
     EXPECT_TRUE(rows[0]->styleSheet().contains("rgba(26,115,232,255)"));
@@ -80,8 +88,6 @@ TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) 
     ASSERT_TRUE(waitUntil([&] { return slider->settledCount() == 2; }));
     EXPECT_EQ(slider->state(0), qt::ImageSlider::SlotState::loaded);
     EXPECT_EQ(slider->state(1), qt::ImageSlider::SlotState::loaded);
-    EXPECT_EQ(slider->next(), 1);
-    EXPECT_EQ(slider->next(), 0);
     EXPECT_EQ(slider->previous(), 1);
     QTest::mouseClick(shown->findChild<QToolButton*>("tarnNext"), Qt::LeftButton);
     EXPECT_EQ(slider->currentIndex(), 0);
@@ -91,12 +97,12 @@ TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) 
     slider->showIndex(0);
     spin(std::chrono::milliseconds(50));
 
-    // What the user sees: the host dimmed behind the card.
+    // What the user sees, written next to the test program: the host dimmed behind the card.
     QImage picture = window->grab().toImage();
-    std::string file = outputFolder() + "/qt-popup.png";
-    ASSERT_TRUE(picture.save(QString::fromStdString(file)));
-    QColor corner = picture.pixelColor(5, 5);
-    EXPECT_LT(corner.lightness(), QColor("#F1F3F4").lightness() - 60) << "the host is dimmed";
+    const char* folder = std::getenv("TARN_TEST_BINARY_DIR");
+    ASSERT_TRUE(picture.save((folder ? QString(folder) : QDir::tempPath()) + "/qt-popup.png"));
+    EXPECT_LT(picture.pixelColor(5, 5).lightness(), QColor("#F1F3F4").lightness() - 60)
+        << "the host is dimmed";
     QColor card =
         picture.pixelColor(picture.width() / 2, shown->findChild<QWidget*>("tarnCard")->y() + 6);
     EXPECT_EQ(card, QColor("#FFFFFF")) << "the card is drawn in bgColor";
@@ -110,9 +116,9 @@ TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) 
     EXPECT_EQ(actions_[0].link, "https://shop.example/offer/2");
     EXPECT_EQ(actions_[0].type, TarnActionType::url);
     EXPECT_TRUE(openedUrls_.empty()) << "links are the host's business";
-    EXPECT_TRUE(waitUntil([&] { return popup() == nullptr; }));
+    EXPECT_TRUE(popupGone());
 
-    sendEvent(window, "purchase");
+    send(window, "purchase");
     ASSERT_TRUE(waitForEvent("purchase"));
     auto opened = eventsNamed("in_app_opened");
     auto clicked = eventsNamed("in_app_button_clicked");
@@ -135,30 +141,22 @@ TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) 
 }
 
 TEST_F(InAppPopupTest, BodyClickEscapeAndTheTimerReportThemselves) {
-    json items = json::array({popupItem("add_to_cart", 2, {})});
-    server_->on(kInAppPath, ScriptedAnswer::json(200, inAppAnswer(items, 1).dump()));
-    QWidget* window = showWindow("CartScreen");
-    ASSERT_EQ(initializeQt(hostConfig("user-1")), InitializeStatusType::initialized);
-
-    sendEvent(window, "add_to_cart");
-    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
-    EXPECT_EQ(rowKinds(popup()), (std::vector<std::string>{"title", "body", "button", "button"}))
+    QWidget* window = start(json::array({popupItem("add_to_cart", 2, {})}), "CartScreen", 1);
+    auto* shown = trigger(window, "add_to_cart");
+    ASSERT_NE(shown, nullptr);
+    EXPECT_EQ(rowKinds(shown), (Rows{"title", "body", "button", "button"}))
         << "no image row without image addresses";
-    EXPECT_EQ(popup()->autoDismissMs(), 1000) << "inAppMaxShowDuration is read in seconds";
-    QTest::mouseClick(popup()->rows()[1], Qt::LeftButton);
+    EXPECT_EQ(shown->autoDismissMs(), 1000) << "inAppMaxShowDuration is read in seconds";
+    QTest::mouseClick(shown->rows()[1], Qt::LeftButton);
     ASSERT_NE(popup(), nullptr) << "a click on the body keeps the popup";
-    EXPECT_TRUE(waitUntil([&] { return popup() == nullptr; }, std::chrono::seconds(3)))
-        << "dismissed by its timer";
+    EXPECT_TRUE(popupGone(std::chrono::seconds(3))) << "dismissed by its timer";
 
-    sendEvent(window, "add_to_cart");
-    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
+    ASSERT_NE(trigger(window, "add_to_cart"), nullptr);
     QTest::keyClick(popup(), Qt::Key_Escape);
-    EXPECT_TRUE(waitUntil([&] { return popup() == nullptr; }));
-
-    sendEvent(window, "add_to_cart");
-    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
+    EXPECT_TRUE(popupGone());
+    ASSERT_NE(trigger(window, "add_to_cart"), nullptr);
     QTest::mouseClick(popup()->findChild<QToolButton*>("tarnClose"), Qt::LeftButton);
-    EXPECT_TRUE(waitUntil([&] { return popup() == nullptr; }));
+    EXPECT_TRUE(popupGone());
 
     ASSERT_TRUE(waitForEvent("in_app_dismissed", 3));
     ASSERT_TRUE(waitForEvent("in_app_opened", 3));
@@ -176,66 +174,51 @@ TEST_F(InAppPopupTest, BadPayloadsClosedWindowsAndSurveysNeverCrash) {
     server_->on("/img/garbage.png", ScriptedAnswer::json(200, "not an image"));
     std::vector<std::string> urls = {imageUrl("/img/slow.png"), imageUrl("/img/missing.png"),
                                      imageUrl("/img/garbage.png"), "ftp://example.com/a.png"};
-    while (urls.size() < 300) {
-        urls.push_back(imageUrl("/img/1.png"));
-    }
+    urls.resize(300, imageUrl("/img/1.png"));
     json bad = popupItem("add_to_cart", 1, urls);
     bad["title"] = {{"text", ""}, {"color", "not-a-colour"}};
     bad["body"] = {{"text", "Body in an unreadable colour"}, {"color", "rgb(1,2,3)"}};
     bad["bgColor"] = "#zzz";
-    json survey = {{"uuid", "uuid-survey"},
-                   {"code", "CODE-survey"},
-                   {"name", "How are we doing?"},
-                   {"expireDate", 4102444800000},
-                   {"template", "SURVEY"},
-                   {"triggeringEventName", "order_delivered"},
-                   {"title", {{"text", "Rate us"}, {"color", "#000000"}}},
-                   {"body", {{"text", ""}, {"color", "#000000"}}},
-                   {"maxShowCount", 3},
-                   {"bgColor", "#FFFFFF"},
-                   {"subInAppCommunication",
-                    {{"template", "SURVEY"}, {"link", "https://survey.example/nps?c=1"}}}};
-    server_->on(kInAppPath,
-                ScriptedAnswer::json(200, inAppAnswer(json::array({bad, survey})).dump()));
+    json survey = popupItem("order_delivered", 0, {});
+    survey["template"] = "SURVEY";
+    survey["subInAppCommunication"] = {{"template", "SURVEY"},
+                                       {"link", "https://survey.example/nps?c=1"}};
     LogCapture logs;
-    QWidget* window = showWindow("ShopWindow");
-    ASSERT_EQ(initializeQt(hostConfig("user-1")), InitializeStatusType::initialized);
+    QWidget* window = start(json::array({bad, survey}), "ShopWindow");
 
-    sendEvent(window, "add_to_cart");
-    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
-    auto rows = popup()->rows();
-    ASSERT_EQ(rowKinds(popup()), (std::vector<std::string>{"title", "images", "body", "button"}));
+    auto* shown = trigger(window, "add_to_cart");
+    ASSERT_NE(shown, nullptr);
+    auto rows = shown->rows();
+    ASSERT_EQ(rowKinds(shown), (Rows{"title", "images", "body", "button"}));
     EXPECT_TRUE(rows[0]->styleSheet().contains("rgba(0,0,0,255)")) << "unreadable is black";
     EXPECT_TRUE(rows[2]->styleSheet().contains("rgba(0,0,0,255)"));
     EXPECT_FALSE(rows[0]->isVisible()) << "an empty title takes no room";
-    auto* slider = popup()->slider();
+    auto* slider = shown->slider();
     ASSERT_EQ(slider->count(), 10) << "hundreds of addresses: the first ten are loaded";
     EXPECT_TRUE(logs.contains("Tarn-InappView: popup carries 300 images; showing the first 10;"));
     ASSERT_TRUE(waitUntil([&] { return slider->settledCount() == 10; }, std::chrono::seconds(8)))
         << "an address that never answers times out";
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(slider->state(i), qt::ImageSlider::SlotState::failed) << i;
-    }
-    for (int i = 4; i < 10; ++i) {
-        EXPECT_EQ(slider->state(i), qt::ImageSlider::SlotState::loaded) << i;
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(slider->state(i),
+                  i < 4 ? qt::ImageSlider::SlotState::failed : qt::ImageSlider::SlotState::loaded)
+            << i;
     }
     EXPECT_EQ(slider->previous(), 9) << "from the first image back to the last";
 
     // The host's window goes while the popup is up: the popup goes with it.
-    QPointer<QWidget> gone = popup();
+    QPointer<QWidget> gone = shown;
     delete window;
     spin(std::chrono::milliseconds(50));
     EXPECT_TRUE(gone.isNull());
 
     // No window at all: the popup comes as a window of its own.
-    sendEvent(nullptr, "add_to_cart");
-    ASSERT_TRUE(waitUntil([&] { return popup() != nullptr; }));
+    ASSERT_NE(trigger(nullptr, "add_to_cart"), nullptr);
     EXPECT_TRUE(popup()->isWindow());
     QTest::keyClick(popup(), Qt::Key_Escape);
-    EXPECT_TRUE(waitUntil([&] { return popup() == nullptr; }));
+    EXPECT_TRUE(popupGone());
 
     // A survey without Qt WebEngine: a clear line, the page in the system browser.
-    sendEvent(nullptr, "order_delivered");
+    send(nullptr, "order_delivered");
     ASSERT_TRUE(waitUntil([&] { return !openedUrls_.empty(); }));
     EXPECT_EQ(openedUrls_[0].toString(), "https://survey.example/nps?c=1");
     EXPECT_TRUE(logs.contains(
@@ -256,8 +239,8 @@ TEST_F(InAppPopupTest, BadPayloadsClosedWindowsAndSurveysNeverCrash) {
     handler({std::nullopt, TarnActionType::url});
     ASSERT_EQ(openedUrls_.size(), 1u);
     EXPECT_EQ(openedUrls_[0].toString(), "https://shop.example/offers");
-    EXPECT_EQ(handedOn, (std::vector<std::string>{"https://shop.example/offers", "tarnshop://cart",
-                                                  "javascript:alert(1)", ""}));
+    EXPECT_EQ(handedOn,
+              (Rows{"https://shop.example/offers", "tarnshop://cart", "javascript:alert(1)", ""}));
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
 // Application state, page tracking and the main queue on a real QApplication (offscreen).
-#include <QApplication>
-#include <QLabel>
 #include <QStackedWidget>
-#include <QTest>
 #include <QThread>
 #include <QTimer>
 #include <atomic>
@@ -10,10 +7,8 @@
 
 #include "QtHost.h"
 #include "tarn/device/LifeCycle.h"
-#include "tarn/platform/MainQueue.h"
 #include "tarn/qt/PageTracking.h"
 #include "tarn/qt/QtMainQueue.h"
-#include "tarn/qt/TarnQt.h"
 
 namespace tarn::test {
 namespace {
@@ -35,18 +30,15 @@ TEST_F(QtLifecycleTest, ApplicationStateDrivesBackgroundAndForegroundWithoutStor
     emit qApp->applicationStateChanged(Qt::ApplicationInactive);
     emit qApp->applicationStateChanged(Qt::ApplicationHidden);
     // In the background the queue holds its events: look in the store.
-    auto storedNamed = [this](const std::string& name) {
-        std::vector<json> found;
-        for (auto& event : storedEvents()) {
-            if (event.is_object() && event.value("name", "") == name) {
-                found.push_back(event);
-            }
-        }
-        return found;
+    auto storedBackgrounds = [this] {
+        auto stored = storedEvents();
+        return std::count_if(stored.begin(), stored.end(), [](const json& e) {
+            return e.is_object() && e.value("name", "") == "app_background";
+        });
     };
-    ASSERT_TRUE(waitUntil([&] { return !storedNamed("app_background").empty(); }));
+    ASSERT_TRUE(waitUntil([&] { return storedBackgrounds() > 0; }));
     spin(std::chrono::milliseconds(300));
-    EXPECT_EQ(storedNamed("app_background").size(), 1u) << "one event for two state changes";
+    EXPECT_EQ(storedBackgrounds(), 1) << "one event for two state changes";
     emit qApp->applicationStateChanged(Qt::ApplicationActive);
     ASSERT_TRUE(waitForEvent("app_foreground"));
     ASSERT_TRUE(waitForEvent("app_background"));
@@ -103,9 +95,8 @@ TEST_F(QtLifecycleTest, TrackedPagesSendPageInAndOutWithTheirNames) {
     std::vector<std::string> seen;
     for (const auto& event : receivedEvents()) {
         std::string name = event.value("name", "");
-        if (name == "page_in" || name == "page_out") {
+        if (name == "page_in" || name == "page_out")
             seen.push_back(name + " " + event["parameters"].value("pageName", "?"));
-        }
     }
     EXPECT_EQ(seen, (std::vector<std::string>{"page_in HomePage", "page_out HomePage",
                                               "page_in ProductPage", "page_out ProductPage",
@@ -133,9 +124,8 @@ TEST(QtMainQueueTest, RunsEveryTaskOnTheGuiThreadInOrderFromAnyThread) {
     });
     worker.join();
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (order.size() < 4 && std::chrono::steady_clock::now() < deadline) {
+    while (order.size() < 4 && std::chrono::steady_clock::now() < deadline)
         QApplication::processEvents(QEventLoop::AllEvents, 10);
-    }
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
     EXPECT_TRUE(allOnGui);
 }

@@ -2,50 +2,145 @@
 // A Qt host of the library wired to the loopback server: the Qt integration installed on the
 // test's QApplication, the in-app endpoint answering a script, PNG images served by the server.
 
-#include <QApplication>
-#include <QWidget>
-#include <chrono>
-#include <functional>
-#include <string>
-#include <vector>
+#include <QTest>
+#include <QtWidgets>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
 #include "support/PipelineFixture.h"
+#include "tarn/config/ConfigManager.h"
+#include "tarn/core/Tarn.h"
 #include "tarn/inapp/AppCommunication.h"
 #include "tarn/qt/InAppPopup.h"
+#include "tarn/qt/TarnQt.h"
 
 namespace tarn::test {
 
 /// A popup item bound to `trigger` with `buttons` buttons "B1".."Bn" and images at `imageUrls`.
-nlohmann::json popupItem(const std::string& trigger, int buttons,
-                         const std::vector<std::string>& imageUrls);
-/// The in-app answer for `items`, with a quick queue and `maxShowDuration` (none when absent).
-nlohmann::json inAppAnswer(const nlohmann::json& items,
-                           std::optional<int> maxShowDuration = std::nullopt);
+inline nlohmann::json popupItem(const std::string& trigger, int buttons,
+                                const std::vector<std::string>& imageUrls) {
+    auto item = nlohmann::json::parse(R"({"journey": "cart-recovery", "expireDate": 4102444800000,
+        "template": "POPUP", "title": {"text": "10% off what is in your cart", "color": "#1A73E8"},
+        "body": {"text": "Complete your order in the next hour and the discount is yours.",
+                 "color": "#202124"},
+        "maxShowCount": 5, "bgColor": "#FFFFFF", "conversionEvent": "purchase",
+        "images": [], "subInAppCommunication": {"template": "POPUP", "buttons": []}})");
+    item["uuid"] = "uuid-" + trigger;
+    item["code"] = "CODE-" + trigger;
+    item["name"] = "Reminder for " + trigger;
+    item["triggeringEventName"] = trigger;
+    for (const auto& url : imageUrls)
+        item["images"].push_back({{"url", url}});
+    const char* colors[] = {"#1A73E8", "#FFFFFF", "#34A853", "#FBBC05", "#EA4335"};
+    for (int i = 1; i <= buttons; ++i) {
+        auto n = std::to_string(i);
+        item["subInAppCommunication"]["buttons"].push_back(
+            {{"_id", "btn-" + n},
+             {"text", "B" + n},
+             {"textColor", i == 2 ? "#1A73E8" : "#FFFFFF"},
+             {"color", colors[(i - 1) % 5]},
+             {"action",
+              {{"link", "https://shop.example/offer/" + n}, {"type", i == 1 ? "deep" : "url"}}}});
+    }
+    return item;
+}
+
 /// PNG bytes of a `width` x `height` picture in `color` with a white stripe.
-std::string pngBytes(int width, int height, const char* color);
+inline std::string pngBytes(int width, int height, const char* color) {
+    QImage image(width, height, QImage::Format_RGB32);
+    image.fill(QColor(color));
+    QPainter(&image).fillRect(0, height / 2 - 6, width, 12, Qt::white);
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, "PNG");
+    return bytes.toStdString();
+}
 
 class QtHostTest : public PipelineTest {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        PipelineTest::SetUp();
+        qt::InstallOptions options;
+        options.backgroundDelay = std::chrono::milliseconds(200);
+        options.imageTimeoutSeconds = 1;
+        options.openExternalUrl = [this](const QUrl& url) {
+            openedUrls_.push_back(url);
+            return true;
+        };
+        qt::install(*qApp, options);
+    }
+    void TearDown() override {
+        for (auto* widget : QApplication::topLevelWidgets()) {
+            if (!widget->parentWidget())
+                delete widget;  // children that are windows go with their parent
+        }
+        spin(std::chrono::milliseconds(20));
+        PipelineTest::TearDown();
+    }
 
     /// Runs the Qt event loop until `done` holds or `timeout` passes.
     bool waitUntil(const std::function<bool()>& done,
-                   std::chrono::milliseconds timeout = std::chrono::seconds(10));
-    /// Runs the Qt event loop for `duration`.
-    void spin(std::chrono::milliseconds duration);
+                   std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            QApplication::processEvents(QEventLoop::AllEvents, 10);
+            QApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        return true;
+    }
+    void spin(std::chrono::milliseconds duration) {
+        waitUntil([] { return false; }, duration);
+    }
     /// Initialises the library and waits for the status to settle.
-    InitializeStatusType initializeQt(const TarnInitConfig& config);
+    InitializeStatusType initializeQt(const TarnInitConfig& config) {
+        Tarn::shared().initialize(config);
+        auto status = [] { return ConfigManager::shared().getInitializeStatus(); };
+        waitUntil([&] { return status() != InitializeStatusType::initializing; });
+        return status();
+    }
     /// The popup currently up anywhere, or nullptr.
-    qt::InAppPopup* popup() const;
-    /// Waits until the server has received an event named `name` `times` times.
-    bool waitForEvent(const std::string& name, std::size_t times = 1);
+    qt::InAppPopup* popup() const {
+        for (auto* widget : QApplication::allWidgets()) {
+            if (widget->objectName() == "TarnInAppPopup" && widget->isVisible())
+                return dynamic_cast<qt::InAppPopup*>(widget);
+        }
+        return nullptr;
+    }
     /// The received events named `name`.
-    std::vector<nlohmann::json> eventsNamed(const std::string& name) const;
-    /// A host window named `name`, shown and active.
-    QWidget* showWindow(const QString& name);
+    std::vector<nlohmann::json> eventsNamed(const std::string& name) const {
+        std::vector<nlohmann::json> result;
+        for (auto& event : receivedEvents()) {
+            if (event.value("name", "") == name)
+                result.push_back(event);
+        }
+        return result;
+    }
+    /// Waits until the server has received an event named `name` `times` times.
+    bool waitForEvent(const std::string& name, std::size_t times = 1) {
+        return waitUntil([&] { return eventsNamed(name).size() >= times; });
+    }
+    /// A host window named `name`, shown and active, with a little content to dim.
+    QWidget* showWindow(const QString& name) {
+        auto* window = new QWidget;
+        window->setObjectName(name);
+        window->setStyleSheet("background: #F1F3F4;");
+        auto* heading =
+            new QLabel("Tarn Shop\n\nRunning shoes   49.00\nRain jacket   89.00", window);
+        heading->setStyleSheet("font-size: 18px; color: #202124;");
+        (new QVBoxLayout(window))->addWidget(heading);
+        window->resize(480, 720);
+        window->show();
+        window->activateWindow();
+        EXPECT_TRUE(QTest::qWaitForWindowExposed(window));
+        waitUntil([window] { return QApplication::activeWindow() == window; },
+                  std::chrono::seconds(2));
+        return window;
+    }
 
     std::vector<QUrl> openedUrls_;
     std::vector<AppCommunicationAction> actions_;
