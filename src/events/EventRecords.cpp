@@ -79,6 +79,36 @@ void writeString(std::string& out, std::string_view text) {
     out += nlohmann::json(std::string(text)).dump(-1, ' ', false, kReplaceInvalid);
 }
 
+/// Appends `value` as the JSON library prints it. Strings, booleans, integers and null are
+/// written directly (the library prints integers as plain decimals); floating-point numbers,
+/// arrays and objects go through the library's printer.
+void writeValue(std::string& out, const nlohmann::json& value) {
+    switch (value.type()) {
+        case nlohmann::json::value_t::string:
+            writeString(out, value.get_ref<const std::string&>());
+            return;
+        case nlohmann::json::value_t::boolean:
+            out += value.get<bool>() ? "true" : "false";
+            return;
+        case nlohmann::json::value_t::null:
+            out += "null";
+            return;
+        case nlohmann::json::value_t::number_integer:
+        case nlohmann::json::value_t::number_unsigned: {
+            char digits[24];
+            auto end =
+                value.is_number_unsigned()
+                    ? std::to_chars(digits, digits + sizeof digits, value.get<std::uint64_t>()).ptr
+                    : std::to_chars(digits, digits + sizeof digits, value.get<std::int64_t>()).ptr;
+            out.append(digits, end);
+            return;
+        }
+        default:
+            out += value.dump(-1, ' ', false, kReplaceInvalid);
+            return;
+    }
+}
+
 }  // namespace
 
 std::string shortestDecimalText(double value) {
@@ -283,7 +313,7 @@ std::string EventRecord::serializedBody(const BodySections& sections) const {
         out += ':';
         switch (member.kind) {
             case Member::Kind::json:
-                out += member.value->dump(-1, ' ', false, kReplaceInvalid);
+                writeValue(out, *member.value);
                 break;
             case Member::Kind::text:
                 writeString(out, member.string);
