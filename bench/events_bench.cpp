@@ -285,7 +285,7 @@ void BM_SendCustomEvent_ConversionHit(benchmark::State& state) {
 BENCHMARK(BM_SendCustomEvent_ConversionHit)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 /// Building and serialising one body: a custom event with ten parameters.
-void BM_CustomEventBody(benchmark::State& state) {
+void CustomEventBody(benchmark::State& state, bool onePass) {
     Setting setting(0);
     tarn::CustomEvent record;
     record.actorId = kActor;
@@ -297,7 +297,7 @@ void BM_CustomEventBody(benchmark::State& state) {
     std::size_t bytes = 0;
     for (auto _ : state) {
         auto start = Clock::now();
-        auto text = record.dictionary().dump();
+        auto text = onePass ? record.serializedBody() : record.dictionary().dump();
         auto elapsed = Clock::now() - start;
         bytes = text.size();
         benchmark::DoNotOptimize(text);
@@ -307,7 +307,18 @@ void BM_CustomEventBody(benchmark::State& state) {
     state.SetLabel(std::to_string(bytes) + " bytes");
     latencies.report(state);
 }
+
+/// The body as a tree printed by the JSON library: the figure before the one-pass writer.
+void BM_CustomEventBody(benchmark::State& state) {
+    CustomEventBody(state, false);
+}
 BENCHMARK(BM_CustomEventBody)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+/// The same body from the one-pass writer that the library stores.
+void BM_CustomEventBody_OnePass(benchmark::State& state) {
+    CustomEventBody(state, true);
+}
+BENCHMARK(BM_CustomEventBody_OnePass)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 /// Device facts that cost nothing: what a body costs without the system's device readings.
 class FixedDeviceInfo final : public tarn::DeviceInfoProvider {
@@ -327,10 +338,15 @@ class FixedDeviceInfo final : public tarn::DeviceInfoProvider {
 /// serialising alone.
 void BM_CustomEventBody_FixedDeviceFacts(benchmark::State& state) {
     tarn::setDeviceInfoProvider(std::make_shared<FixedDeviceInfo>());
-    BM_CustomEventBody(state);
+    CustomEventBody(state, state.range(0) != 0);
     tarn::setDeviceInfoProvider(nullptr);
 }
-BENCHMARK(BM_CustomEventBody_FixedDeviceFacts)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CustomEventBody_FixedDeviceFacts)
+    ->ArgName("one_pass")
+    ->Arg(0)
+    ->Arg(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
 
 /// Selecting the communication for an event among 1,000: the last item matches, its show count is
 /// used up, so nothing is presented ("popup reached max show count!").
