@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <fstream>
 
@@ -7,7 +6,6 @@
 #include "tarn/config/ConfigManager.h"
 #include "tarn/config/ConfigurationManager.h"
 #include "tarn/config/Preferences.h"
-#include "tarn/core/Log.h"
 #include "tarn/core/Tarn.h"
 #include "tarn/platform/PropertyList.h"
 

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <ctime>
 
 #include "support/TestSupport.h"

@@ -10,7 +10,6 @@
 #include "tarn/events/EventManager.h"
 #include "tarn/events/EventQueueManager.h"
 #include "tarn/events/TarnEvent.h"
-#include "tarn/platform/NotificationCenter.h"
 
 using namespace tarn;
 using namespace tarn::test;

@@ -1,12 +1,9 @@
 // Automatic lifecycle and page tracking, wired by initialisation, and the manual calls' gates.
-#include <gtest/gtest.h>
-
 #include "support/PipelineFixture.h"
 #include "tarn/core/Log.h"
 #include "tarn/device/LifeCycle.h"
 #include "tarn/events/EventQueueManager.h"
 #include "tarn/events/TarnEvent.h"
-#include "tarn/platform/NotificationCenter.h"
 
 using namespace tarn;
 using namespace tarn::test;

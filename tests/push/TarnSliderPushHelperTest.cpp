@@ -1,10 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include <nlohmann/json.hpp>
-
 #include "support/TestSupport.h"
 #include "tarn/push/TarnSliderPushHelper.h"
 

@@ -115,38 +115,12 @@ TEST_F(ConversionTest, ArmedMarkersOutliveThePurgeAndTheActorsNextEventTakesThem
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
     EXPECT_EQ(ConversionManager::millisecondStamp(Date{-1.0005}), -1000);
     EXPECT_DEATH(ConversionManager::millisecondStamp(Date{1e17}), "64-bit");
-}
-
-TEST_F(ConversionTest, ConversionCodeGoesIntoTheParametersAndTheMarkerKeepsItsJsonNames) {
-    using nlohmann::json;
-    const json stale = {{"amount", 5}, {"conversionCommunicationCode", "stale"}};
-    struct Row {
-        json parameters;  // null: no "parameters" key
-        std::optional<std::string> code;
-        json expected;
-    } rows[] = {
-        {nullptr, "msg-1", {{"conversionCommunicationCode", "msg-1"}}},
-        {stale, "msg-2", {{"amount", 5}, {"conversionCommunicationCode", "msg-2"}}},
-        {stale, std::nullopt, {{"amount", 5}}},
-        {"not an object", std::nullopt, json::object()},
-        {nullptr, std::nullopt, json::object()},
-    };
-    for (const auto& row : rows) {
-        json body = {{"name", "purchase"}};
-        if (!row.parameters.is_null())
-            body["parameters"] = row.parameters;
-        ConversionManager::applyConversionCode(body, row.code);
-        EXPECT_EQ(body, (json{{"name", "purchase"}, {"parameters", row.expected}}))
-            << row.parameters;
+    // A body whose "parameters" is missing or not an object gets an empty one.
+    for (auto body :
+         {nlohmann::json{{"name", "p"}}, nlohmann::json{{"name", "p"}, {"parameters", "text"}}}) {
+        ConversionManager::applyConversionCode(body, std::nullopt);
+        EXPECT_EQ(body, (nlohmann::json{{"name", "p"}, {"parameters", nlohmann::json::object()}}));
     }
-    // The arming value keeps its field names and exact time through JSON.
-    ConversionItem item{"msg-1", "purchase", Date{1712345678901.0}};
-    json encoded = item;
-    EXPECT_EQ(
-        encoded.dump(),
-        R"({"communicationCode":"msg-1","conversionName":"purchase","time":1712345678901.0})");
-    EXPECT_EQ(encoded.get<ConversionItem>(), item);
-    EXPECT_EQ(json::object().get<ConversionItem>(), ConversionItem{});
 }
 
 }  // namespace

@@ -226,7 +226,9 @@ TEST_F(EventQueueStoreTest, TheLogIsCopiedBackOffTheWritersThreadAndStaysBounded
         return ec ? 0 : size;
     };
     for (int i = 0; i < 6000; ++i)
-        save(nlohmann::json{{"name", "e"}, {"seq", i}, {"pad", padding}}.dump(), i);
+        CoreDataManager::shared().saveEventToQueue(
+            nlohmann::json{{"name", "e"}, {"seq", i}, {"pad", padding}}.dump(), Date{1.0 * i},
+            nlohmann::json::object());
     // The file ends up holding them (about 6 MB), while the log was started over rather than grown
     // to hold every page written (some 60 MB: each commit logs the table's and the index's page).
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
