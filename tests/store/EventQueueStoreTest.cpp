@@ -27,11 +27,12 @@ void save(const std::string& text, double timestamp) {
     CoreDataManager::shared().saveEventToQueue(text, Date{timestamp}, nlohmann::json::parse(text));
 }
 
-/// Every answer of one pop.
-Popped popOnce() {
+/// Every answer of `times` pops.
+Popped pop(int times = 1) {
     Popped calls;
-    CoreDataManager::shared().popOldestEvent(
-        [&](std::optional<std::string> text) { calls.push_back(std::move(text)); });
+    while (times-- > 0)
+        CoreDataManager::shared().popOldestEvent(
+            [&](std::optional<std::string> text) { calls.push_back(std::move(text)); });
     return calls;
 }
 
@@ -46,7 +47,7 @@ class EventQueueStoreTest : public TarnTest {};
 
 TEST_F(EventQueueStoreTest, PopsOldestFirstDeletesWhatItHandsAndPopsFromItsCompletion) {
     LogCapture logs;
-    EXPECT_EQ(popOnce(), Popped{std::nullopt}) << "an empty queue answers once, with nothing";
+    EXPECT_EQ(pop(), Popped{std::nullopt}) << "an empty queue answers once, with nothing";
     save(event("third"), 300.5);
     save(event("first"), 100.25);
     save(event("second"), 200.0);
@@ -61,13 +62,8 @@ TEST_F(EventQueueStoreTest, PopsOldestFirstDeletesWhatItHandsAndPopsFromItsCompl
     RawDatabase raw(CoreDataManager::databasePath());
     ASSERT_EQ(raw.exec("INSERT INTO EventQueue (event, timestamp) VALUES (NULL, 250)"), "");
     EXPECT_EQ(raw.integer("PRAGMA user_version"), CoreDataManager::kSchemaVersion);
-    Popped order;
-    for (int i = 0; i < 7; ++i) {
-        auto calls = popOnce();
-        order.insert(order.end(), calls.begin(), calls.end());
-    }
-    EXPECT_EQ(order, (Popped{event("first"), event("second"), std::nullopt, event("third"), "{}",
-                             R"({"name":42})", std::nullopt}));
+    EXPECT_EQ(pop(7), (Popped{event("first"), event("second"), std::nullopt, event("third"), "{}",
+                              R"({"name":42})", std::nullopt}));
     EXPECT_EQ(raw.integer("SELECT count(*) FROM EventQueue"), 0);
     EXPECT_FALSE(logs.containsText("Fetch or delete error"));
 
@@ -82,8 +78,8 @@ TEST_F(EventQueueStoreTest, PopsOldestFirstDeletesWhatItHandsAndPopsFromItsCompl
         save(event("c"), 3);
     });
     EXPECT_EQ(seen, (Popped{event("a"), event("b")}));
-    EXPECT_EQ(popOnce(), Popped{event("c")});
-    EXPECT_EQ(popOnce(), Popped{std::nullopt});
+    EXPECT_EQ(pop(), Popped{event("c")});
+    EXPECT_EQ(pop(), Popped{std::nullopt});
 }
 
 // Another connection holds the file's write lock, so every commit of the store fails with
@@ -103,13 +99,13 @@ TEST_F(EventQueueStoreTest, FailedCommitsUnderAForeignLockHandNothingTwiceAndCat
 
     // A failed delete hands the event, then nothing, and that record is not handed out again by
     // this process; a failed event save is silent and loses it.
-    EXPECT_EQ(popOnce(), (Popped{event("kept"), std::nullopt}));
+    EXPECT_EQ(pop(), (Popped{event("kept"), std::nullopt}));
     EXPECT_TRUE(logs.contains("Tarn-CoreDataManager: Fetch or delete error: database is locked;"));
     auto before = logs.lines().size();
     save(event("lost"), 3);
     EXPECT_EQ(logs.lines().size(), before);
-    EXPECT_EQ(popOnce(), (Popped{event("next"), std::nullopt}));
-    EXPECT_EQ(popOnce(), Popped{std::nullopt});
+    EXPECT_EQ(pop(), (Popped{event("next"), std::nullopt}));
+    EXPECT_EQ(pop(), Popped{std::nullopt});
 
     // A marker whose consumption fails is reported as a fetch error and stays taken.
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
@@ -131,7 +127,7 @@ TEST_F(EventQueueStoreTest, FailedCommitsUnderAForeignLockHandNothingTwiceAndCat
     EXPECT_EQ(blocker.integer("SELECT count(*) FROM ConversionEntity"), 0);
     conversions.armConversion("msg-3", "other", "inapp_open");
     EXPECT_EQ(blocker.column("SELECT communicationCode FROM ConversionEntity"), Rows{"msg-3"});
-    EXPECT_EQ(popOnce(), Popped{event("after")});
+    EXPECT_EQ(pop(), Popped{event("after")});
 }
 
 // A store that cannot be opened, yet whose file must not be replaced: the library runs on without
@@ -156,7 +152,7 @@ TEST_F(EventQueueStoreTest, UnusableStoreLogsOnceAndEveryOperationFailsOnItsOwn)
         EXPECT_FALSE(store.isStoreLoaded());
         Tarn::shared().actorId = "actor";
         save(event("e"), 1);
-        EXPECT_EQ(popOnce(), Popped{std::nullopt});
+        EXPECT_EQ(pop(), Popped{std::nullopt});
         bool saved = false;
         store.saveConversion({"code", "purchase", Date{1}}, "inapp_open", [&] { saved = true; });
         EXPECT_FALSE(saved);
@@ -201,7 +197,7 @@ TEST_F(EventQueueStoreTest, SeveralThreadsSaveWhileAnotherPops) {
         });
     }
     auto drainOne = [&] {
-        auto popped = popOnce();
+        auto popped = pop();
         if (popped.size() == 1 && popped[0])
             seen.insert(*popped[0]);
         return popped.size() == 1 && popped[0];
