@@ -35,7 +35,7 @@ class ConversionTest : public TarnTest {
     }
 };
 
-TEST_F(ConversionTest, NewestMarkerOfTheActorInsideThePeriodIsConsumedFirstWhoeverWroteIt) {
+TEST_F(ConversionTest, NewestMarkerInsideThePeriodIsConsumedFirstAndArmedMarkersOutliveThePurge) {
     setNowForTesting(Date{kNow});
     LogCapture logs;
     auto& conversions = ConversionManager::shared();
@@ -86,11 +86,9 @@ TEST_F(ConversionTest, NewestMarkerOfTheActorInsideThePeriodIsConsumedFirstWhoev
     processSettings().conversionOffset = -7200.0;
     EXPECT_EQ(conversions.checkConversion("login"), "hour-old");
     EXPECT_EQ(storedCodes(), Codes{"at-cutoff"});
-}
 
-// Arming pins the time in whole milliseconds read as seconds, so the purge, which takes markers
-// one day old whatever the period, never takes an armed one.
-TEST_F(ConversionTest, ArmedMarkersOutliveThePurgeAndTheActorsNextEventTakesThem) {
+    // Arming pins the time in whole milliseconds read as seconds, so the purge, which takes
+    // markers one day old whatever the period, never takes an armed one.
     constexpr double kArmed = 1712345678.9019;
     setNowForTesting(Date{kArmed});
     processSettings().conversionOffset = -10.0;
@@ -98,14 +96,13 @@ TEST_F(ConversionTest, ArmedMarkersOutliveThePurgeAndTheActorsNextEventTakesThem
     arm("alice", "older", "purchase", Date{kArmed - 90000});
     arm("alice", "recent", "purchase", Date{kArmed - 86399.5});
     arm("bob", "no-time", "purchase", std::nullopt);
-    LogCapture logs;
-    auto& conversions = ConversionManager::shared();
+    LogCapture armed;
     Tarn::shared().actorId = "alice";
     conversions.armConversion("msg-1", "purchase", "inapp_open");
     conversions.armConversion("msg-2", std::nullopt, "inapp_open");  // arms nothing
     CoreDataManager::shared().deleteExpiredConversions();
-    EXPECT_EQ(logs.lines(), Codes{"Tarn-ConversionManager: Conversion event saved with name: "
-                                  "purchase;"});
+    EXPECT_EQ(armed.lines(), Codes{"Tarn-ConversionManager: Conversion event saved with name: "
+                                   "purchase;"});
     EXPECT_EQ(storedCodes(), (Codes{"recent", "no-time", "msg-1"}));
     EXPECT_EQ(RawDatabase(CoreDataManager::databasePath())
                   .column("SELECT actorId || ' ' || time FROM ConversionEntity WHERE "
