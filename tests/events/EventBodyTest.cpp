@@ -103,6 +103,8 @@ TEST(EventBodyTest, OnePassTextEqualsTheTreeForEveryRecordKind) {
     EXPECT_EQ(parameters(converted)["conversionCommunicationCode"], "CONV-1");
     EXPECT_FALSE(parameters(custom).contains("conversionCommunicationCode"));
     EXPECT_EQ(parameters(custom)["battery"], "87");
+    EXPECT_EQ(parameters(custom)["loggedIn"], true);
+    EXPECT_EQ(parameters(custom)["pageName"], "Home");
 
     // Bytes that are not UTF-8, anywhere from the host, print as U+FFFD, the same both ways.
     auto sections = kFull;
