@@ -28,7 +28,7 @@ Strings images(const json& data, bool mutableContent = true) {
 
 class TarnSliderPushHelperTest : public test::TarnTest {};
 
-TEST_F(TarnSliderPushHelperTest, ImageListComesFromTheDataPayload) {
+TEST_F(TarnSliderPushHelperTest, ImagesComeFromTheDataPayloadItemsFillTheViewScrollingWraps) {
     const json list = {{{"url", "https://cdn.example.com/1.png"}},
                        {{"url", nullptr}},
                        json::object(),
@@ -49,11 +49,9 @@ TEST_F(TarnSliderPushHelperTest, ImageListComesFromTheDataPayload) {
     EXPECT_TRUE(images(decoded, false).empty());
     EXPECT_EQ(logs.lines(),
               Strings{"Tarn-TarnSliderPushHelper: bestAttemptContent couldn't be assigned;"});
-}
 
-// Items are as wide as the view and twenty points lower; scrolling wraps around with paging off
-// during the scroll.
-TEST_F(TarnSliderPushHelperTest, ItemsFillTheViewAndScrollingWrapsAround) {
+    // Items are as wide as the view and twenty points lower; scrolling wraps around with paging
+    // off during the scroll.
     RecordingCollectionView view;
     EXPECT_EQ(TarnSliderPushHelper::getSize(view, IndexPath{.item = 5, .section = 2}, 3),
               (SliderItemSize{300, 280}));
