@@ -12,7 +12,7 @@ using namespace tarn;
 
 class IdentityTest : public test::TarnTest {};
 
-TEST_F(IdentityTest, ActorIdRefusesBlanksKeepsSpacesAndFollowsTheInstallationStatus) {
+TEST_F(IdentityTest, ActorIdRefusesBlanksKeepsSpacesFollowsTheInstallationAndTokensAreStored) {
     auto& config = ConfigManager::shared();
     auto& prefs = PreferencesManager::shared();
     test::LogCapture logs;
@@ -37,6 +37,17 @@ TEST_F(IdentityTest, ActorIdRefusesBlanksKeepsSpacesAndFollowsTheInstallationSta
     EXPECT_EQ(config.resolveActorId(std::string("")), " a ");
     EXPECT_EQ(config.installationStatus.load(), InstallationStatus::alreadyInstalled);
     EXPECT_EQ(prefs.storedActorId(), " a ");
+    // Push tokens are stored first, the APNs one as lower-case hex.
+    testing::internal::CaptureStdout();
+    Tarn::shared().setApnsToken({0x0A, 0xFF});
+    testing::internal::GetCapturedStdout();
+    Tarn::shared().setPushToken("push-1");
+    Tarn::shared().setPushToken("push-2");
+    EXPECT_EQ(Tarn::shared().tarnApnsToken.get(), "0aff");
+    EXPECT_EQ(prefs.stringValue(PreferenceKey::apnsToken), "0aff");
+    EXPECT_EQ(prefs.stringValue(PreferenceKey::pushToken), "push-2");
+    EXPECT_TRUE(logs.contains("Tarn: Tarn apns token set complete;"));
+    EXPECT_EQ(logs.count("Tarn: Push token set complete;"), 2u);
 }
 
 TEST_F(IdentityTest, AppGroupStoreIsSharedWithASecondProcess) {
@@ -51,23 +62,6 @@ TEST_F(IdentityTest, AppGroupStoreIsSharedWithASecondProcess) {
     EXPECT_EQ(out, "Actor ID: group-actor\n");
     EXPECT_EQ(test::runHelper({"get_actor", dataDir().string(), "group.com.other"}, &out), 1);
     EXPECT_EQ(out, "Actor ID bulunamadı.\n");
-}
-
-TEST_F(IdentityTest, TokensAreStoredFirstWithoutAnEventAndHexIsLowerCase) {
-    auto& tarn = Tarn::shared();
-    test::LogCapture logs;
-    testing::internal::CaptureStdout();
-    tarn.setApnsToken({0x0A, 0xFF});
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(tarn.tarnApnsToken.get(), "0aff");
-    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::apnsToken), "0aff");
-    tarn.setPushToken("push-1");
-    EXPECT_EQ(tarn.getPushToken(), "push-1");
-    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::pushToken), "push-1");
-    tarn.setPushToken("push-2");
-    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::pushToken), "push-2");
-    EXPECT_TRUE(logs.contains("Tarn: Tarn apns token set complete;"));
-    EXPECT_EQ(logs.count("Tarn: Push token set complete;"), 2u);
 }
 
 // The preference folder's path runs through a regular file, so no identity can be written (even

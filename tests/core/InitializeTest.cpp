@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <fstream>
 
@@ -7,7 +6,6 @@
 #include "tarn/config/ConfigManager.h"
 #include "tarn/config/ConfigurationManager.h"
 #include "tarn/config/Preferences.h"
-#include "tarn/core/Log.h"
 #include "tarn/core/Tarn.h"
 #include "tarn/platform/PropertyList.h"
 
@@ -74,7 +72,13 @@ TEST_F(InitializeTest, BadServiceFilesFailWithTheExactLinesAndPersistNothing) {
     }
 }
 
-TEST_F(InitializeTest, TheFileWinsOverTheHostAndAFirstRunMakesAGuest) {
+// Before a configuration is stored the steps that need it end the process. Then the file wins
+// over the host and a first run makes a guest; a second call without force is refused with the
+// status; a later host actor replaces the stored one silently, and a run without one keeps it.
+TEST_F(InitializeTest, TheFileWinsAFirstRunMakesAGuestAndLaterRunsKeepTheStoredActor) {
+    EXPECT_DEATH(Tarn::shared().loadState(), "Fatal error: No stored configuration");
+    EXPECT_DEATH(Tarn::shared().continueInitialization(), "Fatal error: No stored configuration");
+    EXPECT_DEATH(Tarn::shared().requestAccessToken(), "Fatal error");
     writeGoodServiceFile(/*binary=*/true);
     test::writeInfoPlist(bundleDir(), "com.example.host");
     run();
@@ -88,57 +92,35 @@ TEST_F(InitializeTest, TheFileWinsOverTheHostAndAFirstRunMakesAGuest) {
     EXPECT_EQ(tarn.tarnBundle.get(), "com.example.host");
     EXPECT_EQ(tarn.applicationName.get(), "HostApp");
     EXPECT_EQ(ConfigurationManager::shared().settings()["EXTRA"], 1);
-
-    // First run without a host actor: an upper-case guest identifier, stored under both keys.
+    // An upper-case guest identifier, stored under both keys.
     auto& prefs = PreferencesManager::shared();
-    auto guest = prefs.stringValue(PreferenceKey::guestActorId);
-    ASSERT_TRUE(guest);
-    EXPECT_THAT(*guest, testing::MatchesRegex("[0-9A-F-]{36}"));
+    auto guest = prefs.stringValue(PreferenceKey::guestActorId).value_or("");
+    EXPECT_THAT(guest, testing::MatchesRegex("[0-9A-F-]{36}"));
     EXPECT_EQ(prefs.stringValue(PreferenceKey::actorId), guest);
-    EXPECT_EQ(tarn.actorId.get(), *guest);
-    EXPECT_EQ(ConfigManager::shared().installationStatus.load(),
-              InstallationStatus::firstTimeInstallation);
-
-    // No configuration block yet: every device switch is off, defaults are in force, and the
-    // token request to the (unreachable) server is in flight under the long start-up time-out.
+    EXPECT_EQ(tarn.actorId.get(), guest);
+    // No configuration block yet: every device switch is off, and the token request to the
+    // (unreachable) server is in flight under the long start-up time-out.
     EXPECT_FALSE(tarn.isWifiStatusRequired || tarn.isBatteryStatusRequired ||
                  tarn.isDiskCapacityRequired || tarn.isLocationRequired);
     EXPECT_EQ(prefs.boolValue(PreferenceKey::tokenStatus), false);
     EXPECT_EQ(processSettings().requestTimeout.load(), 3000);
-    EXPECT_EQ(processSettings().conversionOffset.load(), -86400.0);
-}
-
-TEST_F(InitializeTest, ASecondCallWithoutForceIsRefusedWithTheStatus) {
-    writeGoodServiceFile();
-    run("A");
     ASSERT_EQ(ConfigManager::shared().getInitializeStatus(), InitializeStatusType::initializing);
     EXPECT_FALSE(ConfigManager::shared().isInitialized());
+
     test::LogCapture logs;
     run("B");
     EXPECT_EQ(logs.lines(),
               std::vector<std::string>{"Tarn: SDK is already Initialized. If you changed the "
                                        "configuration, send the forceInitialize value to true. "
                                        "Initialize status: initializing;"});
-    EXPECT_EQ(Tarn::shared().actorId.get(), "A");
-}
-
-TEST_F(InitializeTest, ASecondRunKeepsTheStoredActorAndCountsAsInstalled) {
-    writeGoodServiceFile();
-    run("first");
+    EXPECT_EQ(Tarn::shared().actorId.get(), guest);
     simulateNewProcess();
-    run();
-    EXPECT_EQ(Tarn::shared().actorId.get(), "first");
+    run("A");
+    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::actorId), "A");
     EXPECT_EQ(ConfigManager::shared().installationStatus.load(),
               InstallationStatus::alreadyInstalled);
     simulateNewProcess();
-    test::LogCapture logs;
-    run("second");  // a different host actor replaces it silently
-    EXPECT_EQ(PreferencesManager::shared().stringValue(PreferenceKey::actorId), "second");
+    run();
+    EXPECT_EQ(Tarn::shared().actorId.get(), "A");
     EXPECT_FALSE(logs.contains("Tarn-ConfigManager: Tarn actorId successfully updated.;"));
-}
-
-TEST_F(InitializeTest, StepsThatNeedTheStoredConfigurationEndTheProcessWithoutIt) {
-    EXPECT_DEATH(Tarn::shared().loadState(), "Fatal error: No stored configuration");
-    EXPECT_DEATH(Tarn::shared().continueInitialization(), "Fatal error: No stored configuration");
-    EXPECT_DEATH(Tarn::shared().requestAccessToken(), "Fatal error");
 }

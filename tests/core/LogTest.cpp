@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <ctime>
 
 #include "support/TestSupport.h"
@@ -10,7 +8,7 @@ using namespace tarn;
 
 class LogTest : public test::TarnTest {};
 
-TEST_F(LogTest, PostsTheRecordThenPrintsTheLine) {
+TEST_F(LogTest, PostsTheRecordPrintsTheLineDatesItInLocalTimeAndFatalErrorsAbort) {
     std::vector<TarnLog> records;
     NotificationCenter::defaultCenter().addObserver(
         kTarnLogNotification,
@@ -18,25 +16,18 @@ TEST_F(LogTest, PostsTheRecordThenPrintsTheLine) {
     testing::internal::CaptureStdout();
     log("x");
     log("", std::string("Tarn:"));
-    log("SDK not fetched client knowledge!", std::string("Tarn:"));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Tarn x;\nTarn: ;\nTarn: SDK not fetched client knowledge!;\n");
+    log("checkAuthToken", std::string("Tarn:"));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Tarn x;\nTarn: ;\nTarn: checkAuthToken;\n");
     ASSERT_EQ(records.size(), 3u);
     EXPECT_FALSE(records[0].sector);
     EXPECT_EQ(records[0].logMessage, "x");
     EXPECT_EQ(records[1].sector, "Tarn:");
-}
 
-TEST(TarnLog, FormatsTheDateInLocalTime) {
     std::tm when{};
     strptime("2024-02-01 09:05:03", "%Y-%m-%d %H:%M:%S", &when);
     when.tm_isdst = -1;
-    TarnLog record{"checkAuthToken", std::string("Tarn:"),
-                   std::chrono::system_clock::from_time_t(std::mktime(&when))};
-    EXPECT_EQ(record.getFullMessageWithDate(), "01-02-2024 09:05:03 --- Tarn: checkAuthToken;");
-}
-
-TEST(FatalError, PrintsTheSourceAndAborts) {
+    records[2].logDate = std::chrono::system_clock::from_time_t(std::mktime(&when));
+    EXPECT_EQ(records[2].getFullMessageWithDate(), "01-02-2024 09:05:03 --- Tarn: checkAuthToken;");
     EXPECT_DEATH(fatalError("Invalid url", "TarniOSCommonKit/Endpoint", 23),
                  "TarniOSCommonKit/Endpoint:23: Fatal error: Invalid url");
 }

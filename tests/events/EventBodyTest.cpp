@@ -86,40 +86,37 @@ TEST(EventBodyTest, OnePassTextEqualsTheTreeForEveryRecordKind) {
     InitializeEvent initialize;
     initialize.name = "sdk_initialize";
 
+    // With a conversion code the host's key is replaced; without one it is gone.
+    CustomEvent converted = custom;
+    converted.communucationCode = "CONV-1";
     BodySections bare;  // every optional section absent, empty tokens
     bare.requestId = "R";
     for (const EventRecord* record : std::initializer_list<const EventRecord*>{
-             &custom, &page, &button, &push, &install, &change, &error, &initialize}) {
+             &custom, &converted, &page, &button, &push, &install, &change, &error, &initialize}) {
         for (const auto& sections : {kFull, bare})
             EXPECT_EQ(record->serializedBody(sections), treeText(*record, sections))
                 << record->name;
     }
-
-    // With a conversion code the host's key is replaced, without it the key is gone.
-    custom.communucationCode = "CONV-1";
-    auto text = custom.serializedBody(kFull);
-    EXPECT_EQ(text, treeText(custom, kFull));
-    auto parameters = nlohmann::json::parse(text)["parameters"];
-    EXPECT_EQ(parameters["conversionCommunicationCode"], "CONV-1");
-    EXPECT_EQ(parameters["battery"], "87");
-    EXPECT_EQ(parameters["loggedIn"], true);
-    EXPECT_EQ(parameters["pageName"], "Home");
-    custom.communucationCode.reset();
-    EXPECT_FALSE(nlohmann::json::parse(custom.serializedBody(kFull))["parameters"].contains(
-        "conversionCommunicationCode"));
+    auto parameters = [&](const EventRecord& record) {
+        return nlohmann::json::parse(record.serializedBody(kFull))["parameters"];
+    };
+    EXPECT_EQ(parameters(converted)["conversionCommunicationCode"], "CONV-1");
+    EXPECT_FALSE(parameters(custom).contains("conversionCommunicationCode"));
+    EXPECT_EQ(parameters(custom)["battery"], "87");
+    EXPECT_EQ(parameters(custom)["loggedIn"], true);
+    EXPECT_EQ(parameters(custom)["pageName"], "Home");
 
     // Bytes that are not UTF-8, anywhere from the host, print as U+FFFD, the same both ways.
     auto sections = kFull;
-    auto replacedBothWays = [&](const EventRecord& record, const std::string& expected) {
-        auto text = record.serializedBody(sections);
-        EXPECT_EQ(text, treeText(record, sections));
-        EXPECT_NE(text.find(expected), std::string::npos) << text;
-    };
-    custom.initialParameters = nlohmann::json{{"nested", {{"bad", std::string("x\xff")}}}};
-    replacedBothWays(custom, "\"x\xef\xbf\xbd\"");
-    custom.initialParameters.reset();
-    custom.actorId = "actor-\xfe";
-    replacedBothWays(custom, "\"actor-\xef\xbf\xbd\"");
     sections.pushToken = "fcm-\xff";
-    replacedBothWays(initialize, "\"fcm-\xef\xbf\xbd\"");
+    custom.initialParameters = nlohmann::json{{"nested", {{"bad", std::string("x\xff")}}}};
+    converted.actorId = "actor-\xfe";
+    for (const auto& [record, expected] :
+         {std::pair<const EventRecord*, std::string>{&custom, "\"x\xef\xbf\xbd\""},
+          {&converted, "\"actor-\xef\xbf\xbd\""},
+          {&initialize, "\"fcm-\xef\xbf\xbd\""}}) {
+        auto text = record->serializedBody(sections);
+        EXPECT_EQ(text, treeText(*record, sections));
+        EXPECT_NE(text.find(expected), std::string::npos) << text;
+    }
 }

@@ -1,15 +1,13 @@
-// Automatic lifecycle and page tracking, wired by initialisation.
-#include <gtest/gtest.h>
-
+// Automatic lifecycle and page tracking, wired by initialisation, and the manual calls' gates.
 #include "support/PipelineFixture.h"
 #include "tarn/core/Log.h"
 #include "tarn/device/LifeCycle.h"
 #include "tarn/events/EventQueueManager.h"
 #include "tarn/events/TarnEvent.h"
-#include "tarn/platform/NotificationCenter.h"
 
 using namespace tarn;
 using namespace tarn::test;
+using Names = std::vector<std::string>;
 
 namespace {
 
@@ -22,11 +20,8 @@ struct ProductScreen : TarnViewController {
     std::string className() const override { return "ProductScreen"; }
 };
 
-std::vector<std::string> names(const std::vector<nlohmann::json>& events) {
-    std::vector<std::string> out;
-    for (const auto& e : events)
-        out.push_back(e.value("name", ""));
-    return out;
+ScreenRef named(const std::string& name) {
+    return std::make_shared<NamedScreen>(name);
 }
 
 }  // namespace
@@ -40,37 +35,33 @@ class LifeCycleTest : public PipelineTest {
         ASSERT_TRUE(pumpUntil([] { return !EventQueueManager::shared().isTimerActive.load(); }));
         ASSERT_EQ(storedEventCount(), 0);
     }
+    /// The stored events' names, and `key` of their parameters.
+    Names stored(const char* key) const {
+        Names out;
+        for (const auto& e : storedEvents())
+            out.push_back(e.value("name", "") + " " + e["parameters"].value(key, ""));
+        return out;
+    }
+    static NotificationCenter& center() { return NotificationCenter::defaultCenter(); }
 };
 
 TEST_F(LifeCycleTest, BackgroundAndForegroundAreSentForTheKeyWindowsScreen) {
     auto windows = std::make_shared<HostWindows>();
     setWindowSource(windows);
     initializeWithTracking(true, false);
-    auto& center = NotificationCenter::defaultCenter();
-
-    // No key window: nothing is stored.
-    windows->list = {{false, std::make_shared<NamedScreen>("Hidden")}};
-    center.post(kApplicationDidEnterBackgroundNotification);
+    // No key window: nothing is stored. Otherwise the last key window's root screen is current.
+    windows->list = {{false, named("Hidden")}};
+    center().post(kApplicationDidEnterBackgroundNotification);
     EXPECT_EQ(storedEventCount(), 0);
-
-    // The last key window's root screen is the current one.
-    windows->list = {{true, std::make_shared<NamedScreen>("First")},
-                     {false, std::make_shared<NamedScreen>("Other")},
-                     {true, std::make_shared<NamedScreen>("Main")}};
-    center.post(kApplicationDidEnterBackgroundNotification);
-    center.post(kApplicationWillEnterForegroundNotification);
-    auto stored = storedEvents();
-    ASSERT_EQ(names(stored), (std::vector<std::string>{"app_background", "app_foreground"}));
-    EXPECT_EQ(stored[0]["parameters"]["pageName"], "Main");
-
-    // The manual calls are ignored while the automatic tracking is on.
-    TarnEvent::shared().sendAppBackgroundEvent(std::make_shared<NamedScreen>("Manual"));
-    EXPECT_EQ(storedEventCount(), 2);
-
-    // After termination the tracker no longer reacts.
-    center.post(kApplicationWillTerminateNotification);
-    center.post(kApplicationDidEnterBackgroundNotification);
-    EXPECT_EQ(storedEventCount(), 2);
+    windows->list = {{true, named("First")}, {false, named("Other")}, {true, named("Main")}};
+    center().post(kApplicationDidEnterBackgroundNotification);
+    center().post(kApplicationWillEnterForegroundNotification);
+    // The manual calls are ignored while the automatic tracking is on, and after termination
+    // the tracker no longer reacts.
+    TarnEvent::shared().sendAppBackgroundEvent(named("Manual"));
+    center().post(kApplicationWillTerminateNotification);
+    center().post(kApplicationDidEnterBackgroundNotification);
+    EXPECT_EQ(stored("pageName"), (Names{"app_background Main", "app_foreground Main"}));
     setWindowSource(nullptr);
 }
 
@@ -81,29 +72,31 @@ TEST_F(LifeCycleTest, ATarnScreenReportsItsPagesWhileTrackingIsOn) {
     screen->viewWillAppear(false);
     screen->viewDidAppear(false);
     screen->viewWillDisappear(false);
-    // A page notification whose object is not a screen is ignored.
-    NotificationCenter::defaultCenter().post(kTarnPageInNotification, std::string("not a screen"));
-    auto stored = storedEvents();
-    ASSERT_EQ(names(stored), (std::vector<std::string>{"page_in", "page_out"}));
-    EXPECT_EQ(stored[0]["parameters"]["pageName"], "ProductScreen");
-    EXPECT_EQ(stored[1]["parameters"]["eventType"], "page_out");
-
-    NotificationCenter::defaultCenter().post(kApplicationWillTerminateNotification);
+    // A page notification whose object is not a screen is ignored, and so is a manual call.
+    center().post(kTarnPageInNotification, std::string("not a screen"));
+    TarnEvent::shared().sendPageInEvent(named("Manual"));
+    EXPECT_EQ(stored("eventType"), (Names{"page_in page_in", "page_out page_out"}));
+    EXPECT_EQ(stored("pageName"), (Names{"page_in ProductScreen", "page_out ProductScreen"}));
+    center().post(kApplicationWillTerminateNotification);
     screen->viewDidAppear(false);
     EXPECT_EQ(storedEventCount(), 2);
 }
 
-TEST_F(LifeCycleTest, WithTrackingOffScreensPostButNothingIsStored) {
+TEST_F(LifeCycleTest, WithTrackingOffScreensPostOnlyTheManualCallsAreStored) {
     initializeWithTracking(false, false);
-    test::LogCapture logs;
     std::size_t posted = 0;
-    NotificationCenter::defaultCenter().addObserver(kTarnPageInNotification,
-                                                    [&](const Notification&) { ++posted; });
+    center().addObserver(kTarnPageInNotification, [&](const Notification&) { ++posted; });
     ProductScreen screen;  // not held by a shared_ptr: still posts itself
     screen.viewDidAppear(true);
     screen.viewWillDisappear(true);
-    NotificationCenter::defaultCenter().post(kApplicationDidEnterBackgroundNotification);
+    center().post(kApplicationDidEnterBackgroundNotification);
     EXPECT_EQ(posted, 1u);
     EXPECT_EQ(storedEventCount(), 0);
     EXPECT_FALSE(AutoLifeCyle::shared().isObserving());
+    // Manual calls go through, those without a screen are dropped.
+    TarnEvent::shared().sendAppBackgroundEvent(nullptr);
+    TarnEvent::shared().sendPageInEvent(nullptr);
+    TarnEvent::shared().sendPageInEvent(named("Detail"));
+    TarnEvent::shared().sendAppBackgroundEvent(named("Detail"));
+    EXPECT_EQ(stored("pageName"), (Names{"page_in Detail", "app_background Detail"}));
 }

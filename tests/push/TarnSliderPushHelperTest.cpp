@@ -1,15 +1,9 @@
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include <nlohmann/json.hpp>
-
 #include "support/TestSupport.h"
 #include "tarn/push/TarnSliderPushHelper.h"
 
 using namespace tarn;
 using nlohmann::json;
+using Strings = std::vector<std::string>;
 
 namespace {
 
@@ -22,69 +16,56 @@ struct RecordingCollectionView : SliderCollectionView {
                         (position == SliderScrollPosition::left ? " left" : " right") +
                         (animated ? " animated" : ""));
     }
-    std::vector<std::string> calls;
+    Strings calls;
 };
 
-SliderNotificationValue notificationWithData(const json& item, bool mutableContent = true) {
-    return SliderNotificationValue({{"aps", {{"mutable-content", 1}}}, {"data", item.dump()}},
-                                   mutableContent);
+Strings images(const json& data, bool mutableContent = true) {
+    return TarnSliderPushHelper::getImageList(SliderNotificationValue(
+        {{"aps", {{"mutable-content", 1}}}, {"data", data.dump()}}, mutableContent));
 }
 
 }  // namespace
 
 class TarnSliderPushHelperTest : public test::TarnTest {};
 
-TEST_F(TarnSliderPushHelperTest, ImageListComesFromTheDataPayload) {
-    auto images = [](const SliderNotificationValue& value) {
-        return TarnSliderPushHelper::getImageList(value);
-    };
-    json item = {{"uuid", "p1"},
-                 {"sliderSupport", true},
-                 {"images",
-                  {{{"url", "https://cdn.example.com/1.png"}},
-                   {{"url", nullptr}},
-                   json::object(),
-                   {{"url", "https://cdn.example.com/3.png"}}}}};
-    EXPECT_EQ(images(notificationWithData(item)),
-              (std::vector<std::string>{"https://cdn.example.com/1.png",
-                                        "https://cdn.example.com/3.png"}));
-    item["images"] = {json::object(), {{"url", nullptr}}};
-    EXPECT_TRUE(images(notificationWithData(item)).empty());
-
+TEST_F(TarnSliderPushHelperTest, ImagesComeFromTheDataPayloadItemsFillTheViewScrollingWraps) {
+    const json list = {{{"url", "https://cdn.example.com/1.png"}},
+                       {{"url", nullptr}},
+                       json::object(),
+                       {{"url", "https://cdn.example.com/3.png"}}};
+    EXPECT_EQ(images({{"uuid", "p1"}, {"sliderSupport", true}, {"images", list}}),
+              (Strings{"https://cdn.example.com/1.png", "https://cdn.example.com/3.png"}));
+    EXPECT_TRUE(images({{"uuid", "p1"},
+                        {"sliderSupport", true},
+                        {"images", {json::object(), {{"url", nullptr}}}}})
+                    .empty());
     // Payloads that do not decode give nothing: no uuid, "data" not a string.
-    json decoded = {{"uuid", "p"}, {"images", {{{"url", "https://x/1.png"}}}}};
-    EXPECT_TRUE(images(notificationWithData({{"images", decoded["images"]}})).empty());
-    EXPECT_TRUE(images(SliderNotificationValue(json{{"data", decoded}})).empty());
-
+    EXPECT_TRUE(images({{"images", list}}).empty());
+    const json decoded = {{"uuid", "p"}, {"images", list}};
+    EXPECT_TRUE(TarnSliderPushHelper::getImageList(SliderNotificationValue(json{{"data", decoded}}))
+                    .empty());
     // Content that is not mutable is logged once and gives nothing.
     test::LogCapture logs;
-    EXPECT_TRUE(images(notificationWithData(decoded, false)).empty());
+    EXPECT_TRUE(images(decoded, false).empty());
     EXPECT_EQ(logs.lines(),
-              std::vector<std::string>{
-                  "Tarn-TarnSliderPushHelper: bestAttemptContent couldn't be assigned;"});
-}
+              Strings{"Tarn-TarnSliderPushHelper: bestAttemptContent couldn't be assigned;"});
 
-TEST_F(TarnSliderPushHelperTest, ItemsAreAsWideAsTheViewAndTwentyPointsLower) {
+    // Items are as wide as the view and twenty points lower; scrolling wraps around with paging
+    // off during the scroll.
     RecordingCollectionView view;
     EXPECT_EQ(TarnSliderPushHelper::getSize(view, IndexPath{.item = 5, .section = 2}, 3),
               (SliderItemSize{300, 280}));
-    EXPECT_TRUE(view.calls.empty());
-}
-
-TEST_F(TarnSliderPushHelperTest, ScrollingWrapsAroundWithPagingOffDuringTheScroll) {
-    RecordingCollectionView view;
     EXPECT_EQ(TarnSliderPushHelper::scrollNextItem(&view, 2, 3), 0);
     EXPECT_EQ(TarnSliderPushHelper::scrollPreviousItem(&view, 0, 3), 2);
     EXPECT_EQ(TarnSliderPushHelper::scrollNextItem(&view, 0, 3), 1);
     // One image stays where it is, but is still scrolled to.
     EXPECT_EQ(TarnSliderPushHelper::scrollNextItem(&view, 0, 1), 0);
     EXPECT_EQ(TarnSliderPushHelper::scrollPreviousItem(&view, 0, 1), 0);
-    EXPECT_EQ(view.calls,
-              (std::vector<std::string>{"paging off", "scroll 0:0 right animated", "paging on",  //
-                                        "paging off", "scroll 0:2 left animated", "paging on",   //
-                                        "paging off", "scroll 0:1 right animated", "paging on",  //
-                                        "paging off", "scroll 0:0 right animated", "paging on",  //
-                                        "paging off", "scroll 0:0 left animated", "paging on"}));
+    EXPECT_EQ(view.calls, (Strings{"paging off", "scroll 0:0 right animated", "paging on",  //
+                                   "paging off", "scroll 0:2 left animated", "paging on",   //
+                                   "paging off", "scroll 0:1 right animated", "paging on",  //
+                                   "paging off", "scroll 0:0 right animated", "paging on",  //
+                                   "paging off", "scroll 0:0 left animated", "paging on"}));
 
     // No images: the index is computed but the view is left alone.
     view.calls.clear();

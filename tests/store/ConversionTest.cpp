@@ -10,6 +10,7 @@
 namespace tarn::test {
 namespace {
 
+using Codes = std::vector<std::string>;
 constexpr double kNow = 1'000'000'000.0;
 const char* const kNotFound =
     " is not a conversion event. Not Found: Requestted item was not found in conversion database!;";
@@ -20,55 +21,51 @@ class ConversionTest : public TarnTest {
         setNowForTesting(std::nullopt);
         TarnTest::TearDown();
     }
-
     static void arm(const std::string& actor, const std::string& code, const std::string& name,
-                    std::optional<double> time) {
+                    std::optional<Date> time) {
         Tarn::shared().actorId = actor;
         bool saved = false;
-        std::optional<Date> date;
-        if (time)
-            date = Date{*time};
-        CoreDataManager::shared().saveConversion({code, name, date}, "inapp_open",
+        CoreDataManager::shared().saveConversion({code, name, time}, "inapp_open",
                                                  [&] { saved = true; });
         ASSERT_TRUE(saved);
     }
-
-    static std::vector<std::string> storedCodes() {
+    static Codes storedCodes() {
         return RawDatabase(CoreDataManager::databasePath())
             .column("SELECT communicationCode FROM ConversionEntity ORDER BY id");
     }
 };
 
-TEST_F(ConversionTest, NewestMarkerOfTheActorInsideThePeriodIsConsumedFirstWhoeverWroteIt) {
+TEST_F(ConversionTest, NewestMarkerInsideThePeriodIsConsumedFirstAndArmedMarkersOutliveThePurge) {
     setNowForTesting(Date{kNow});
     LogCapture logs;
     auto& conversions = ConversionManager::shared();
-    arm("alice", "older", "purchase", kNow - 100);
-    arm("alice", "newer", "purchase", kNow - 50);
-    arm("alice", "at-cutoff", "signup", kNow - 86400);
-    arm("alice", "just-inside", "signup", kNow - 86400 + 0.001);
-    arm("alice", "own", "login", kNow - 10);
+    arm("alice", "older", "purchase", Date{kNow - 100});
+    arm("alice", "newer", "purchase", Date{kNow - 50});
+    arm("alice", "at-cutoff", "signup", Date{kNow - 86400});
+    arm("alice", "just-inside", "signup", Date{kNow - 86400 + 0.001});
+    arm("alice", "own", "login", Date{kNow - 10});
 
     // Another actor's event matches nothing and leaves the markers in place.
     EXPECT_EQ(conversions.checkConversion("purchase", "bob"), std::nullopt);
     EXPECT_TRUE(logs.contains(std::string("Tarn-ConversionManager: purchase") + kNotFound));
     EXPECT_EQ(storedCodes().size(), 5u);
 
+    // Newest first, each once; the period is strict: a marker exactly at the cutoff is outside,
+    // one a moment later inside.
     Tarn::shared().actorId = "alice";
     EXPECT_EQ(conversions.checkConversion("purchase"), "newer");
     EXPECT_TRUE(logs.contains("Tarn-ConversionManager: purchase is a conversion event;"));
     EXPECT_EQ(conversions.checkConversion("purchase"), "older");
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
-    // The period is strict: a marker exactly at the cutoff is outside, one a moment later inside.
     EXPECT_EQ(conversions.checkConversion("signup"), "just-inside");
     EXPECT_EQ(conversions.checkConversion("signup"), std::nullopt);
 
     // Another connection (another process sharing the folder) arms and removes markers.
-    RawDatabase raw(CoreDataManager::databasePath());
-    ASSERT_EQ(raw.exec("INSERT INTO ConversionEntity (actorId, communicationCode, convertionName, "
-                       "time) VALUES ('alice', 'theirs', 'purchase', 1e9), ('bob', 'bobs', "
-                       "'purchase', 1e9); DELETE FROM ConversionEntity WHERE communicationCode = "
-                       "'own'"),
+    ASSERT_EQ(RawDatabase(CoreDataManager::databasePath())
+                  .exec("INSERT INTO ConversionEntity (actorId, communicationCode, "
+                        "convertionName, time) VALUES ('alice', 'theirs', 'purchase', 1e9), "
+                        "('bob', 'bobs', 'purchase', 1e9); DELETE FROM ConversionEntity WHERE "
+                        "communicationCode = 'own'"),
               "");
     EXPECT_EQ(conversions.checkConversion("purchase"), "theirs");
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
@@ -76,84 +73,51 @@ TEST_F(ConversionTest, NewestMarkerOfTheActorInsideThePeriodIsConsumedFirstWhoev
     EXPECT_TRUE(logs.contains(std::string("Tarn-ConversionManager: login") + kNotFound));
     EXPECT_EQ(conversions.checkConversion("purchase", "bob"), "bobs");
     // Arms and consumes of this process keep the counts current without another read.
-    arm("alice", "again", "signup", kNow - 2);
-    arm("alice", "again-2", "signup", kNow - 1);
+    arm("alice", "again", "signup", Date{kNow - 2});
+    arm("alice", "again-2", "signup", Date{kNow - 1});
     EXPECT_EQ(conversions.checkConversion("signup"), "again-2");
     EXPECT_EQ(conversions.checkConversion("signup"), "again");
     EXPECT_EQ(conversions.checkConversion("signup"), std::nullopt);
 
     // A shorter period from the server moves the cutoff.
-    arm("alice", "hour-old", "login", kNow - 3600);
+    arm("alice", "hour-old", "login", Date{kNow - 3600});
     processSettings().conversionOffset = -60.0;
     EXPECT_EQ(conversions.checkConversion("login"), std::nullopt);
     processSettings().conversionOffset = -7200.0;
     EXPECT_EQ(conversions.checkConversion("login"), "hour-old");
-    EXPECT_EQ(storedCodes(), std::vector<std::string>{"at-cutoff"});
-}
+    EXPECT_EQ(storedCodes(), Codes{"at-cutoff"});
 
-// Arming pins the time in whole milliseconds read as seconds, so the purge, which takes markers
-// one day old whatever the period, never takes an armed one.
-TEST_F(ConversionTest, ArmedMarkersOutliveThePurgeAndTheActorsNextEventTakesThem) {
+    // Arming pins the time in whole milliseconds read as seconds, so the purge, which takes
+    // markers one day old whatever the period, never takes an armed one.
     constexpr double kArmed = 1712345678.9019;
     setNowForTesting(Date{kArmed});
     processSettings().conversionOffset = -10.0;
-    arm("alice", "day-old", "purchase", kArmed - 86400);
-    arm("alice", "older", "purchase", kArmed - 90000);
-    arm("alice", "recent", "purchase", kArmed - 86399.5);
+    arm("alice", "day-old", "purchase", Date{kArmed - 86400});
+    arm("alice", "older", "purchase", Date{kArmed - 90000});
+    arm("alice", "recent", "purchase", Date{kArmed - 86399.5});
     arm("bob", "no-time", "purchase", std::nullopt);
-    LogCapture logs;
-    auto& conversions = ConversionManager::shared();
+    LogCapture armed;
     Tarn::shared().actorId = "alice";
     conversions.armConversion("msg-1", "purchase", "inapp_open");
     conversions.armConversion("msg-2", std::nullopt, "inapp_open");  // arms nothing
     CoreDataManager::shared().deleteExpiredConversions();
-    EXPECT_EQ(logs.lines(), std::vector<std::string>{"Tarn-ConversionManager: Conversion event "
-                                                     "saved with name: purchase;"});
-    EXPECT_EQ(storedCodes(), (std::vector<std::string>{"recent", "no-time", "msg-1"}));
-    RawDatabase raw(CoreDataManager::databasePath());
-    EXPECT_EQ(raw.column("SELECT actorId || ' ' || time FROM ConversionEntity WHERE "
-                         "communicationCode = 'msg-1'"),
-              std::vector<std::string>{"alice 1712345678901.0"});
+    EXPECT_EQ(armed.lines(), Codes{"Tarn-ConversionManager: Conversion event saved with name: "
+                                   "purchase;"});
+    EXPECT_EQ(storedCodes(), (Codes{"recent", "no-time", "msg-1"}));
+    EXPECT_EQ(RawDatabase(CoreDataManager::databasePath())
+                  .column("SELECT actorId || ' ' || time FROM ConversionEntity WHERE "
+                          "communicationCode = 'msg-1'"),
+              Codes{"alice 1712345678901.0"});
     EXPECT_EQ(conversions.checkConversion("purchase"), "msg-1");
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
-
     EXPECT_EQ(ConversionManager::millisecondStamp(Date{-1.0005}), -1000);
     EXPECT_DEATH(ConversionManager::millisecondStamp(Date{1e17}), "64-bit");
-}
-
-TEST_F(ConversionTest, ConversionCodeGoesIntoTheParametersAndTheMarkerKeepsItsJsonNames) {
-    using nlohmann::json;
-    const json empty = json::object();
-    struct Row {
-        json parameters;  // null: no "parameters" key
-        std::optional<std::string> code;
-        json expected;
-    } rows[] = {
-        {nullptr, "msg-1", {{"conversionCommunicationCode", "msg-1"}}},
-        {{{"amount", 5}, {"conversionCommunicationCode", "stale"}},
-         "msg-2",
-         {{"amount", 5}, {"conversionCommunicationCode", "msg-2"}}},
-        {{{"amount", 5}, {"conversionCommunicationCode", "stale"}}, std::nullopt, {{"amount", 5}}},
-        {"not an object", std::nullopt, empty},
-        {nullptr, std::nullopt, empty},
-    };
-    for (const auto& row : rows) {
-        json body = {{"name", "purchase"}};
-        if (!row.parameters.is_null())
-            body["parameters"] = row.parameters;
-        ConversionManager::applyConversionCode(body, row.code);
-        EXPECT_EQ(body, (json{{"name", "purchase"}, {"parameters", row.expected}}))
-            << row.parameters;
+    // A body whose "parameters" is missing or not an object gets an empty one.
+    for (auto body :
+         {nlohmann::json{{"name", "p"}}, nlohmann::json{{"name", "p"}, {"parameters", "text"}}}) {
+        ConversionManager::applyConversionCode(body, std::nullopt);
+        EXPECT_EQ(body, (nlohmann::json{{"name", "p"}, {"parameters", nlohmann::json::object()}}));
     }
-
-    // The arming value keeps its field names and exact time through JSON.
-    ConversionItem item{"msg-1", "purchase", Date{1712345678901.0}};
-    json encoded = item;
-    EXPECT_EQ(
-        encoded.dump(),
-        R"({"communicationCode":"msg-1","conversionName":"purchase","time":1712345678901.0})");
-    EXPECT_EQ(encoded.get<ConversionItem>(), item);
-    EXPECT_EQ(empty.get<ConversionItem>(), ConversionItem{});
 }
 
 }  // namespace

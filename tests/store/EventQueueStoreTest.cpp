@@ -17,6 +17,7 @@ namespace tarn::test {
 namespace {
 
 using Popped = std::vector<std::optional<std::string>>;
+using Rows = std::vector<std::string>;
 
 std::string event(const std::string& name, int seq = 0) {
     return nlohmann::json{{"name", name}, {"seq", seq}}.dump();
@@ -26,18 +27,27 @@ void save(const std::string& text, double timestamp) {
     CoreDataManager::shared().saveEventToQueue(text, Date{timestamp}, nlohmann::json::parse(text));
 }
 
-Popped popOnce() {
+/// Every answer of `times` pops.
+Popped pop(int times = 1) {
     Popped calls;
-    CoreDataManager::shared().popOldestEvent(
-        [&](std::optional<std::string> text) { calls.push_back(std::move(text)); });
+    while (times-- > 0)
+        CoreDataManager::shared().popOldestEvent(
+            [&](std::optional<std::string> text) { calls.push_back(std::move(text)); });
     return calls;
 }
+
+const std::string kSaveError =
+    "Tarn-ConversionManager: inapp_open conversion couldn't save. Save Error: An error occurred "
+    "while saving the conversion event!;";
+const std::string kFetchError =
+    "Tarn-ConversionManager: purchase is not a conversion event. Fetch Error: An error occurred "
+    "while fetching the conversion event!;";
 
 class EventQueueStoreTest : public TarnTest {};
 
 TEST_F(EventQueueStoreTest, PopsOldestFirstDeletesWhatItHandsAndPopsFromItsCompletion) {
     LogCapture logs;
-    EXPECT_EQ(popOnce(), Popped{std::nullopt}) << "an empty queue answers once, with nothing";
+    EXPECT_EQ(pop(), Popped{std::nullopt}) << "an empty queue answers once, with nothing";
     save(event("third"), 300.5);
     save(event("first"), 100.25);
     save(event("second"), 200.0);
@@ -47,17 +57,13 @@ TEST_F(EventQueueStoreTest, PopsOldestFirstDeletesWhatItHandsAndPopsFromItsCompl
     EXPECT_TRUE(logs.contains("Tarn-QueueManager: 42 has been saved to the queue.;"));
     EXPECT_EQ(logs.count("Tarn-QueueManager:  has been saved to the queue.;"), 0u);
 
-    // A record without text (written by hand) is handed as nothing and still removed.
+    // A record without text (written by hand) is handed as nothing and still removed; each pop
+    // answers exactly once, the last finds the queue empty.
     RawDatabase raw(CoreDataManager::databasePath());
     ASSERT_EQ(raw.exec("INSERT INTO EventQueue (event, timestamp) VALUES (NULL, 250)"), "");
     EXPECT_EQ(raw.integer("PRAGMA user_version"), CoreDataManager::kSchemaVersion);
-    Popped order;  // each pop answers exactly once; the last finds the queue empty
-    for (int i = 0; i < 7; ++i) {
-        auto calls = popOnce();
-        order.insert(order.end(), calls.begin(), calls.end());
-    }
-    EXPECT_EQ(order, (Popped{event("first"), event("second"), std::nullopt, event("third"), "{}",
-                             R"({"name":42})", std::nullopt}));
+    EXPECT_EQ(pop(7), (Popped{event("first"), event("second"), std::nullopt, event("third"), "{}",
+                              R"({"name":42})", std::nullopt}));
     EXPECT_EQ(raw.integer("SELECT count(*) FROM EventQueue"), 0);
     EXPECT_FALSE(logs.containsText("Fetch or delete error"));
 
@@ -72,8 +78,8 @@ TEST_F(EventQueueStoreTest, PopsOldestFirstDeletesWhatItHandsAndPopsFromItsCompl
         save(event("c"), 3);
     });
     EXPECT_EQ(seen, (Popped{event("a"), event("b")}));
-    EXPECT_EQ(popOnce(), Popped{event("c")});
-    EXPECT_EQ(popOnce(), Popped{std::nullopt});
+    EXPECT_EQ(pop(), Popped{event("c")});
+    EXPECT_EQ(pop(), Popped{std::nullopt});
 }
 
 // Another connection holds the file's write lock, so every commit of the store fails with
@@ -91,27 +97,23 @@ TEST_F(EventQueueStoreTest, FailedCommitsUnderAForeignLockHandNothingTwiceAndCat
     RawDatabase blocker(CoreDataManager::databasePath());
     ASSERT_EQ(blocker.exec("BEGIN IMMEDIATE"), "");
 
-    // A failed delete hands the event, then nothing; a failed event save is silent and loses it.
-    EXPECT_EQ(popOnce(), (Popped{event("kept"), std::nullopt}));
+    // A failed delete hands the event, then nothing, and that record is not handed out again by
+    // this process; a failed event save is silent and loses it.
+    EXPECT_EQ(pop(), (Popped{event("kept"), std::nullopt}));
     EXPECT_TRUE(logs.contains("Tarn-CoreDataManager: Fetch or delete error: database is locked;"));
     auto before = logs.lines().size();
     save(event("lost"), 3);
     EXPECT_EQ(logs.lines().size(), before);
-    // The record whose delete failed is not handed out again by this process.
-    EXPECT_EQ(popOnce(), (Popped{event("next"), std::nullopt}));
-    EXPECT_EQ(popOnce(), Popped{std::nullopt});
+    EXPECT_EQ(pop(), (Popped{event("next"), std::nullopt}));
+    EXPECT_EQ(pop(), Popped{std::nullopt});
 
     // A marker whose consumption fails is reported as a fetch error and stays taken.
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
-    EXPECT_TRUE(
-        logs.contains("Tarn-ConversionManager: purchase is not a conversion event. Fetch "
-                      "Error: An error occurred while fetching the conversion event!;"));
+    EXPECT_TRUE(logs.contains(kFetchError));
     bool saved = false;
     store.saveConversion({"msg-2", "purchase", Date{1}}, "inapp_open", [&] { saved = true; });
     EXPECT_FALSE(saved);
-    EXPECT_TRUE(
-        logs.contains("Tarn-ConversionManager: inapp_open conversion couldn't save. Save "
-                      "Error: An error occurred while saving the conversion event!;"));
+    EXPECT_TRUE(logs.contains(kSaveError));
     store.deleteExpiredConversions();
     EXPECT_TRUE(logs.contains("Tarn-CoreDataManager: Delete error: database is locked;"));
 
@@ -121,12 +123,11 @@ TEST_F(EventQueueStoreTest, FailedCommitsUnderAForeignLockHandNothingTwiceAndCat
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
     save(event("after"), 4);
     EXPECT_EQ(blocker.column("SELECT json_extract(event, '$.name') FROM EventQueue"),
-              std::vector<std::string>{"after"});
+              Rows{"after"});
     EXPECT_EQ(blocker.integer("SELECT count(*) FROM ConversionEntity"), 0);
     conversions.armConversion("msg-3", "other", "inapp_open");
-    EXPECT_EQ(blocker.column("SELECT communicationCode FROM ConversionEntity"),
-              std::vector<std::string>{"msg-3"});
-    EXPECT_EQ(popOnce(), Popped{event("after")});
+    EXPECT_EQ(blocker.column("SELECT communicationCode FROM ConversionEntity"), Rows{"msg-3"});
+    EXPECT_EQ(pop(), Popped{event("after")});
 }
 
 // A store that cannot be opened, yet whose file must not be replaced: the library runs on without
@@ -151,7 +152,7 @@ TEST_F(EventQueueStoreTest, UnusableStoreLogsOnceAndEveryOperationFailsOnItsOwn)
         EXPECT_FALSE(store.isStoreLoaded());
         Tarn::shared().actorId = "actor";
         save(event("e"), 1);
-        EXPECT_EQ(popOnce(), Popped{std::nullopt});
+        EXPECT_EQ(pop(), Popped{std::nullopt});
         bool saved = false;
         store.saveConversion({"code", "purchase", Date{1}}, "inapp_open", [&] { saved = true; });
         EXPECT_FALSE(saved);
@@ -170,16 +171,9 @@ TEST_F(EventQueueStoreTest, UnusableStoreLogsOnceAndEveryOperationFailsOnItsOwn)
                   1);
         for (const auto& text :
              {"Tarn-CoreDataManager: Fetch or delete error: The store is not loaded: " + reason,
-              "Tarn-CoreDataManager: Delete error: The store is not loaded: " + reason}) {
+              "Tarn-CoreDataManager: Delete error: The store is not loaded: " + reason, kSaveError,
+              kFetchError})
             EXPECT_TRUE(logs.containsText(text)) << text;
-        }
-        for (const char* line :
-             {"Tarn-ConversionManager: inapp_open conversion couldn't save. Save Error: An error "
-              "occurred while saving the conversion event!;",
-              "Tarn-ConversionManager: purchase is not a conversion event. Fetch Error: An error "
-              "occurred while fetching the conversion event!;"}) {
-            EXPECT_TRUE(logs.contains(line)) << line;
-        }
         EXPECT_FALSE(logs.containsText("moved"));
     }
     // The newer release's file is untouched.
@@ -191,26 +185,24 @@ TEST_F(EventQueueStoreTest, UnusableStoreLogsOnceAndEveryOperationFailsOnItsOwn)
 TEST_F(EventQueueStoreTest, SeveralThreadsSaveWhileAnotherPops) {
     constexpr int kThreads = 4, kPerThread = 300;
     std::multiset<std::string> expected, seen;
-    std::atomic<int> writersDone{0};
+    std::atomic<int> writing{kThreads};
     std::vector<std::thread> writers;
     for (int t = 0; t < kThreads; ++t) {
         for (int i = 0; i < kPerThread; ++i)
             expected.insert(event("t" + std::to_string(t), i));
-        writers.emplace_back([t, &writersDone] {
+        writers.emplace_back([t, &writing] {
             for (int i = 0; i < kPerThread; ++i)
                 save(event("t" + std::to_string(t), i), Date::now().secondsSince1970);
-            ++writersDone;
+            --writing;
         });
     }
     auto drainOne = [&] {
-        bool got = false;
-        for (const auto& text : popOnce()) {
-            if (text)
-                got = seen.insert(*text) != seen.end();
-        }
-        return got;
+        auto popped = pop();
+        if (popped.size() == 1 && popped[0])
+            seen.insert(*popped[0]);
+        return popped.size() == 1 && popped[0];
     };
-    while (writersDone.load() < kThreads)
+    while (writing.load() > 0)
         drainOne();
     for (auto& w : writers)
         w.join();
@@ -219,11 +211,9 @@ TEST_F(EventQueueStoreTest, SeveralThreadsSaveWhileAnotherPops) {
     EXPECT_EQ(seen, expected);
 }
 
-}  // namespace
-
+// Only the store's own checkpoint thread copies the log back; 6,000 records of about 1 KB fill it
+// several times over.
 TEST_F(EventQueueStoreTest, TheLogIsCopiedBackOffTheWritersThreadAndStaysBounded) {
-    // Only the store's own checkpoint thread copies the log back; 6,000 records of about 1 KB
-    // fill it several times over.
     const std::string padding(900, 'x');
     auto path = CoreDataManager::databasePath();
     auto fileSize = [](const std::filesystem::path& file) {
@@ -231,20 +221,19 @@ TEST_F(EventQueueStoreTest, TheLogIsCopiedBackOffTheWritersThreadAndStaysBounded
         auto size = std::filesystem::file_size(file, ec);
         return ec ? 0 : size;
     };
-    for (int i = 0; i < 6000; ++i) {
+    for (int i = 0; i < 6000; ++i)
         CoreDataManager::shared().saveEventToQueue(
             nlohmann::json{{"name", "e"}, {"seq", i}, {"pad", padding}}.dump(), Date{1.0 * i},
             nlohmann::json::object());
-    }
-    // The file ends up holding them (about 6 MB)...
+    // The file ends up holding them (about 6 MB), while the log was started over rather than grown
+    // to hold every page written (some 60 MB: each commit logs the table's and the index's page).
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (fileSize(path) < 5'000'000 && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_GE(fileSize(path), 5'000'000u);
-    // ...while the log was started over rather than grown to hold every page written (some
-    // 60 MB: each commit logs the table's and the index's page).
     EXPECT_LT(fileSize(path.string() + "-wal"), 30'000'000u);
     EXPECT_EQ(RawDatabase(path).integer("SELECT count(*) FROM EventQueue"), 6000);
 }
 
+}  // namespace
 }  // namespace tarn::test

@@ -21,31 +21,28 @@ class RawDatabase {
     }
     ~RawDatabase() { sqlite3_close(db_); }
     RawDatabase(const RawDatabase&) = delete;
-    RawDatabase& operator=(const RawDatabase&) = delete;
 
-    /// Runs `sql`; returns the error message, or an empty string.
-    std::string exec(const std::string& sql) {
+    /// Runs `sql`, collecting the first column of every row into `rows` (NULL as "<null>");
+    /// returns the error message, or an empty string.
+    std::string exec(const std::string& sql, std::vector<std::string>* rows = nullptr) {
+        auto collect = [](void* out, int, char** values, char**) {
+            if (out)
+                static_cast<std::vector<std::string>*>(out)->push_back(values[0] ? values[0]
+                                                                                 : "<null>");
+            return 0;
+        };
         char* message = nullptr;
-        int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message);
+        int rc = sqlite3_exec(db_, sql.c_str(), collect, rows, &message);
         std::string text = rc == SQLITE_OK ? "" : message ? message : "error";
         sqlite3_free(message);
         return text;
     }
 
-    /// The first column of every row of `sql`, as text (NULL as "<null>").
+    /// The first column of every row of `sql`, as text.
     std::vector<std::string> column(const std::string& sql) {
-        sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK)
-            throw std::runtime_error(sqlite3_errmsg(db_));
         std::vector<std::string> rows;
-        int rc;
-        while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
-            const auto* text = sqlite3_column_text(stmt, 0);
-            rows.push_back(text ? reinterpret_cast<const char*>(text) : "<null>");
-        }
-        sqlite3_finalize(stmt);
-        if (rc != SQLITE_DONE)
-            throw std::runtime_error(sqlite3_errmsg(db_));
+        if (auto error = exec(sql, &rows); !error.empty())
+            throw std::runtime_error(error);
         return rows;
     }
 
