@@ -33,14 +33,8 @@ class AnswerBoundsTest : public NetworkTest {
   protected:
     void SetUp() override {
         NetworkTest::SetUp();
-        raw_ = std::make_unique<RawSocketServer>();
         processSettings().baseUrl = raw_->baseUrl();
     }
-    void TearDown() override {
-        NetworkTest::TearDown();
-        raw_->stop();
-    }
-
     /// Runs the token routine against the raw server; true once its continuation has run.
     bool tokenRoutineEnds() {
         configureCredentials();
@@ -49,20 +43,18 @@ class AnswerBoundsTest : public NetworkTest {
         return done.wait(20s).has_value();
     }
 
-    /// Fetches the in-app answer from the raw server; true when an answer was decoded.
+    /// Fetches the in-app answer from the raw server: whether an answer was decoded, or none.
     std::optional<bool> inAppFetchDecoded() {
-        auto promise = std::make_shared<std::promise<bool>>();
-        auto result = promise->get_future();
+        auto decoded = std::make_shared<std::promise<bool>>();
+        auto result = decoded->get_future();
         InAppRepository::shared().fetchInAppCommunications(
-            {{"actorId", "a"}},
-            [promise](std::optional<AppCommunication> answer) { promise->set_value(!!answer); });
-        if (result.wait_for(20s) != std::future_status::ready) {
+            {{"actorId", "a"}}, [decoded](auto answer) { decoded->set_value(answer.has_value()); });
+        if (result.wait_for(20s) != std::future_status::ready)
             return std::nullopt;
-        }
         return result.get();
     }
 
-    std::unique_ptr<RawSocketServer> raw_;
+    std::unique_ptr<RawSocketServer> raw_ = std::make_unique<RawSocketServer>();
 };
 
 TEST_F(AnswerBoundsTest, OversizedTokenAnswersFailTheRoutineWithoutGrowingTheProcess) {
