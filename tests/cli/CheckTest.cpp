@@ -27,11 +27,11 @@ class CheckCommand : public CliTest {
         args.insert(args.begin(), "check");
         args.push_back(file);
         auto run = runTarn(args);
-        EXPECT_EQ(run.status, status) << run.out;
+        EXPECT_EQ(run->wait(), status) << run->out;
         for (const auto& line : lines)
-            EXPECT_THAT(run.out, HasSubstr(file + ": " + line));
-        EXPECT_THAT(run.out, Not(HasSubstr("very-secret-value")));
-        return run.out;
+            EXPECT_THAT(run->out, HasSubstr(file + ": " + line));
+        EXPECT_THAT(run->out, Not(HasSubstr("very-secret-value")));
+        return run->out;
     }
     TempDir dir_;
 };

@@ -162,9 +162,9 @@ TEST_F(ServeCommand, DelaysJsonOutputSignalsCompressionAndBounds) {
 
     // Binding beyond the loopback interface takes an explicit flag.
     auto wide = runTarn({"serve", "--host", "0.0.0.0", "--port", "0", "--duration", "0.1"});
-    EXPECT_EQ(wide.status, 2);
-    EXPECT_THAT(wide.err, HasSubstr("refusing to bind 0.0.0.0"));
-    EXPECT_EQ(wide.out, "");
+    EXPECT_EQ(wide->wait(), 2);
+    EXPECT_THAT(wide->err, HasSubstr("refusing to bind 0.0.0.0"));
+    EXPECT_EQ(wide->out, "");
 }
 
 }  // namespace
