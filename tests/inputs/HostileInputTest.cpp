@@ -49,9 +49,8 @@ std::string readFile(const fs::path& path) {
 using HostileInputTest = test::TarnTest;
 
 TEST(InputSafety, Utf8ExcerptsNestingAndDecodeErrorsOfAnswers) {
-    for (std::string bad : {"\xff", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xE2\x82"}) {
+    for (std::string bad : {"\xff", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xE2\x82"})
         EXPECT_FALSE(isValidUtf8(bad)) << bad;
-    }
     EXPECT_EQ(validUtf8("a\xE2\x82"
                         "b \xC3\xA7 \xF0\x9F\x98\x80"),
               "a\xEF\xBF\xBD\xEF\xBF\xBD"
