@@ -35,14 +35,6 @@ class AnswerBoundsTest : public NetworkTest {
         NetworkTest::SetUp();
         processSettings().baseUrl = raw_->baseUrl();
     }
-    /// Runs the token routine against the raw server; true once its continuation has run.
-    bool tokenRoutineEnds() {
-        configureCredentials();
-        Pending done;
-        Tarn::shared().requestAccessToken(done.continuation());
-        return done.wait(20s).has_value();
-    }
-
     /// Fetches the in-app answer from the raw server: whether an answer was decoded, or none.
     std::optional<bool> inAppFetchDecoded() {
         auto decoded = std::make_shared<std::promise<bool>>();
@@ -63,7 +55,8 @@ TEST_F(AnswerBoundsTest, OversizedTokenAnswersFailTheRoutineWithoutGrowingThePro
     auto baseline = peakRssBytes();
     raw_->answer({RawSocketServer::head("HTTP/1.1 200 OK", {"Content-Type: application/json"}),
                   RawSocketServer::repeated(100 * kMiB)});
-    ASSERT_TRUE(tokenRoutineEnds());
+    configureCredentials();
+    ASSERT_TRUE(requestToken().wait(20s));
     EXPECT_LT(peakRssBytes() - baseline, kRssGrowthBound);
     EXPECT_LT(raw_->bytesWritten(), 100 * kMiB);  // the client stopped reading before the end
     EXPECT_TRUE(logs_->waitFor(kTooLarge));
@@ -77,7 +70,7 @@ TEST_F(AnswerBoundsTest, OversizedTokenAnswersFailTheRoutineWithoutGrowingThePro
     // An announced length over the bound fails before the body is read.
     raw_->answer({RawSocketServer::head("HTTP/1.1 200 OK", {"Content-Length: 104857600"}),
                   RawSocketServer::fixed("{}")});
-    ASSERT_TRUE(tokenRoutineEnds());
+    ASSERT_TRUE(requestToken().wait(20s));
     EXPECT_TRUE(logs_->waitFor(kTooLarge, 5s, 2));
     EXPECT_EQ(Tarn::shared().tarnAuthToken.get(), "Bearer earlier");
 }

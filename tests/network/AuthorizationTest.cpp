@@ -21,13 +21,6 @@ std::optional<bool> tokenFlag() {
     return PreferencesManager::shared().boolValue(PreferenceKey::tokenStatus);
 }
 
-/// Runs the facade's token routine; the result sees its continuation.
-Pending requestToken() {
-    Pending done;
-    Tarn::shared().requestAccessToken(done.continuation());
-    return done;
-}
-
 }  // namespace
 
 using AuthorizationTest = NetworkTest;

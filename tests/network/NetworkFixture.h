@@ -115,6 +115,13 @@ class NetworkTest : public TarnTest {
         return pending;
     }
 
+    /// Runs the facade's token routine; the result sees its continuation.
+    static Pending requestToken() {
+        Pending done;
+        Tarn::shared().requestAccessToken(done.continuation());
+        return done;
+    }
+
     /// "<tag> <message>;", the form of a captured log line.
     static std::string line(const std::string& tag, const std::string& message) {
         return tag + " " + message + ";";
