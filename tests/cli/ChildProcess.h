@@ -111,7 +111,8 @@ class ChildProcess {
     /// when `timeout` passed first (the process is then killed).
     int wait(std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
         if (!status_) {
-            bool ended = !pumpUntil([] { return false; }, timeout) && fds_[1] < 0 && fds_[2] < 0;
+            pumpUntil([] { return false; }, timeout);
+            bool ended = fds_[1] < 0 && fds_[2] < 0;
             if (!ended)
                 kill(pid_, SIGKILL);
             int raw = 0;
