@@ -24,9 +24,7 @@ nlohmann::json popup(const std::string& uuid, int maxShowCount) {
             {"_id": "b1", "text": "One", "action": {"link": "app://one", "type": "deep"}},
             {"_id": "b2", "text": "Two"}, {"_id": "b3", "text": "Three"},
             {"_id": "b4", "text": "Four"}]}})");
-    item["uuid"] = uuid;
-    item["code"] = "code-" + uuid;
-    item["maxShowCount"] = maxShowCount;
+    item.update({{"uuid", uuid}, {"code", "code-" + uuid}, {"maxShowCount", maxShowCount}});
     return item;
 }
 
