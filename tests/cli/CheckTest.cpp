@@ -14,24 +14,23 @@ using nlohmann::json;
 
 class CheckCommand : public CliTest {
   protected:
-    std::string write(const std::string& name, const std::string& content) {
-        auto path = dir_.path() / name;
-        std::filesystem::create_directories(path.parent_path());
-        std::ofstream(path, std::ios::binary) << content;
-        return path.string();
-    }
-    /// Runs `tarn check <args> <file>`, expects `status` and each of `lines` after "<file>: ";
-    /// the standard output.
-    std::string check(std::vector<std::string> args, const std::string& file, int status,
+    /// Writes `content` (none: nothing) to `name` in the test's folder, runs `tarn check <args>`
+    /// on it, expects `status` and each of `lines` after "<file>: "; the standard output.
+    std::string check(std::vector<std::string> args, const std::string& name,
+                      std::optional<std::string> content, int status,
                       const std::vector<std::string>& lines = {}) {
+        auto file = (dir_.path() / name).string();
+        std::filesystem::create_directories((dir_.path() / name).parent_path());
+        if (content)
+            std::ofstream(file, std::ios::binary) << *content;
         args.insert(args.begin(), "check");
         args.push_back(file);
         auto run = runTarn(args);
-        EXPECT_EQ(run.status, status) << run.out;
+        EXPECT_EQ(run->wait(), status) << run->out;
         for (const auto& line : lines)
-            EXPECT_THAT(run.out, HasSubstr(file + ": " + line));
-        EXPECT_THAT(run.out, Not(HasSubstr("very-secret-value")));
-        return run.out;
+            EXPECT_THAT(run->out, HasSubstr(file + ": " + line));
+        EXPECT_THAT(run->out, Not(HasSubstr("very-secret-value")));
+        return run->out;
     }
     TempDir dir_;
 };
@@ -43,9 +42,9 @@ const json kService = {{"DOMAIN", "https://api.example.com/prefix"},
 
 TEST_F(CheckCommand, ServiceFileIsAcceptedOrEachProblemGetsItsOwnLineWithoutTheSecret) {
     for (bool binary : {false, true}) {
-        auto file = write(std::string(binary ? "bin" : "xml") + "/TarnService-Info.plist",
-                          writePropertyList(kService, binary));
-        EXPECT_EQ(check({"service"}, file, 0),
+        auto name = std::string(binary ? "bin" : "xml") + "/TarnService-Info.plist";
+        auto file = (dir_.path() / name).string();
+        EXPECT_EQ(check({"service"}, name, writePropertyList(kService, binary), 0),
                   file + ": OK: DOMAIN https://api.example.com/prefix, CLIENT_ID client-7\n");
     }
     auto with = [](json changes) {  // a null value removes the key
@@ -74,12 +73,12 @@ TEST_F(CheckCommand, ServiceFileIsAcceptedOrEachProblemGetsItsOwnLineWithoutTheS
         {writePropertyList(json::array({1, 2})), "the root is an array"},
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
-        auto file = write(std::to_string(i) + "/TarnService-Info.plist", cases[i].first);
-        EXPECT_THAT(check({"service"}, file, 1, {"error: " + cases[i].second}),
+        EXPECT_THAT(check({"service"}, std::to_string(i) + "/TarnService-Info.plist",
+                          cases[i].first, 1, {"error: " + cases[i].second}),
                     Not(HasSubstr("OK")));
     }
-    check({"service"}, (dir_.path() / "absent.plist").string(), 1, {"error: cannot read the file"});
-    check({"service"}, write("Service.plist", writePropertyList(kService)), 0,
+    check({"service"}, "absent.plist", std::nullopt, 1, {"error: cannot read the file"});
+    check({"service"}, "Service.plist", writePropertyList(kService), 0,
           {"warning: the library only reads a file named \"TarnService-Info.plist\""});
 }
 
@@ -100,7 +99,7 @@ json item(const std::string& uuid, const std::string& trigger) {
 TEST_F(CheckCommand, InAppAnswerWithEveryBrokenItemOnItsOwnLineAndASummaryTable) {
     json good = {{"inAppCommunicationCommands", json::array({item("u-1", "add_to_cart")})},
                  {"configuration", {{"eventQueueDelay", 0.2}, {"apiRequestTimeout", 5}}}};
-    auto out = check({"inapp"}, write("good.json", good.dump(2)), 0,
+    auto out = check({"inapp"}, "good.json", good.dump(2), 0,
                      {"OK (1 communication, 0 errors, 0 warnings)"});
     EXPECT_THAT(
         out, HasSubstr("#  uuid  name      template  trigger      maxShowCount  conversionEvent\n"
@@ -118,7 +117,7 @@ TEST_F(CheckCommand, InAppAnswerWithEveryBrokenItemOnItsOwnLineAndASummaryTable)
     items[4]["subInAppCommunication"]["buttons"][0]["action"]["type"] = "DEEP";
     broken["configuration"]["conversionTimeout"] = "a day";
     out = check(
-        {"inapp"}, write("broken.json", broken.dump()), 1,
+        {"inapp"}, "broken.json", broken.dump(), 1,
         {"error: inAppCommunicationCommands[1].title.color: Expected a string but found a number.",
          "error: inAppCommunicationCommands[2].uuid: ",
          "error: inAppCommunicationCommands[3].subInAppCommunication.buttons[0].action.link: "
@@ -136,16 +135,16 @@ TEST_F(CheckCommand, InAppAnswerWithEveryBrokenItemOnItsOwnLineAndASummaryTable)
 
     // Warnings alone pass, unless --strict.
     good["inAppCommunicationCommands"].push_back(item("u-9", "add_to_cart"));
-    auto warned = write("warned.json", good.dump());
-    check({"inapp"}, warned, 0);
-    check({"inapp", "--strict"}, warned, 1, {"OK (2 communications, 0 errors, 1 warning)"});
+    check({"inapp"}, "warned.json", good.dump(), 0);
+    check({"inapp", "--strict"}, "warned.json", good.dump(), 1,
+          {"OK (2 communications, 0 errors, 1 warning)"});
 
     // Documents that are not answers at all.
-    check({"inapp"}, write("text.json", "{\"a\":"), 1, {"error: not JSON: "});
-    check({"inapp"}, write("array.json", "[1]"), 1, {"error: the root is an array, not an object"});
-    check({"inapp"}, write("list.json", R"({"inAppCommunicationCommands":{}})"), 1,
+    check({"inapp"}, "text.json", "{\"a\":", 1, {"error: not JSON: "});
+    check({"inapp"}, "array.json", "[1]", 1, {"error: the root is an array, not an object"});
+    check({"inapp"}, "list.json", R"({"inAppCommunicationCommands":{}})", 1,
           {"error: inAppCommunicationCommands: expected an array but found a dictionary"});
-    check({"inapp"}, write("empty.json", "{}"), 0,
+    check({"inapp"}, "empty.json", "{}", 0,
           {"warning: configuration: absent, so the library shows no communication"});
 }
 

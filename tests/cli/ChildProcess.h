@@ -10,12 +10,16 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#ifndef TARN_CLI_PATH
+#define TARN_CLI_PATH ""  // the command is not part of this build
+#endif
 
 namespace tarn::test {
 
@@ -25,11 +29,7 @@ using ::testing::StartsWith;
 
 /// Path of the built `tarn` executable, or empty when the command is not part of this build.
 inline std::string tarnExecutable() {
-#ifdef TARN_CLI_PATH
     return TARN_CLI_PATH;
-#else
-    return {};
-#endif
 }
 
 class ChildProcess {
@@ -77,22 +77,20 @@ class ChildProcess {
     template <typename Done>
     bool pumpUntil(Done done, std::chrono::milliseconds timeout) {
         auto deadline = std::chrono::steady_clock::now() + timeout;
-        char buffer[65536];
         std::string* sinks[3] = {nullptr, &out, &err};
         while (!done()) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            pollfd p[3] = {{-1, 0, 0}, {fds_[1], POLLIN, 0}, {fds_[2], POLLIN, 0}};
-            if (left.count() <= 0 || (fds_[1] < 0 && fds_[2] < 0))
+            if (std::chrono::steady_clock::now() >= deadline || (fds_[1] < 0 && fds_[2] < 0))
                 return false;
             // Short polls, so that `done` is asked again while the outputs stay quiet.
-            if (poll(p, 3, static_cast<int>(std::min<long>(left.count(), 10))) <= 0)
+            pollfd p[2] = {{fds_[1], POLLIN, 0}, {fds_[2], POLLIN, 0}};
+            if (poll(p, 2, 10) <= 0)
                 continue;
             for (int i = 1; i < 3; ++i) {
-                if (p[i].fd < 0 || !(p[i].revents & (POLLIN | POLLHUP | POLLERR)))
+                char buffer[65536];
+                ssize_t n = 0;
+                if (p[i - 1].fd < 0 || !p[i - 1].revents)
                     continue;
-                ssize_t n = read(p[i].fd, buffer, sizeof buffer);
-                if (n > 0)
+                if ((n = read(fds_[i], buffer, sizeof buffer)) > 0)
                     sinks[i]->append(buffer, static_cast<std::size_t>(n));
                 else
                     close(fds_[i]), fds_[i] = -1;
@@ -100,13 +98,12 @@ class ChildProcess {
         }
         return true;
     }
-    /// The next line of standard output, or none when it ends or `timeout` passes first.
+    /// Takes the next line off standard output, or none when it ends or `timeout` passes first.
     std::optional<std::string> readLine(std::chrono::milliseconds timeout) {
-        if (!pumpUntil([&] { return out.find('\n', lineStart_) != std::string::npos; }, timeout))
+        if (!pumpUntil([&] { return out.find('\n') != std::string::npos; }, timeout))
             return std::nullopt;
-        auto end = out.find('\n', lineStart_);
-        std::string line = out.substr(lineStart_, end - lineStart_);
-        lineStart_ = end + 1;
+        std::string line = out.substr(0, out.find('\n'));
+        out.erase(0, line.size() + 1);
         return line;
     }
     void signal(int signal) { kill(pid_, signal); }
@@ -130,21 +127,16 @@ class ChildProcess {
   private:
     pid_t pid_ = -1;
     int fds_[3] = {-1, -1, -1};
-    std::size_t lineStart_ = 0;
     std::optional<int> status_;
 };
 
-/// Runs `tarn` with `args` to its end.
-struct TarnRun {
-    int status;
-    std::string out, err;
-};
-inline TarnRun runTarn(std::vector<std::string> args,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
+/// Runs `tarn` with `args` to its end; `wait()` then gives its exit status at once.
+inline std::unique_ptr<ChildProcess> runTarn(
+    std::vector<std::string> args, std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
     args.insert(args.begin(), tarnExecutable());
-    ChildProcess tarn(args);
-    int status = tarn.wait(timeout);
-    return {status, tarn.out, tarn.err};
+    auto tarn = std::make_unique<ChildProcess>(args);
+    tarn->wait(timeout);
+    return tarn;
 }
 
 /// The command's tests: skipped when the command is not part of this build.

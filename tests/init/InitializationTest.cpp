@@ -1,8 +1,6 @@
 // Initialisation end to end and in-app communications against the loopback server.
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "support/PipelineFixture.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Tarn.h"
@@ -26,53 +24,23 @@ nlohmann::json popup(const std::string& uuid, int maxShowCount) {
             {"_id": "b1", "text": "One", "action": {"link": "app://one", "type": "deep"}},
             {"_id": "b2", "text": "Two"}, {"_id": "b3", "text": "Three"},
             {"_id": "b4", "text": "Four"}]}})");
-    item["uuid"] = uuid;
-    item["code"] = "code-" + uuid;
-    item["maxShowCount"] = maxShowCount;
+    item.update({{"uuid", uuid}, {"code", "code-" + uuid}, {"maxShowCount", maxShowCount}});
     return item;
 }
 
 /// A presenter that records what it was asked to show.
-struct RecordingScreen : InAppViewController {
+struct RecordingScreen : InAppViewController, std::enable_shared_from_this<RecordingScreen> {
     static inline std::vector<std::shared_ptr<RecordingScreen>> shown;
     ScreenRef presenter;
-    std::weak_ptr<RecordingScreen> self;
     void present(const ScreenRef& p) override {
         presenter = p;
-        shown.push_back(self.lock());
+        shown.push_back(shared_from_this());
     }
 };
 
 }  // namespace
 
-class InitializationTest : public PipelineTest {};
-
-TEST_F(InitializationTest, AFirstRunFetchesThenSendsInstallAndInitialize) {
-    LogCapture logs;
-    ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
-    auto all = server_->requests();
-    ASSERT_GE(all.size(), 2u);
-    EXPECT_EQ(all[0].path, kTokenPath);
-    EXPECT_EQ(all[1].path, kInAppPath);
-    EXPECT_EQ(nlohmann::json::parse(all[1].body), (nlohmann::json{{"actorId", "actor-1"},
-                                                                  {"applicationName", "HostApp"},
-                                                                  {"configuration", true}}));
-    EXPECT_EQ(all[1].header("Authorization"), "Bearer T1");
-    EXPECT_TRUE(logs.contains("Tarn: checkAuthToken;"));
-    EXPECT_TRUE(logs.contains("Tarn-InAppManager: Tarn Sdk initialized succesfully.;"));
-    EXPECT_TRUE(Tarn::shared().isInitializeCompleted.load());
-    ASSERT_TRUE(drainUntil(2));
-    EXPECT_EQ(receivedNames(), (std::vector<std::string>{"install", "sdk_initialize"}));
-    EXPECT_EQ(receivedEvents()[0]["parameters"]["configurationActorId"], "actor-1");
-    EXPECT_EQ(receivedEvents()[0]["parameters"]["anonymous"], false);
-
-    // A second run in a new process sends no "install".
-    std::string out;
-    EXPECT_EQ(runHelper({"init_and_drain", dataDir().string(), bundleDir().string()}, &out), 0)
-        << out;
-    EXPECT_EQ(receivedNames(),
-              (std::vector<std::string>{"install", "sdk_initialize", "sdk_initialize"}));
-}
+using InitializationTest = PipelineTest;
 
 TEST_F(InitializationTest, FailedFetchesKeepEventsAndAServerErrorFailsOnlyWithoutRetriesLeft) {
     // One undecodable item fails the whole answer.
@@ -114,31 +82,36 @@ TEST_F(InitializationTest, FailedFetchesKeepEventsAndAServerErrorFailsOnlyWithou
         return ConfigManager::shared().getInitializeStatus() ==
                InitializeStatusType::initializeFailed;
     }));
-    // A forced run fetches under the start-up budget of 3: the 5xx answer ends the exchange
-    // without any completion, so the run stays where it is.
-    auto fetches = server_->count(kInAppPath);
-    Tarn::shared().initialize(hostConfig("actor-1", true));
-    EXPECT_EQ(processSettings().requestRetryCount.load(), 3);
-    ASSERT_TRUE(pumpUntil([&] { return server_->count(kInAppPath) > fetches; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    queue().advance(1);
-    EXPECT_EQ(ConfigManager::shared().getInitializeStatus(), InitializeStatusType::initializing);
 }
 
-TEST_F(InitializationTest, ThePopupIsShownWithinItsLimitReportsAndArmsItsConversion) {
+TEST_F(InitializationTest, AFirstRunSendsInstallThenThePopupIsShownWithinItsLimitAndReports) {
     auto first = popup("p1", 1);
     first["conversionEvent"] = "purchase";
     auto answer = nlohmann::json{{"inAppCommunicationCommands", {first, popup("p2", 5)}},
                                  {"configuration", nlohmann::json::object()}};
     server_->on(kInAppPath, ScriptedAnswer::json(200, answer.dump()));
-    ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
-    ASSERT_TRUE(drainUntil(2));
-    InAppManager::shared().registerInAppScreen([] {
-        auto screen = std::make_shared<RecordingScreen>();
-        screen->self = screen;
-        return screen;
-    });
     LogCapture logs;
+    ASSERT_EQ(initializeAndWait(hostConfig("actor-1")), InitializeStatusType::initialized);
+    auto all = server_->requests();
+    ASSERT_GE(all.size(), 2u);
+    EXPECT_EQ(all[0].path, kTokenPath);
+    EXPECT_EQ(all[1].path, kInAppPath);
+    EXPECT_EQ(nlohmann::json::parse(all[1].body), (nlohmann::json{{"actorId", "actor-1"},
+                                                                  {"applicationName", "HostApp"},
+                                                                  {"configuration", true}}));
+    EXPECT_EQ(all[1].header("Authorization"), "Bearer T1");
+    EXPECT_TRUE(logs.contains("Tarn: checkAuthToken;"));
+    EXPECT_TRUE(logs.contains("Tarn-InAppManager: Tarn Sdk initialized succesfully.;"));
+    EXPECT_TRUE(Tarn::shared().isInitializeCompleted.load());
+    ASSERT_TRUE(drainUntil(2));
+    EXPECT_EQ(receivedEvents()[0]["parameters"]["configurationActorId"], "actor-1");
+    EXPECT_EQ(receivedEvents()[0]["parameters"]["anonymous"], false);
+    // A second run in a new process sends no "install".
+    std::string out;
+    EXPECT_EQ(runHelper({"init_and_drain", dataDir().string(), bundleDir().string()}, &out), 0)
+        << out;
+
+    InAppManager::shared().registerInAppScreen([] { return std::make_shared<RecordingScreen>(); });
     auto shop = std::make_shared<NamedScreen>("ShopScreen");
     std::vector<AppCommunicationAction> actions;
     TarnEvent::shared().sendCustomEvent(
@@ -165,17 +138,11 @@ TEST_F(InitializationTest, ThePopupIsShownWithinItsLimitReportsAndArmsItsConvers
     ASSERT_EQ(actions.size(), 1u);
     EXPECT_EQ(actions[0].link, "app://one");
     TarnEvent::shared().sendCustomEvent(nullptr, std::nullopt, "purchase");
-    ASSERT_TRUE(drainUntil(6));
-    auto events = receivedEvents();
-    EXPECT_EQ(events[2]["name"], "promo");
-    EXPECT_EQ(events[3]["name"], "in_app_opened");
-    EXPECT_EQ(events[3]["parameters"]["pageName"], "ShopScreen");
-    EXPECT_EQ(events[3]["parameters"]["communicationId"], "p1");
-    EXPECT_EQ(events[4]["name"], "in_app_button_clicked");
-    EXPECT_EQ(events[4]["parameters"]["buttonId"], "b1");
-    EXPECT_EQ(events[4]["parameters"]["buttonText"], "One");
-    EXPECT_EQ(events[5]["name"], "purchase");
-    EXPECT_EQ(events[5]["parameters"]["conversionCommunicationCode"], "code-p1");
+    ASSERT_TRUE(drainUntil(7));
+    EXPECT_EQ(receivedNames(),
+              (std::vector<std::string>{"install", "sdk_initialize", "sdk_initialize", "promo",
+                                        "in_app_opened", "in_app_button_clicked", "purchase"}));
+    EXPECT_EQ(receivedEvents()[6]["parameters"]["conversionCommunicationCode"], "code-p1");
 
     // Past its limit the popup is not shown again, and only the first match counts.
     TarnEvent::shared().sendCustomEvent(shop, std::nullopt, "promo");

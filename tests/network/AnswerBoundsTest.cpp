@@ -33,36 +33,20 @@ class AnswerBoundsTest : public NetworkTest {
   protected:
     void SetUp() override {
         NetworkTest::SetUp();
-        raw_ = std::make_unique<RawSocketServer>();
         processSettings().baseUrl = raw_->baseUrl();
     }
-    void TearDown() override {
-        NetworkTest::TearDown();
-        raw_->stop();
-    }
-
-    /// Runs the token routine against the raw server; true once its continuation has run.
-    bool tokenRoutineEnds() {
-        configureCredentials();
-        Pending done;
-        Tarn::shared().requestAccessToken(done.continuation());
-        return done.wait(20s).has_value();
-    }
-
-    /// Fetches the in-app answer from the raw server; true when an answer was decoded.
+    /// Fetches the in-app answer from the raw server: whether an answer was decoded, or none.
     std::optional<bool> inAppFetchDecoded() {
-        auto promise = std::make_shared<std::promise<bool>>();
-        auto result = promise->get_future();
+        auto decoded = std::make_shared<std::promise<bool>>();
+        auto result = decoded->get_future();
         InAppRepository::shared().fetchInAppCommunications(
-            {{"actorId", "a"}},
-            [promise](std::optional<AppCommunication> answer) { promise->set_value(!!answer); });
-        if (result.wait_for(20s) != std::future_status::ready) {
+            {{"actorId", "a"}}, [decoded](auto answer) { decoded->set_value(answer.has_value()); });
+        if (result.wait_for(20s) != std::future_status::ready)
             return std::nullopt;
-        }
         return result.get();
     }
 
-    std::unique_ptr<RawSocketServer> raw_;
+    std::unique_ptr<RawSocketServer> raw_ = std::make_unique<RawSocketServer>();
 };
 
 TEST_F(AnswerBoundsTest, OversizedTokenAnswersFailTheRoutineWithoutGrowingTheProcess) {
@@ -71,7 +55,8 @@ TEST_F(AnswerBoundsTest, OversizedTokenAnswersFailTheRoutineWithoutGrowingThePro
     auto baseline = peakRssBytes();
     raw_->answer({RawSocketServer::head("HTTP/1.1 200 OK", {"Content-Type: application/json"}),
                   RawSocketServer::repeated(100 * kMiB)});
-    ASSERT_TRUE(tokenRoutineEnds());
+    configureCredentials();
+    ASSERT_TRUE(requestToken().wait(20s));
     EXPECT_LT(peakRssBytes() - baseline, kRssGrowthBound);
     EXPECT_LT(raw_->bytesWritten(), 100 * kMiB);  // the client stopped reading before the end
     EXPECT_TRUE(logs_->waitFor(kTooLarge));
@@ -85,7 +70,7 @@ TEST_F(AnswerBoundsTest, OversizedTokenAnswersFailTheRoutineWithoutGrowingThePro
     // An announced length over the bound fails before the body is read.
     raw_->answer({RawSocketServer::head("HTTP/1.1 200 OK", {"Content-Length: 104857600"}),
                   RawSocketServer::fixed("{}")});
-    ASSERT_TRUE(tokenRoutineEnds());
+    ASSERT_TRUE(requestToken().wait(20s));
     EXPECT_TRUE(logs_->waitFor(kTooLarge, 5s, 2));
     EXPECT_EQ(Tarn::shared().tarnAuthToken.get(), "Bearer earlier");
 }

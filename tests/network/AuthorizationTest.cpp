@@ -21,23 +21,11 @@ std::optional<bool> tokenFlag() {
     return PreferencesManager::shared().boolValue(PreferenceKey::tokenStatus);
 }
 
-/// Runs the facade's token routine; the result sees its continuation.
-Pending requestToken() {
-    Pending done;
-    Tarn::shared().requestAccessToken(done.continuation());
-    return done;
-}
-
 }  // namespace
 
-class AuthorizationTest : public NetworkTest {
-  protected:
-    bool tokenArrives() {
-        return pumpUntil([] { return !Tarn::shared().tarnAuthToken.get().empty(); });
-    }
-};
+using AuthorizationTest = NetworkTest;
 
-TEST_F(AuthorizationTest, HostValueOrMissingCredentialsSendNothing) {
+TEST_F(AuthorizationTest, HostValueOrNoCredentialsSendNothingAndOnlyAGoodAnswerReplacesTheToken) {
     // A ready-made value wins over credentials: stored verbatim, continuation run at once.
     configureCredentials("Custom stored-token-value");
     auto hostValue = requestToken();
@@ -49,15 +37,12 @@ TEST_F(AuthorizationTest, HostValueOrMissingCredentialsSendNothing) {
     EXPECT_EQ(requestToken().calls(), 1);
     EXPECT_EQ(Tarn::shared().tarnAuthToken.get(), "Custom stored-token-value");
     EXPECT_EQ(server_->totalCount(), 0u);
-}
 
-TEST_F(AuthorizationTest, TokenRequestCarriesNoAuthorizationAndStoresTheServersSpelling) {
+    // With credentials the server's answer replaces it, spelled as the server spells it.
     auto answer = ScriptedAnswer::json(200, kTokenAnswer);
     answer.delay = 300ms;
     server_->on(Endpoint::accessToken, answer);
     configureCredentials();
-    Tarn::shared().tarnAuthToken = "Bearer stored-token-value";
-
     auto done = requestToken();
     ASSERT_TRUE(server_->waitForCount(Endpoint::accessToken, 1));
     EXPECT_EQ(tokenFlag(), false);  // In flight.
@@ -73,15 +58,7 @@ TEST_F(AuthorizationTest, TokenRequestCarriesNoAuthorizationAndStoresTheServersS
     EXPECT_EQ(nlohmann::json::parse(request.body),
               nlohmann::json({{"clientId", "client-id-1"}, {"clientSecret", kClientSecret}}));
 
-    // Later requests carry the new value exactly as stored.
-    server_->on(Endpoint::event, ScriptedAnswer::json(200, "{}"));
-    ASSERT_TRUE(post(Endpoint::event).wait());
-    EXPECT_EQ(server_->requests(Endpoint::event).at(0).header("Authorization"), kBearer);
-}
-
-TEST_F(AuthorizationTest, UndecodableOrFailedAnswersKeepTheOldValue) {
-    configureCredentials();
-    Tarn::shared().tarnAuthToken = "Bearer stored-token-value";
+    // Undecodable or failed answers keep that value, each with its own lines.
     auto withoutPolicy = nlohmann::json::parse(kTokenAnswer);
     withoutPolicy.erase("not-before-policy");
     for (const auto& [answer, lines] :
@@ -94,13 +71,13 @@ TEST_F(AuthorizationTest, UndecodableOrFailedAnswersKeepTheOldValue) {
                kNotFetched}},
              {ScriptedAnswer::json(400, R"({"error":"invalid_client"})"), {kNotFetched}}}) {
         SCOPED_TRACE(lines.front());
-        logs_ = std::make_unique<LogCapture>();
+        LogCapture logs;
         server_->on(Endpoint::accessToken, answer);
         ASSERT_TRUE(requestToken().wait());
-        ASSERT_TRUE(logs_->waitFor(lines.back()));
-        EXPECT_EQ(logs_->lines(), lines);
+        ASSERT_TRUE(logs.waitFor(lines.back()));
+        EXPECT_EQ(logs.lines(), lines);
         EXPECT_EQ(tokenFlag(), true);
-        EXPECT_EQ(Tarn::shared().tarnAuthToken.get(), "Bearer stored-token-value");
+        EXPECT_EQ(Tarn::shared().tarnAuthToken.get(), kBearer);
     }
 }
 
@@ -121,10 +98,10 @@ TEST_F(AuthorizationTest, UnauthorizedAnswersCompleteThenFetchOneNewTokenAtATime
                        collect(std::move(data), std::move(error), status);
                    });
     auto outcome = pending.wait();
-    ASSERT_TRUE(outcome && outcome->error && outcome->error->networkError());
+    ASSERT_TRUE(outcome && outcome->networkError());
     EXPECT_FALSE(outcome->data);
     EXPECT_EQ(outcome->status, 401);
-    EXPECT_EQ(*outcome->error->networkError(), NetworkError::httpError(401, "Unauthorized"));
+    EXPECT_EQ(*outcome->networkError(), NetworkError::httpError(401, "Unauthorized"));
     EXPECT_EQ(tokenRequestsAtCompletion.load(), 0u);
     ASSERT_TRUE(server_->waitForCount(Endpoint::accessToken, 1));
     EXPECT_FALSE(logs_->contains(kPending));
@@ -133,15 +110,16 @@ TEST_F(AuthorizationTest, UnauthorizedAnswersCompleteThenFetchOneNewTokenAtATime
     // transport's thread while this one reads it.
     EXPECT_EQ(post(Endpoint::event).wait()->status, 401);
     ASSERT_TRUE(logs_->waitFor(kPending));
-    ASSERT_TRUE(tokenArrives());
+    ASSERT_TRUE(pumpUntil([] { return !Tarn::shared().tarnAuthToken.get().empty(); }));
     EXPECT_EQ(Tarn::shared().tarnAuthToken.get(), kBearer);
     std::this_thread::sleep_for(200ms);
     EXPECT_EQ(server_->count(Endpoint::accessToken), 1u);
     EXPECT_EQ(server_->count(Endpoint::event), 2u);  // A failed request is not repeated.
     EXPECT_EQ(logs_->count(kPending), 1u);
 
-    // A 401 later, with no token request in flight, triggers another.
+    // A 401 later, carrying the new value exactly as stored, triggers another token request.
     ASSERT_TRUE(post(Endpoint::event).wait());
+    EXPECT_EQ(server_->requests(Endpoint::event).at(2).header("Authorization"), kBearer);
     EXPECT_TRUE(server_->waitForCount(Endpoint::accessToken, 2));
 }
 
@@ -162,8 +140,7 @@ TEST_F(AuthorizationTest, RefusedCredentialsRepeatTheTokenRequestUntilTheServerG
     EXPECT_EQ(done.calls(), 1);  // The continuation belongs to the first round only.
     EXPECT_FALSE(logs_->contains(kPending));
     EXPECT_GE(logs_->count(kNotFetched), sent);
-    for (const auto& r : server_->requests(Endpoint::accessToken)) {
+    for (const auto& r : server_->requests(Endpoint::accessToken))
         EXPECT_FALSE(r.header("Authorization"));
-    }
     EXPECT_TRUE(Tarn::shared().tarnAuthToken.get().empty());
 }

@@ -33,36 +33,37 @@ struct Outcome {
     std::optional<ServiceError> error;
     std::optional<int> status;
     std::thread::id thread;
+    const NetworkError* networkError() const { return error ? error->networkError() : nullptr; }
 };
 
 /// Collects completions; shared with the callback so it may outlive the test's wait.
 class Pending {
   public:
     ServiceCompletion completion() {
-        return [s = state_](auto data, auto error, auto status) {
+        return [s = s_](auto data, auto error, auto status) {
             s->record({std::move(data), std::move(error), status, std::this_thread::get_id()});
         };
     }
     /// A continuation without arguments, recorded with the thread it ran on.
     std::function<void()> continuation() {
-        return [s = state_] { s->record({{}, {}, {}, std::this_thread::get_id()}); };
+        return [s = s_] { s->record({{}, {}, {}, std::this_thread::get_id()}); };
     }
     /// The last outcome, once there is one; none after `timeout`.
     std::optional<Outcome> wait(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-        std::unique_lock lock(state_->mutex);
-        state_->changed.wait_for(lock, timeout, [&] { return state_->calls > 0; });
-        return state_->outcome;
+        std::unique_lock lock(s_->mutex);
+        s_->changed.wait_for(lock, timeout, [&] { return s_->calls > 0; });
+        return s_->outcome;
     }
     int calls() const {
-        std::lock_guard lock(state_->mutex);
-        return state_->calls;
+        std::lock_guard lock(s_->mutex);
+        return s_->calls;
     }
 
   private:
     struct State {
-        void record(Outcome outcome) {
+        void record(Outcome o) {
             std::lock_guard lock(mutex);
-            this->outcome = std::move(outcome);
+            outcome = std::move(o);
             ++calls;
             changed.notify_all();
         }
@@ -71,14 +72,13 @@ class Pending {
         std::optional<Outcome> outcome;
         int calls = 0;
     };
-    std::shared_ptr<State> state_ = std::make_shared<State>();
+    std::shared_ptr<State> s_ = std::make_shared<State>();
 };
 
 class NetworkTest : public TarnTest {
   protected:
     void SetUp() override {
         TarnTest::SetUp();
-        server_ = std::make_unique<LoopbackServer>();
         logs_ = std::make_unique<LogCapture>();
         processSettings().baseUrl = server_->baseUrl();
         writeInfoPlist(bundleDir(), "com.example.host");
@@ -86,11 +86,9 @@ class NetworkTest : public TarnTest {
     }
     void TearDown() override {
         // No log line may carry a secret or an authorization value, whatever the test did.
-        for (const auto& line : logs_->lines()) {
-            for (const char* secret : {kClientSecret, kServerToken, "stored-token-value"}) {
+        for (const auto& line : logs_->lines())
+            for (const char* secret : {kClientSecret, kServerToken, "stored-token-value"})
                 EXPECT_EQ(line.find(secret), std::string::npos) << line;
-            }
-        }
         TarnTest::TearDown();  // Stops the client's transfers before the server goes.
         logs_.reset();
         server_.reset();
@@ -117,12 +115,19 @@ class NetworkTest : public TarnTest {
         return pending;
     }
 
+    /// Runs the facade's token routine; the result sees its continuation.
+    static Pending requestToken() {
+        Pending done;
+        Tarn::shared().requestAccessToken(done.continuation());
+        return done;
+    }
+
     /// "<tag> <message>;", the form of a captured log line.
     static std::string line(const std::string& tag, const std::string& message) {
         return tag + " " + message + ";";
     }
 
-    std::unique_ptr<LoopbackServer> server_;
+    std::unique_ptr<LoopbackServer> server_ = std::make_unique<LoopbackServer>();
     std::unique_ptr<LogCapture> logs_;
 };
 
