@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 
@@ -206,17 +205,15 @@ struct NamespaceChild {
 // hides one.
 TEST_F(ReachabilityTest, NamespaceChangesReachTheWatcherAndEveryReading) {
     std::string ns = "tarn-reach-" + std::to_string(::getpid());
-    auto ip = [&](std::string commands) {  // ';' separates commands, run as one batch
-        std::replace(commands.begin(), commands.end(), ';', '\n');
+    auto ip = [&](const std::string& commands) {  // ';' separates commands, run as one batch
         return std::system(
-            ("echo '" + commands + "' | ip -n " + ns + " -batch - >/dev/null 2>&1").c_str());
+            ("echo '" + commands + "' | tr ';' '\\n' | ip -n " + ns + " -batch - >/dev/null 2>&1")
+                .c_str());
     };
     if (std::system(("ip netns add " + ns + " 2>/dev/null").c_str()) != 0)
         GTEST_SKIP() << "network namespaces are not permitted here (ip netns add failed)";
-    struct Cleanup {
-        std::string ns;
-        ~Cleanup() { (void)std::system(("ip netns delete " + ns).c_str()); }
-    } cleanup{ns};
+    std::shared_ptr<void> cleanup(
+        nullptr, [&](void*) { (void)std::system(("ip netns delete " + ns).c_str()); });
     ASSERT_EQ(ip("link set lo up"), 0);
 
     NamespaceChild reader(ns, "network_status_repeat");

@@ -71,12 +71,9 @@ TEST(AppCommunicationCoding, EnumerationsDecodeUnlistedValuesAsUnknown) {
     }
 
     // Optional enumerations: null or missing is absent, anything unlisted is unknown.
-    const std::vector<std::pair<json, std::optional<TarnActionType>>> actions = {
-        {"deep", TarnActionType::deep},
-        {"url", TarnActionType::url},
-        {"DEEP", TarnActionType::unknown},
-        {1, TarnActionType::unknown},
-        {nullptr, std::nullopt}};
+    using A = TarnActionType;
+    const std::vector<std::pair<json, std::optional<A>>> actions = {
+        {"deep", A::deep}, {"url", A::url}, {"DEEP", A::unknown}, {1, A::unknown}, {nullptr, {}}};
     for (const auto& [value, type] : actions) {
         auto text = json{{"type", value}}.dump();
         EXPECT_EQ(decode<AppCommunicationAction>(text).value().type, type) << text;
@@ -122,25 +119,8 @@ TEST(AppCommunicationCoding, AnyFieldThatFailsFailsTheWholeAnswerNamingItsPath) 
               std::string::npos);
 }
 
-TEST(AppCommunicationCoding, NumbersAndIntegers) {
-    auto config = decodeAppCommunication(R"({"configuration": {"eventQueueDelay": 2,
-        "conversionTimeout": 1500, "apiRequestTimeout": 5.0, "offlineQueueSize": -1}})");
-    ASSERT_TRUE(config.ok()) << config.error().localizedDescription();
-    // 2 stays a double and is written as one; a zero fraction is still an integer; nothing else
-    // is present.
-    EXPECT_EQ(encode(*config.value().configuration),
-              R"({"offlineQueueSize":-1,"apiRequestTimeout":5,"eventQueueDelay":2.0,)"
-              R"("conversionTimeout":1500})");
-
-    auto item = minimalItem("u");
-    item["expireDate"] = 9223372036854775807LL;
-    EXPECT_EQ(decode<AppCommunicationItem>(item.dump()).value().expireDate, 9223372036854775807LL);
-    item["expireDate"] = 2.5;
-    EXPECT_EQ(decode<AppCommunicationItem>(item.dump()).error().kind,
-              DecodingError::Kind::typeMismatch);
-}
-
-TEST(AppCommunicationCoding, RichDocumentsSurviveEncodeAndDecode) {
+// Rich documents, the push item and numbers survive encoding and decoding.
+TEST(AppCommunicationCoding, RichDocumentsAndNumbersSurviveEncodeAndDecode) {
     json document = {
         {"inAppCommunicationCommands", {kRichItem, minimalItem("m")}},
         {"configuration", json::parse(R"({"blockAllEvents": true, "offlineQueueSize": 100,
@@ -150,11 +130,9 @@ TEST(AppCommunicationCoding, RichDocumentsSurviveEncodeAndDecode) {
     };
     auto decoded = decodeAppCommunication(document.dump());
     ASSERT_TRUE(decoded.ok()) << decoded.error().localizedDescription();
+    // Fields land where they belong (the round trip below would not tell a swap of two).
     const auto& first = decoded.value().model->at(0);
     EXPECT_EQ(first.templateType, InAppType::survey);
-    EXPECT_EQ(first.title.text, "Title \u00e7");
-    EXPECT_FALSE(first.images->at(1).url);
-    EXPECT_EQ(first.subInAppCommunication.buttons->at(1).action->type, TarnActionType::url);
     EXPECT_EQ(first.subInAppCommunication.buttons->at(1).id, "b2");  // sent as "_id"
     EXPECT_FALSE(decode<AppCommunicationButton>(R"({"id": "b1"})").value().id);
 
@@ -170,6 +148,22 @@ TEST(AppCommunicationCoding, RichDocumentsSurviveEncodeAndDecode) {
     auto pushItem = decodeNotificationAppCommunicationItem(push.dump());
     ASSERT_TRUE(pushItem.ok()) << pushItem.error().localizedDescription();
     EXPECT_EQ(json::parse(encode(pushItem.value())), push);
+
+    auto config = decodeAppCommunication(R"({"configuration": {"eventQueueDelay": 2,
+        "conversionTimeout": 1500, "apiRequestTimeout": 5.0, "offlineQueueSize": -1}})");
+    ASSERT_TRUE(config.ok()) << config.error().localizedDescription();
+    // 2 stays a double and is written as one; a zero fraction is still an integer; nothing else
+    // is present.
+    EXPECT_EQ(encode(*config.value().configuration),
+              R"({"offlineQueueSize":-1,"apiRequestTimeout":5,"eventQueueDelay":2.0,)"
+              R"("conversionTimeout":1500})");
+
+    auto item = minimalItem("u");
+    item["expireDate"] = 9223372036854775807LL;
+    EXPECT_EQ(decode<AppCommunicationItem>(item.dump()).value().expireDate, 9223372036854775807LL);
+    item["expireDate"] = 2.5;
+    EXPECT_EQ(decode<AppCommunicationItem>(item.dump()).error().kind,
+              DecodingError::Kind::typeMismatch);
 }
 
 TEST(AppCommunicationCoding, EncodedTextEscapesAwkwardValues) {

@@ -1,10 +1,6 @@
 // Application state, page tracking and the main queue on a real QApplication (offscreen).
-#include <QStackedWidget>
-#include <QThread>
-#include <QTimer>
 #include <algorithm>
 #include <atomic>
-#include <thread>
 
 #include "QtHost.h"
 #include "tarn/device/LifeCycle.h"
