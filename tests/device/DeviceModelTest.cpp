@@ -11,7 +11,10 @@
 
 using namespace tarn;
 
-TEST(DeviceModel, NamesForIdentifiersAndSimulators) {
+// Simulators and unknown identifiers; then the process's own values: the uname machine field
+// through the table, read by a second process without the simulator variable, and in this process
+// with it, computed once under concurrent use.
+TEST(DeviceModel, NamesForSimulatorsAndProcessValuesComeFromUnameOnceAcrossThreads) {
     // {identifier, simulator variable, expected}: simulators and unknown identifiers.
     using Row = std::tuple<std::string, std::optional<std::string>, std::string>;
     for (const auto& [id, variable, name] :
@@ -22,11 +25,7 @@ TEST(DeviceModel, NamesForIdentifiersAndSimulators) {
                           {"aarch64", std::nullopt, "aarch64"}}) {
         EXPECT_EQ(modelNameForIdentifier(id, variable), name) << id;
     }
-}
 
-// The process's own values: the uname machine field through the table, read by a second process
-// without the simulator variable; in this process with it, computed once under concurrent use.
-TEST(DeviceModel, ProcessValuesComeFromUnameOnceAcrossThreads) {
     utsname names{};
     ASSERT_EQ(::uname(&names), 0);
     std::string machine = names.machine;
