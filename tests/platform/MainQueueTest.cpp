@@ -21,8 +21,7 @@ TEST(RepeatingTimer, KeepsItsRateSkipsMissedTicksAndStopsWhenInvalidatedEvenFrom
         },
         queue);
     int selfStopping = 0;
-    std::shared_ptr<RepeatingTimer> other;
-    other = RepeatingTimer::scheduled(
+    std::shared_ptr<RepeatingTimer> other = RepeatingTimer::scheduled(
         0.1,
         [&] {
             if (++selfStopping == 2)
