@@ -62,7 +62,7 @@ TEST(ThreadExecutor, RunsSeriallyOffTheCallerHonoursDelaysAndMayBeReleasedFromIt
     posters.clear();  // joins
     EXPECT_FALSE(executor->isCurrent());
     auto start = std::chrono::steady_clock::now();
-    std::atomic<bool> delayed{false}, ran{false};
+    std::atomic<bool> delayed{false}, released{false}, ran{false};
     executor->asyncAfter(0.05, [&] { delayed = true; });
     while (!delayed)
         std::this_thread::sleep_for(1ms);
@@ -70,13 +70,16 @@ TEST(ThreadExecutor, RunsSeriallyOffTheCallerHonoursDelaysAndMayBeReleasedFromIt
     executor->waitUntilIdle();
     EXPECT_EQ(done.load(), 200);
 
-    // The only reference travels in a task: it goes away on the executor's own thread.
+    // The last reference goes away on the executor's own thread (once the posting call is over).
     std::weak_ptr<ThreadExecutor> watch = executor;
-    auto* raw = executor.get();
-    raw->async([held = std::move(executor), &ran]() mutable {
+    executor->async([held = executor, &released, &ran]() mutable {
+        while (!released)
+            std::this_thread::yield();
         held.reset();
         ran = true;
     });
+    executor.reset();
+    released = true;
     while (!ran)
         std::this_thread::sleep_for(1ms);
     EXPECT_TRUE(watch.expired());
