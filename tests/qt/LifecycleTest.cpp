@@ -12,12 +12,6 @@ namespace {
 
 using nlohmann::json;
 
-/// A host page derived from the tracking base class.
-class HomePage : public qt::TarnWidget {
-  public:
-    HomePage() { setObjectName("HomePage"); }
-};
-
 using QtLifecycleTest = QtHostTest;
 
 TEST_F(QtLifecycleTest, ApplicationStateAndTrackedPagesReportWithoutStorms) {
@@ -65,7 +59,8 @@ TEST_F(QtLifecycleTest, ApplicationStateAndTrackedPagesReportWithoutStorms) {
     // Tracked pages of a stack, one tracked by the base class and one by the filter (installed
     // once however often it is asked for), each reported with its name as it shows and hides.
     auto* pages = new QStackedWidget(window);
-    auto* home = new HomePage;
+    auto* home = new qt::TarnWidget;  // the page base class
+    home->setObjectName("HomePage");
     auto* product = new QLabel("Running shoes");
     product->setObjectName("ProductPage");
     EXPECT_EQ(qt::trackPage(product), qt::trackPage(product));
