@@ -6,7 +6,6 @@
 #include "device/KernelAnnouncements.h"
 #include "support/TestSupport.h"
 #include "tarn/device/DeviceInfo.h"
-#include "tarn/device/DeviceModel.h"
 #include "tarn/device/DeviceStatusHelper.h"
 
 using namespace tarn;
@@ -27,8 +26,7 @@ TEST_F(DeviceStatusTest, BatteryFromSysfsAndUnknownLevel) {
         for (const auto& [file, value] : files)
             std::ofstream(root / "class" / "power_supply" / name / file) << value << "\n";
     };
-    // No power-supply class at all, then only a mains adapter, a peripheral's and an absent
-    // battery.
+    // No power-supply class, then only a mains adapter, a peripheral's and an absent battery.
     EXPECT_EQ(helper.batteryLevel(), "-100");
     supply("AC", {{"type", "Mains"}, {"online", "1"}});
     supply("hid-mouse-battery", {{"type", "Battery"}, {"scope", "Device"}, {"capacity", "12"}});
@@ -40,42 +38,26 @@ TEST_F(DeviceStatusTest, BatteryFromSysfsAndUnknownLevel) {
     supply("BAT1", {{"type", "Battery"}, {"capacity", "garbage"}});
     supply("BAT2", {{"type", "Battery"}, {"capacity", "7"}});
     EXPECT_EQ(helper.batteryLevel(), "7");
-    EXPECT_EQ(makePlatformDeviceInfoProvider()->batteryLevel(), "7");
 }
 
-TEST_F(DeviceStatusTest, DiskCapacitiesOfRootAndUnavailableVolume) {
+// The machine's own figures: disk capacities of the root volume (both at once, as an event's body
+// reads them, the same figures), model, network status read without leaving work on the main queue
+// (its values as links change: ReachabilityTest's namespace run), device identifier, time zone.
+TEST_F(DeviceStatusTest, LinuxProviderReportsTheMachineAndAnUnavailableVolume) {
     test::LogCapture logs;
     auto& helper = DeviceStatusHelper::shared();
+    auto provider = makePlatformDeviceInfoProvider();
     auto total = std::stoull(helper.totalDiskCapacity());
     auto available = std::stoull(helper.availableDiskCapacity());
     EXPECT_GT(available, 0u);
     EXPECT_LE(available, total);
-    // Both at once, as an event's body reads them: the same volume figures.
-    auto [bothAvailable, bothTotal] = makePlatformDeviceInfoProvider()->diskCapacities();
+    auto [bothAvailable, bothTotal] = provider->diskCapacities();
     EXPECT_EQ(std::stoull(bothTotal), total);
     EXPECT_GT(std::stoull(bothAvailable), 0u);
-    EXPECT_TRUE(logs.lines().empty());
-
-    helper.setVolumePath(temp_->path() / "no-such-volume");
-    EXPECT_EQ(helper.totalDiskCapacity(), "-1");
-    EXPECT_EQ(helper.availableDiskCapacity(), "-1");
-    EXPECT_EQ(helper.diskCapacities(), (std::pair<std::string, std::string>{"-1", "-1"}));
-    EXPECT_EQ(logs.lines(), (std::vector<std::string>{
-                                "Tarn-DeviceStatusHelper: Total disk capacity is unavailable;",
-                                "Tarn-DeviceStatusHelper: Available disk capacity is unavailable;",
-                                "Tarn-DeviceStatusHelper: Available disk capacity is unavailable;",
-                                "Tarn-DeviceStatusHelper: Total disk capacity is unavailable;"}));
-}
-
-TEST_F(DeviceStatusTest, LinuxProviderReportsTheMachine) {
-    auto provider = makePlatformDeviceInfoProvider();
-    EXPECT_EQ(provider->modelName(), modelName());
-    EXPECT_FALSE(provider->location());
-    // Reading the network status leaves no work on the main queue. (Its values as links and
-    // addresses change: ReachabilityTest's namespace run.)
     queue().runPending();
     provider->networkStatus();
     EXPECT_EQ(queue().pendingCount(), 0u);
+    EXPECT_TRUE(logs.lines().empty());
 
     // The device identifier: stable upper-case text of a name-based (version 5) UUID, not the
     // machine identifier itself.
@@ -93,6 +75,16 @@ TEST_F(DeviceStatusTest, LinuxProviderReportsTheMachine) {
     ::setenv("TZ", "/usr/share/zoneinfo/Asia/Tokyo", 1);
     EXPECT_EQ(provider->timeZone(), "Asia/Tokyo");
     ::unsetenv("TZ");
+
+    helper.setVolumePath(temp_->path() / "no-such-volume");
+    EXPECT_EQ(helper.totalDiskCapacity(), "-1");
+    EXPECT_EQ(helper.availableDiskCapacity(), "-1");
+    EXPECT_EQ(helper.diskCapacities(), (std::pair<std::string, std::string>{"-1", "-1"}));
+    EXPECT_EQ(logs.lines(), (std::vector<std::string>{
+                                "Tarn-DeviceStatusHelper: Total disk capacity is unavailable;",
+                                "Tarn-DeviceStatusHelper: Available disk capacity is unavailable;",
+                                "Tarn-DeviceStatusHelper: Available disk capacity is unavailable;",
+                                "Tarn-DeviceStatusHelper: Total disk capacity is unavailable;"}));
 }
 
 TEST_F(DeviceStatusTest, TimeZoneFilesAreReadAgainOnlyWhenInotifyAnnouncesAChange) {

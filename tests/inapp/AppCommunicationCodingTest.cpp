@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tarn/inapp/AppCommunicationCoding.h"
+#include "tarn/inapp/ColorCode.h"
 
 using namespace tarn;
 using nlohmann::json;
@@ -26,13 +27,12 @@ const json kRichItem = json::parse(R"({"uuid": "uuid-1", "code": "CODE", "journe
         "action": {"link": "https://example.com/more", "type": "url"}}})");
 
 // A communication with only its required fields.
-json minimalItem(const std::string& uuid) {
-    auto item = json::parse(R"({"code": "C", "name": "N", "expireDate": 0, "template": "POPUP",
+json minimalItem() {
+    return json::parse(
+        R"({"uuid": "u", "code": "C", "name": "N", "expireDate": 0, "template": "POPUP",
         "triggeringEventName": "e", "title": {"text": "t", "color": "#000"},
         "body": {"text": "b", "color": "#000"}, "maxShowCount": 1, "bgColor": "#fff",
         "subInAppCommunication": {}})");
-    item["uuid"] = uuid;
-    return item;
 }
 
 DecodeResult<AppCommunication> decodeItems(json items) {
@@ -51,11 +51,11 @@ TEST(AppCommunicationCoding, EmptyAndNullParts) {
 
     // Optional nulls inside an item are absent (and so not written back); an empty list stays a
     // list, distinct from none.
-    auto item = minimalItem("u1");
+    auto item = minimalItem();
     item["images"] = nullptr;
     item["subInAppCommunication"] = {{"template", nullptr}, {"buttons", nullptr}};
     EXPECT_EQ(json::parse(encode(decodeItems({item}).value())),
-              json({{"inAppCommunicationCommands", {minimalItem("u1")}}}));
+              json({{"inAppCommunicationCommands", {minimalItem()}}}));
     EXPECT_EQ(encode(decodeItems(json::array()).value()), R"({"inAppCommunicationCommands":[]})");
 }
 
@@ -65,18 +65,15 @@ TEST(AppCommunicationCoding, EnumerationsDecodeUnlistedValuesAsUnknown) {
         {"POPUP", popup},   {"SURVEY", survey}, {"BANNER", unknown},
         {"popup", unknown}, {3, unknown},       {nullptr, unknown}};
     for (const auto& [value, type] : templates) {
-        auto item = minimalItem("u");
+        auto item = minimalItem();
         item["template"] = value;
         EXPECT_EQ(decode<AppCommunicationItem>(item.dump()).value().templateType, type) << value;
     }
 
     // Optional enumerations: null or missing is absent, anything unlisted is unknown.
-    const std::vector<std::pair<json, std::optional<TarnActionType>>> actions = {
-        {"deep", TarnActionType::deep},
-        {"url", TarnActionType::url},
-        {"DEEP", TarnActionType::unknown},
-        {1, TarnActionType::unknown},
-        {nullptr, std::nullopt}};
+    using A = TarnActionType;
+    const std::vector<std::pair<json, std::optional<A>>> actions = {
+        {"deep", A::deep}, {"url", A::url}, {"DEEP", A::unknown}, {1, A::unknown}, {nullptr, {}}};
     for (const auto& [value, type] : actions) {
         auto text = json{{"type", value}}.dump();
         EXPECT_EQ(decode<AppCommunicationAction>(text).value().type, type) << text;
@@ -91,25 +88,25 @@ TEST(AppCommunicationCoding, EnumerationsDecodeUnlistedValuesAsUnknown) {
 TEST(AppCommunicationCoding, AnyFieldThatFailsFailsTheWholeAnswerNamingItsPath) {
     for (const char* key : {"uuid", "code", "name", "expireDate", "template", "triggeringEventName",
                             "title", "body", "maxShowCount", "bgColor", "subInAppCommunication"}) {
-        auto item = minimalItem("u2");
+        auto item = minimalItem();
         item.erase(key);
-        auto missing = decodeItems({minimalItem("u1"), item});
+        auto missing = decodeItems({minimalItem(), item});
         ASSERT_FALSE(missing.ok()) << key;
         EXPECT_EQ(missing.error().kind, DecodingError::Kind::keyNotFound) << key;
         EXPECT_EQ(missing.error().codingPath, std::string("inAppCommunicationCommands[1].") + key);
         if (std::string_view(key) == "template")
             continue;  // a null template reads as unknown
         item[key] = nullptr;
-        auto null = decodeItems({minimalItem("u1"), item});
+        auto null = decodeItems({minimalItem(), item});
         ASSERT_FALSE(null.ok()) << key;
         EXPECT_EQ(null.error().kind, DecodingError::Kind::valueNotFound) << key;
     }
 
     // A field of the wrong type, and text that is not JSON. (Paths deep inside an item, and in an
     // optional field present with the wrong type: CheckTest, through the item decoder.)
-    auto item = minimalItem("u2");
+    auto item = minimalItem();
     item["title"]["color"] = 255;
-    auto answer = decodeItems({minimalItem("u1"), item});
+    auto answer = decodeItems({minimalItem(), item});
     ASSERT_FALSE(answer.ok());
     EXPECT_EQ(answer.error().kind, DecodingError::Kind::typeMismatch);
     EXPECT_EQ(answer.error().localizedDescription(),
@@ -122,27 +119,10 @@ TEST(AppCommunicationCoding, AnyFieldThatFailsFailsTheWholeAnswerNamingItsPath) 
               std::string::npos);
 }
 
-TEST(AppCommunicationCoding, NumbersAndIntegers) {
-    auto config = decodeAppCommunication(R"({"configuration": {"eventQueueDelay": 2,
-        "conversionTimeout": 1500, "apiRequestTimeout": 5.0, "offlineQueueSize": -1}})");
-    ASSERT_TRUE(config.ok()) << config.error().localizedDescription();
-    // 2 stays a double and is written as one; a zero fraction is still an integer; nothing else
-    // is present.
-    EXPECT_EQ(encode(*config.value().configuration),
-              R"({"offlineQueueSize":-1,"apiRequestTimeout":5,"eventQueueDelay":2.0,)"
-              R"("conversionTimeout":1500})");
-
-    auto item = minimalItem("u");
-    item["expireDate"] = 9223372036854775807LL;
-    EXPECT_EQ(decode<AppCommunicationItem>(item.dump()).value().expireDate, 9223372036854775807LL);
-    item["expireDate"] = 2.5;
-    EXPECT_EQ(decode<AppCommunicationItem>(item.dump()).error().kind,
-              DecodingError::Kind::typeMismatch);
-}
-
-TEST(AppCommunicationCoding, RichDocumentsSurviveEncodeAndDecode) {
+// Rich documents, the push item and numbers survive encoding and decoding.
+TEST(AppCommunicationCoding, RichDocumentsAndNumbersSurviveEncodeAndDecode) {
     json document = {
-        {"inAppCommunicationCommands", {kRichItem, minimalItem("m")}},
+        {"inAppCommunicationCommands", {kRichItem, minimalItem()}},
         {"configuration", json::parse(R"({"blockAllEvents": true, "offlineQueueSize": 100,
              "inAppMaxShowDuration": 15, "batteryEnabled": true, "wifiStatusEnabled": false,
              "diskCapacityEnabled": true, "locationEnabled": false, "apiRequestRetryCount": 4,
@@ -150,11 +130,9 @@ TEST(AppCommunicationCoding, RichDocumentsSurviveEncodeAndDecode) {
     };
     auto decoded = decodeAppCommunication(document.dump());
     ASSERT_TRUE(decoded.ok()) << decoded.error().localizedDescription();
+    // Fields land where they belong (the round trip below would not tell a swap of two).
     const auto& first = decoded.value().model->at(0);
     EXPECT_EQ(first.templateType, InAppType::survey);
-    EXPECT_EQ(first.title.text, "Title \u00e7");
-    EXPECT_FALSE(first.images->at(1).url);
-    EXPECT_EQ(first.subInAppCommunication.buttons->at(1).action->type, TarnActionType::url);
     EXPECT_EQ(first.subInAppCommunication.buttons->at(1).id, "b2");  // sent as "_id"
     EXPECT_FALSE(decode<AppCommunicationButton>(R"({"id": "b1"})").value().id);
 
@@ -170,6 +148,22 @@ TEST(AppCommunicationCoding, RichDocumentsSurviveEncodeAndDecode) {
     auto pushItem = decodeNotificationAppCommunicationItem(push.dump());
     ASSERT_TRUE(pushItem.ok()) << pushItem.error().localizedDescription();
     EXPECT_EQ(json::parse(encode(pushItem.value())), push);
+
+    auto config = decodeAppCommunication(R"({"configuration": {"eventQueueDelay": 2,
+        "conversionTimeout": 1500, "apiRequestTimeout": 5.0, "offlineQueueSize": -1}})");
+    ASSERT_TRUE(config.ok()) << config.error().localizedDescription();
+    // 2 stays a double and is written as one; a zero fraction is still an integer; nothing else
+    // is present.
+    EXPECT_EQ(encode(*config.value().configuration),
+              R"({"offlineQueueSize":-1,"apiRequestTimeout":5,"eventQueueDelay":2.0,)"
+              R"("conversionTimeout":1500})");
+
+    auto item = minimalItem();
+    item["expireDate"] = 9223372036854775807LL;
+    EXPECT_EQ(decode<AppCommunicationItem>(item.dump()).value().expireDate, 9223372036854775807LL);
+    item["expireDate"] = 2.5;
+    EXPECT_EQ(decode<AppCommunicationItem>(item.dump()).error().kind,
+              DecodingError::Kind::typeMismatch);
 }
 
 TEST(AppCommunicationCoding, EncodedTextEscapesAwkwardValues) {
@@ -181,4 +175,24 @@ TEST(AppCommunicationCoding, EncodedTextEscapesAwkwardValues) {
     EXPECT_EQ(json::parse(encode(item)), toJson(item));  // throws on invalid JSON
     item.title.text = "bad \xff\xfe bytes";
     EXPECT_EQ(json::parse(encode(item))["title"]["text"], "bad \xEF\xBF\xBD\xEF\xBF\xBD bytes");
+}
+
+// The colour codes an item carries for its title, body, buttons and background.
+TEST(ColorCode, ReadsTheHexFormsAndTakesUnreadableCodesAsBlack) {
+    const std::vector<std::pair<std::string, Color>> readable = {
+        {"#FF8800", {255, 136, 0, 255}},   {"ff8800", {255, 136, 0, 255}},
+        {"#fF88aA", {255, 136, 170, 255}}, {"#F80", {255, 136, 0, 255}},
+        {"f80", {255, 136, 0, 255}},       {"#F808", {255, 136, 0, 136}},
+        {"#FF000080", {255, 0, 0, 128}},  // alpha last
+        {"#00000000", {0, 0, 0, 0}},       {"  #0a0B0c \t\n", {10, 11, 12, 255}}};
+    for (const auto& [code, color] : readable) {
+        EXPECT_EQ(parseColorCode(code), color) << code;
+        EXPECT_EQ(colorFromCode(code), color) << code;
+    }
+    for (const char* code : {"", "   ", "#", "##FFF", "#FF", "#FFFFF", "#FFFFFFF", "#FFFFFFFFF",
+                             "#GGGGGG", "red", "rgb(1,2,3)", "# FFF", "#FF FF FF", "0xFFFFFF"}) {
+        EXPECT_FALSE(parseColorCode(code)) << code;
+        EXPECT_EQ(colorFromCode(code), (Color{0, 0, 0, 255})) << code;
+    }
+    EXPECT_FALSE(parseColorCode(std::string_view("#FFF\0", 5)));
 }

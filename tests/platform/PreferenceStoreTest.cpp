@@ -15,12 +15,19 @@ using PreferenceStoreTest = test::TarnTest;
 
 // Suites apart from the standard store and shared across processes: IdentityTest's app-group case.
 // An unreadable file set aside, its bytes kept: HostileInputTest's deep preference files.
-TEST_F(PreferenceStoreTest, KeepsTypedValuesAcrossInstances) {
+// At first the folder's path runs through a regular file, so nothing can be written (even as root):
+// the changes are kept and written with the first one that can be.
+TEST_F(PreferenceStoreTest, KeepsTypedValuesUnwrittenChangesAndSeesOtherWriters) {
+    auto folder = dataDir() / "Preferences";
+    std::ofstream(folder) << "not a folder";
     auto store = PreferenceStore::standard();
-    store->set("s", "text");
-    store->set("b", true);
-    store->set("i", std::int64_t{-7});
-    EXPECT_EQ(store->string("s"), "text");
+    EXPECT_FALSE(store->set("s", "text"));
+    EXPECT_FALSE(store->set("b", true));
+    EXPECT_FALSE(store->set("i", std::int64_t{-7}));
+    EXPECT_FALSE(store->set("gone", "x"));
+    EXPECT_FALSE(store->remove("gone"));
+    EXPECT_FALSE(store->string("gone"));
+    EXPECT_EQ(store->string("s"), "text");  // a later write does not drop an earlier unsaved one
     EXPECT_EQ(store->boolean("b"), true);
     EXPECT_EQ(store->integer("i"), -7);
     // Typed reads refuse other types.
@@ -28,11 +35,17 @@ TEST_F(PreferenceStoreTest, KeepsTypedValuesAcrossInstances) {
     EXPECT_FALSE(store->boolean("i"));
     EXPECT_FALSE(store->string("b"));
 
-    // A second object on the same file (as in another process) sees the values.
+    fs::remove(folder);
+    EXPECT_TRUE(store->set("c", std::int64_t{3}));
+    // A second object on the same file (as in another process) sees the values, and the first
+    // notices its changes on disk.
     PreferenceStore other(store->file());
     EXPECT_EQ(other.string("s"), "text");
+    EXPECT_EQ(other.boolean("b"), true);
+    EXPECT_EQ(other.integer("c"), 3);
+    EXPECT_FALSE(other.string("gone"));
     other.set("i", std::int64_t{3});
-    EXPECT_EQ(store->integer("i"), 3);  // the first notices the change on disk
+    EXPECT_EQ(store->integer("i"), 3);
     store->remove("s");
     EXPECT_FALSE(other.string("s"));
     EXPECT_FALSE(PreferenceStore::suite(""));
@@ -67,28 +80,6 @@ TEST_F(PreferenceStoreTest, LeftoverTemporaryFilesAreRemovedWhenTheStoreStarts) 
     EXPECT_FALSE(fs::exists(groupDead));
     EXPECT_TRUE(fs::exists(liveWriter));  // a live process, written just now
     EXPECT_TRUE(fs::exists(notOurs));
-}
-
-// The folder's path runs through a regular file, so nothing can be written (even as root).
-TEST_F(PreferenceStoreTest, ChangesThatCannotBeWrittenAreKeptAndWrittenLater) {
-    auto folder = dataDir() / "Preferences";
-    std::ofstream(folder) << "not a folder";
-    auto store = PreferenceStore::standard();
-    EXPECT_FALSE(store->set("a", "1"));
-    EXPECT_FALSE(store->set("b", true));
-    EXPECT_FALSE(store->set("gone", "x"));
-    EXPECT_FALSE(store->remove("gone"));
-    EXPECT_FALSE(store->string("gone"));
-    EXPECT_EQ(store->string("a"), "1");  // a later write does not drop an earlier unsaved one
-    EXPECT_EQ(store->boolean("b"), true);
-
-    fs::remove(folder);
-    EXPECT_TRUE(store->set("c", std::int64_t{3}));
-    PreferenceStore reader(store->file());
-    EXPECT_EQ(reader.string("a"), "1");
-    EXPECT_EQ(reader.boolean("b"), true);
-    EXPECT_EQ(reader.integer("c"), 3);
-    EXPECT_FALSE(reader.string("gone"));
 }
 
 // Refusing unreadable bytes, and the bundle's files: InitializeTest and HostileInputTest.

@@ -1,9 +1,5 @@
 // The popup end to end: the library fetches the answer from the loopback server, a custom event
 // shows the Qt popup over the host's window, the user acts on it, the events reach the server.
-#include <QDir>
-#include <QPushButton>
-#include <QToolButton>
-
 #include "QtHost.h"
 #include "tarn/events/TarnEvent.h"
 #include "tarn/store/ConversionManager.h"
@@ -23,19 +19,23 @@ Rows rowKinds(qt::InAppPopup* popup) {
 
 class InAppPopupTest : public QtHostTest {
   protected:
-    void serveImages(int count) {
-        const char* colors[] = {"#F4B400", "#0F9D58", "#4285F4"};
-        for (int i = 1; i <= count; ++i) {
-            auto png = ScriptedAnswer::json(200, pngBytes(640, 360, colors[(i - 1) % 3]));
+    /// Serves "/img/1.png" and "/img/2.png" (pictures with a white stripe) and `items` (with a
+    /// quick queue and `maxShowDuration`), shows a host window named `windowName` and initialises
+    /// the library.
+    QWidget* start(const json& items, const QString& windowName,
+                   std::optional<int> maxShowDuration = std::nullopt) {
+        for (int i : {1, 2}) {
+            QImage image(640, 360, QImage::Format_RGB32);
+            image.fill(QColor(i == 1 ? "#F4B400" : "#0F9D58"));
+            QPainter(&image).fillRect(0, 174, 640, 12, Qt::white);
+            QByteArray bytes;
+            QBuffer buffer(&bytes);
+            buffer.open(QIODevice::WriteOnly);
+            image.save(&buffer, "PNG");
+            auto png = ScriptedAnswer::json(200, bytes.toStdString());
             png.contentType = "image/png";
             server_->on("/img/" + std::to_string(i) + ".png", png);
         }
-    }
-    std::string imageUrl(const std::string& path) const { return server_->baseUrl() + path; }
-    /// Serves `items` (with a quick queue and `maxShowDuration`), shows a host window named
-    /// `windowName` and initialises the library.
-    QWidget* start(const json& items, const QString& windowName,
-                   std::optional<int> maxShowDuration = std::nullopt) {
         json configuration = {
             {"eventQueueDelay", 0.05}, {"apiRequestTimeout", 5}, {"apiRequestRetryCount", 0}};
         if (maxShowDuration)
@@ -46,10 +46,19 @@ class InAppPopupTest : public QtHostTest {
         EXPECT_EQ(initializeQt(hostConfig("user-1")), InitializeStatusType::initialized);
         return window;
     }
+    std::string imageUrl(const std::string& path) const { return server_->baseUrl() + path; }
     void send(QWidget* window, const std::string& name) {
         TarnEvent::shared().sendCustomEvent(
             qt::screenFor(window), std::nullopt, name, {},
             [this](const AppCommunicationAction& action) { actions_.push_back(action); });
+    }
+    /// The popup currently up anywhere, or nullptr.
+    qt::InAppPopup* popup() const {
+        for (auto* widget : QApplication::allWidgets()) {
+            if (auto* shown = dynamic_cast<qt::InAppPopup*>(widget); shown && shown->isVisible())
+                return shown;
+        }
+        return nullptr;
     }
     /// Sends the custom event `name` from `window`; the popup it brings up, or nullptr.
     qt::InAppPopup* trigger(QWidget* window, const std::string& name) {
@@ -57,17 +66,30 @@ class InAppPopupTest : public QtHostTest {
         waitUntil([&] { return popup() != nullptr; });
         return popup();
     }
-    bool popupGone(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    bool popupGone(std::chrono::milliseconds timeout = 10s) {
         return waitUntil([&] { return popup() == nullptr; }, timeout);
     }
+
+    std::vector<AppCommunicationAction> actions_;
 };
 
-TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) {
-    serveImages(2);
-    QWidget* window =
-        start(json::array(
-                  {popupItem("add_to_cart", 5, {imageUrl("/img/1.png"), imageUrl("/img/2.png")})}),
-              "ShopWindow");
+TEST_F(InAppPopupTest, ShowsRelaysAndConvertsThenBadPayloadsClosedWindowsAndSurveysNeverCrash) {
+    json good = popupItem("add_to_cart", 5, {imageUrl("/img/1.png"), imageUrl("/img/2.png")});
+    server_->on("/img/slow.png", ScriptedAnswer::never());
+    server_->on("/img/garbage.png", ScriptedAnswer::json(200, "not an image"));
+    std::vector<std::string> urls = {imageUrl("/img/slow.png"), imageUrl("/img/missing.png"),
+                                     imageUrl("/img/garbage.png"), "ftp://example.com/a.png"};
+    urls.resize(300, imageUrl("/img/1.png"));
+    json bad = popupItem("checkout", 1, urls);
+    bad["title"] = {{"text", ""}, {"color", "not-a-colour"}};
+    bad["body"] = {{"text", "Body in an unreadable colour"}, {"color", "rgb(1,2,3)"}};
+    bad["bgColor"] = "#zzz";
+    json survey = popupItem("order_delivered", 0, {});
+    survey["template"] = "SURVEY";
+    survey["subInAppCommunication"] = {{"template", "SURVEY"},
+                                       {"link", "https://survey.example/nps?c=1"}};
+    LogCapture logs;
+    QWidget* window = start(json::array({good, bad, survey}), "ShopWindow");
     auto* shown = trigger(window, "add_to_cart");
     ASSERT_NE(shown, nullptr);
     EXPECT_EQ(shown->parentWidget(), window) << "presented over the host's window";
@@ -77,7 +99,6 @@ TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) 
     EXPECT_EQ(static_cast<QLabel*>(rows[0])->text(), "10% off what is in your cart");
     EXPECT_TRUE(rows[0]->styleSheet().contains("rgba(26,115,232,255)"));
     EXPECT_TRUE(rows[2]->styleSheet().contains("rgba(32,33,36,255)"));
-    EXPECT_EQ(static_cast<QPushButton*>(rows[3])->text(), "B1");
     EXPECT_EQ(static_cast<QPushButton*>(rows[5])->text(), "B3");
     EXPECT_EQ(shown->autoDismissMs(), 0) << "no duration configured, no timer";
 
@@ -86,8 +107,6 @@ TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) 
     ASSERT_NE(slider, nullptr);
     ASSERT_EQ(slider->count(), 2);
     ASSERT_TRUE(waitUntil([&] { return slider->settledCount() == 2; }));
-    EXPECT_EQ(slider->state(0), qt::ImageSlider::SlotState::loaded);
-    EXPECT_EQ(slider->state(1), qt::ImageSlider::SlotState::loaded);
     EXPECT_EQ(slider->previous(), 1);
     QTest::mouseClick(shown->findChild<QToolButton*>("tarnNext"), Qt::LeftButton);
     EXPECT_EQ(slider->currentIndex(), 0);
@@ -95,7 +114,7 @@ TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) 
     QTest::mouseRelease(slider, Qt::LeftButton, {}, QPoint(200, 60));
     EXPECT_EQ(slider->currentIndex(), 1) << "a swipe to the left shows the next image";
     slider->showIndex(0);
-    spin(std::chrono::milliseconds(50));
+    spin(50ms);
 
     // What the user sees, written next to the test program: the host dimmed behind the card.
     QImage picture = window->grab().toImage();
@@ -120,83 +139,33 @@ TEST_F(InAppPopupTest, ShowsRowsInOrderAndRelaysAButtonThenThePurchaseConverts) 
 
     send(window, "purchase");
     ASSERT_TRUE(waitForEvent("purchase"));
-    auto opened = eventsNamed("in_app_opened");
-    auto clicked = eventsNamed("in_app_button_clicked");
+    auto opened = eventsNamed("in_app_opened"), clicked = eventsNamed("in_app_button_clicked");
     ASSERT_EQ(opened.size(), 1u);
     ASSERT_EQ(clicked.size(), 1u);
     EXPECT_TRUE(eventsNamed("in_app_dismissed").empty());
-    for (const auto& event : {opened[0], clicked[0]}) {
-        const auto& p = event["parameters"];
-        EXPECT_EQ(p["communicationCode"], "CODE-add_to_cart");
-        EXPECT_EQ(p["communicationTemplate"], "POPUP");
-        EXPECT_EQ(p["communicationName"], "Reminder for add_to_cart");
-        EXPECT_EQ(p["communicationId"], "uuid-add_to_cart");
-        EXPECT_EQ(p["pageName"], "ShopWindow");
-    }
+    // (The items' own parameters: InitializationTest and DemoTest, through the same reports.)
+    EXPECT_EQ(opened[0]["parameters"]["pageName"], "ShopWindow");
+    EXPECT_EQ(opened[0]["parameters"]["communicationName"], "Reminder for add_to_cart");
+    EXPECT_EQ(clicked[0]["parameters"]["pageName"], "ShopWindow");
     EXPECT_EQ(clicked[0]["parameters"]["buttonId"], "btn-2");
     EXPECT_EQ(clicked[0]["parameters"]["buttonText"], "B2");
     EXPECT_EQ(eventsNamed("purchase")[0]["parameters"][kConversionCommunicationCodeKey],
               "CODE-add_to_cart")
         << "the purchase completes the conversion the popup armed";
-}
 
-TEST_F(InAppPopupTest, BodyClickEscapeAndTheTimerReportThemselves) {
-    QWidget* window = start(json::array({popupItem("add_to_cart", 2, {})}), "CartScreen", 1);
-    auto* shown = trigger(window, "add_to_cart");
+    // A popup whose colours, title and images are all bad, hundreds of image addresses among
+    // them: it shows, in black, without the empty title, and the bad images fail one by one.
+    shown = trigger(window, "checkout");
     ASSERT_NE(shown, nullptr);
-    EXPECT_EQ(rowKinds(shown), (Rows{"title", "body", "button", "button"}))
-        << "no image row without image addresses";
-    EXPECT_EQ(shown->autoDismissMs(), 1000) << "inAppMaxShowDuration is read in seconds";
-    QTest::mouseClick(shown->rows()[1], Qt::LeftButton);
-    ASSERT_NE(popup(), nullptr) << "a click on the body keeps the popup";
-    EXPECT_TRUE(popupGone(std::chrono::seconds(3))) << "dismissed by its timer";
-
-    ASSERT_NE(trigger(window, "add_to_cart"), nullptr);
-    QTest::keyClick(popup(), Qt::Key_Escape);
-    EXPECT_TRUE(popupGone());
-    ASSERT_NE(trigger(window, "add_to_cart"), nullptr);
-    QTest::mouseClick(popup()->findChild<QToolButton*>("tarnClose"), Qt::LeftButton);
-    EXPECT_TRUE(popupGone());
-
-    ASSERT_TRUE(waitForEvent("in_app_dismissed", 3));
-    ASSERT_TRUE(waitForEvent("in_app_opened", 3));
-    auto selfClicked = eventsNamed("in_app_self_clicked");
-    ASSERT_EQ(selfClicked.size(), 1u);
-    EXPECT_EQ(selfClicked[0]["parameters"]["pageName"], "CartScreen");
-    EXPECT_TRUE(actions_.empty()) << "the host's callback is for actions only";
-    spin(std::chrono::milliseconds(300));
-    EXPECT_EQ(eventsNamed("in_app_dismissed").size(), 3u) << "each showing dismissed once";
-}
-
-TEST_F(InAppPopupTest, BadPayloadsClosedWindowsAndSurveysNeverCrash) {
-    serveImages(1);
-    server_->on("/img/slow.png", ScriptedAnswer::never());
-    server_->on("/img/garbage.png", ScriptedAnswer::json(200, "not an image"));
-    std::vector<std::string> urls = {imageUrl("/img/slow.png"), imageUrl("/img/missing.png"),
-                                     imageUrl("/img/garbage.png"), "ftp://example.com/a.png"};
-    urls.resize(300, imageUrl("/img/1.png"));
-    json bad = popupItem("add_to_cart", 1, urls);
-    bad["title"] = {{"text", ""}, {"color", "not-a-colour"}};
-    bad["body"] = {{"text", "Body in an unreadable colour"}, {"color", "rgb(1,2,3)"}};
-    bad["bgColor"] = "#zzz";
-    json survey = popupItem("order_delivered", 0, {});
-    survey["template"] = "SURVEY";
-    survey["subInAppCommunication"] = {{"template", "SURVEY"},
-                                       {"link", "https://survey.example/nps?c=1"}};
-    LogCapture logs;
-    QWidget* window = start(json::array({bad, survey}), "ShopWindow");
-
-    auto* shown = trigger(window, "add_to_cart");
-    ASSERT_NE(shown, nullptr);
-    auto rows = shown->rows();
+    rows = shown->rows();
     ASSERT_EQ(rowKinds(shown), (Rows{"title", "images", "body", "button"}));
     EXPECT_TRUE(rows[0]->styleSheet().contains("rgba(0,0,0,255)")) << "unreadable is black";
     EXPECT_TRUE(rows[2]->styleSheet().contains("rgba(0,0,0,255)"));
     EXPECT_FALSE(rows[0]->isVisible()) << "an empty title takes no room";
-    auto* slider = shown->slider();
+    slider = shown->slider();
     ASSERT_EQ(slider->count(), 10) << "hundreds of addresses: the first ten are loaded";
     EXPECT_TRUE(logs.contains("Tarn-InappView: popup carries 300 images; showing the first 10;"));
-    ASSERT_TRUE(waitUntil([&] { return slider->settledCount() == 10; }, std::chrono::seconds(8)))
+    ASSERT_TRUE(waitUntil([&] { return slider->settledCount() == 10; }, 8s))
         << "an address that never answers times out";
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(slider->state(i),
@@ -208,11 +177,10 @@ TEST_F(InAppPopupTest, BadPayloadsClosedWindowsAndSurveysNeverCrash) {
     // The host's window goes while the popup is up: the popup goes with it.
     QPointer<QWidget> gone = shown;
     delete window;
-    spin(std::chrono::milliseconds(50));
+    spin(50ms);
     EXPECT_TRUE(gone.isNull());
-
     // No window at all: the popup comes as a window of its own.
-    ASSERT_NE(trigger(nullptr, "add_to_cart"), nullptr);
+    ASSERT_NE(trigger(nullptr, "checkout"), nullptr);
     EXPECT_TRUE(popup()->isWindow());
     QTest::keyClick(popup(), Qt::Key_Escape);
     EXPECT_TRUE(popupGone());
@@ -223,8 +191,8 @@ TEST_F(InAppPopupTest, BadPayloadsClosedWindowsAndSurveysNeverCrash) {
     EXPECT_EQ(openedUrls_[0].toString(), "https://survey.example/nps?c=1");
     EXPECT_TRUE(logs.contains(
         "Tarn-InappView: survey shown in the system browser: this build has no Qt WebEngine;"));
-    ASSERT_TRUE(waitForEvent("in_app_opened", 3));
-    EXPECT_EQ(eventsNamed("in_app_opened")[2]["parameters"]["communicationTemplate"], "SURVEY");
+    ASSERT_TRUE(waitForEvent("in_app_opened", 4));
+    EXPECT_EQ(eventsNamed("in_app_opened")[3]["parameters"]["communicationTemplate"], "SURVEY");
     EXPECT_EQ(eventsNamed("in_app_dismissed").size(), 1u);
 
     // The optional link handler opens web addresses only, and always hands the action on.
@@ -241,6 +209,33 @@ TEST_F(InAppPopupTest, BadPayloadsClosedWindowsAndSurveysNeverCrash) {
     EXPECT_EQ(openedUrls_[0].toString(), "https://shop.example/offers");
     EXPECT_EQ(handedOn,
               (Rows{"https://shop.example/offers", "tarnshop://cart", "javascript:alert(1)", ""}));
+}
+
+TEST_F(InAppPopupTest, BodyClickEscapeAndTheTimerReportThemselves) {
+    QWidget* window = start(json::array({popupItem("add_to_cart", 2, {})}), "CartScreen", 1);
+    auto* shown = trigger(window, "add_to_cart");
+    ASSERT_NE(shown, nullptr);
+    EXPECT_EQ(rowKinds(shown), (Rows{"title", "body", "button", "button"}))
+        << "no image row without image addresses";
+    EXPECT_EQ(shown->autoDismissMs(), 1000) << "inAppMaxShowDuration is read in seconds";
+    QTest::mouseClick(shown->rows()[1], Qt::LeftButton);
+    ASSERT_NE(popup(), nullptr) << "a click on the body keeps the popup";
+    EXPECT_TRUE(popupGone(3s)) << "dismissed by its timer";
+    ASSERT_NE(trigger(window, "add_to_cart"), nullptr);
+    QTest::keyClick(popup(), Qt::Key_Escape);
+    EXPECT_TRUE(popupGone());
+    ASSERT_NE(trigger(window, "add_to_cart"), nullptr);
+    QTest::mouseClick(popup()->findChild<QToolButton*>("tarnClose"), Qt::LeftButton);
+    EXPECT_TRUE(popupGone());
+
+    ASSERT_TRUE(waitForEvent("in_app_dismissed", 3));
+    ASSERT_TRUE(waitForEvent("in_app_opened", 3));
+    auto selfClicked = eventsNamed("in_app_self_clicked");
+    ASSERT_EQ(selfClicked.size(), 1u);
+    EXPECT_EQ(selfClicked[0]["parameters"]["pageName"], "CartScreen");
+    EXPECT_TRUE(actions_.empty()) << "the host's callback is for actions only";
+    spin(300ms);
+    EXPECT_EQ(eventsNamed("in_app_dismissed").size(), 3u) << "each showing dismissed once";
 }
 
 }  // namespace

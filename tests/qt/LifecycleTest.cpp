@@ -1,9 +1,6 @@
 // Application state, page tracking and the main queue on a real QApplication (offscreen).
-#include <QStackedWidget>
-#include <QThread>
-#include <QTimer>
+#include <algorithm>
 #include <atomic>
-#include <thread>
 
 #include "QtHost.h"
 #include "tarn/device/LifeCycle.h"
@@ -15,29 +12,28 @@ namespace {
 
 using nlohmann::json;
 
-class QtLifecycleTest : public QtHostTest {};
+using QtLifecycleTest = QtHostTest;
 
-TEST_F(QtLifecycleTest, ApplicationStateDrivesBackgroundAndForegroundWithoutStorms) {
+TEST_F(QtLifecycleTest, ApplicationStateAndTrackedPagesReportWithoutStorms) {
     QWidget* window = showWindow("ShopWindow");
-    ASSERT_EQ(initializeQt(hostConfig("user-1", false, /*lifecycleAuto=*/true)),
+    ASSERT_EQ(initializeQt(hostConfig("user-1", false, /*lifecycleAuto=*/true,
+                                      /*activityTracking=*/true)),
               InitializeStatusType::initialized);
     ASSERT_TRUE(waitUntil([] { return qApp->applicationState() == Qt::ApplicationActive; }));
     EXPECT_EQ(currentScreen()->className(), "ShopWindow") << "the key window is the active one";
 
-    // Leaving the application: reported once the absence outlasts the delay. The offscreen
-    // platform has no other application to switch to, so the state change comes as the platform
-    // would announce it.
+    // Leaving the application (announced as the platform would: the offscreen platform has no
+    // other application to switch to) is reported once the absence outlasts the delay. In the
+    // background the queue holds its events: look in the store.
     emit qApp->applicationStateChanged(Qt::ApplicationInactive);
     emit qApp->applicationStateChanged(Qt::ApplicationHidden);
-    // In the background the queue holds its events: look in the store.
     auto storedBackgrounds = [this] {
-        auto stored = storedEvents();
-        return std::count_if(stored.begin(), stored.end(), [](const json& e) {
+        return std::ranges::count_if(storedEvents(), [](const json& e) {
             return e.is_object() && e.value("name", "") == "app_background";
         });
     };
     ASSERT_TRUE(waitUntil([&] { return storedBackgrounds() > 0; }));
-    spin(std::chrono::milliseconds(300));
+    spin(300ms);
     EXPECT_EQ(storedBackgrounds(), 1) << "one event for two state changes";
     emit qApp->applicationStateChanged(Qt::ApplicationActive);
     ASSERT_TRUE(waitForEvent("app_foreground"));
@@ -51,46 +47,30 @@ TEST_F(QtLifecycleTest, ApplicationStateDrivesBackgroundAndForegroundWithoutStor
     dialog->setObjectName("Settings");
     dialog->show();
     dialog->activateWindow();
-    waitUntil([&] { return QApplication::activeWindow() == dialog; }, std::chrono::seconds(1));
+    waitUntil([&] { return QApplication::activeWindow() == dialog; }, 1s);
     delete dialog;
     emit qApp->applicationStateChanged(Qt::ApplicationInactive);
     QApplication::processEvents();
     emit qApp->applicationStateChanged(Qt::ApplicationActive);
-    spin(std::chrono::milliseconds(600));
+    spin(600ms);
     EXPECT_EQ(eventsNamed("app_background").size(), 1u);
     EXPECT_EQ(eventsNamed("app_foreground").size(), 1u);
 
-    // Quitting stops the tracker.
-    EXPECT_TRUE(AutoLifeCyle::shared().isObserving());
-    QTimer::singleShot(0, qApp, &QCoreApplication::quit);
-    QApplication::exec();
-    EXPECT_FALSE(AutoLifeCyle::shared().isObserving()) << "aboutToQuit posts will-terminate";
-}
-
-/// A host page derived from the tracking base class.
-class HomePage : public qt::TarnWidget {
-  public:
-    HomePage() { setObjectName("HomePage"); }
-};
-
-TEST_F(QtLifecycleTest, TrackedPagesSendPageInAndOutWithTheirNames) {
-    ASSERT_EQ(initializeQt(hostConfig("user-1", false, false, /*activityTracking=*/true)),
-              InitializeStatusType::initialized);
-    auto* window = new QWidget;
-    window->setObjectName("ShopWindow");
-    auto* stack = new QStackedWidget(window);
-    auto* home = new HomePage;
+    // Tracked pages of a stack, one tracked by the base class and one by the filter (installed
+    // once however often it is asked for), each reported with its name as it shows and hides.
+    auto* pages = new QStackedWidget(window);
+    auto* home = new qt::TarnWidget;  // the page base class
+    home->setObjectName("HomePage");
     auto* product = new QLabel("Running shoes");
     product->setObjectName("ProductPage");
-    EXPECT_EQ(qt::trackPage(product), qt::trackPage(product)) << "one filter per widget";
-    stack->addWidget(home);
-    stack->addWidget(product);
-    window->resize(300, 200);
-    window->show();
-    stack->setCurrentWidget(product);
-    stack->setCurrentWidget(home);
-    window->hide();
-
+    EXPECT_EQ(qt::trackPage(product), qt::trackPage(product));
+    pages->addWidget(home);
+    pages->addWidget(product);
+    window->layout()->addWidget(pages);
+    pages->show();
+    pages->setCurrentWidget(product);
+    pages->setCurrentWidget(home);
+    pages->hide();
     ASSERT_TRUE(waitForEvent("page_out", 3));
     std::vector<std::string> seen;
     for (const auto& event : receivedEvents()) {
@@ -101,7 +81,12 @@ TEST_F(QtLifecycleTest, TrackedPagesSendPageInAndOutWithTheirNames) {
     EXPECT_EQ(seen, (std::vector<std::string>{"page_in HomePage", "page_out HomePage",
                                               "page_in ProductPage", "page_out ProductPage",
                                               "page_in HomePage", "page_out HomePage"}));
-    delete window;
+
+    // Quitting stops the tracker.
+    EXPECT_TRUE(AutoLifeCyle::shared().isObserving());
+    QTimer::singleShot(0, qApp, &QCoreApplication::quit);
+    QApplication::exec();
+    EXPECT_FALSE(AutoLifeCyle::shared().isObserving()) << "aboutToQuit posts will-terminate";
 }
 
 TEST(QtMainQueueTest, RunsEveryTaskOnTheGuiThreadInOrderFromAnyThread) {
@@ -123,7 +108,7 @@ TEST(QtMainQueueTest, RunsEveryTaskOnTheGuiThreadInOrderFromAnyThread) {
         queue->async([] { throw std::runtime_error("a host task that throws"); });
     });
     worker.join();
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    auto deadline = std::chrono::steady_clock::now() + 5s;
     while (order.size() < 4 && std::chrono::steady_clock::now() < deadline)
         QApplication::processEvents(QEventLoop::AllEvents, 10);
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));

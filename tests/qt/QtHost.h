@@ -17,7 +17,10 @@
 
 namespace tarn::test {
 
-/// A popup item bound to `trigger` with `buttons` buttons "B1".."Bn" and images at `imageUrls`.
+using namespace std::chrono_literals;
+
+/// A popup item bound to `trigger` with `buttons` buttons "B1".."Bn" (the first a deep link, the
+/// others web links to ".../offer/<n>") and images at `imageUrls`.
 inline nlohmann::json popupItem(const std::string& trigger, int buttons,
                                 const std::vector<std::string>& imageUrls) {
     auto item = nlohmann::json::parse(R"({"journey": "cart-recovery", "expireDate": 4102444800000,
@@ -26,36 +29,23 @@ inline nlohmann::json popupItem(const std::string& trigger, int buttons,
                  "color": "#202124"},
         "maxShowCount": 5, "bgColor": "#FFFFFF", "conversionEvent": "purchase",
         "images": [], "subInAppCommunication": {"template": "POPUP", "buttons": []}})");
-    item["uuid"] = "uuid-" + trigger;
-    item["code"] = "CODE-" + trigger;
-    item["name"] = "Reminder for " + trigger;
-    item["triggeringEventName"] = trigger;
+    item.update({{"uuid", "uuid-" + trigger},
+                 {"code", "CODE-" + trigger},
+                 {"name", "Reminder for " + trigger},
+                 {"triggeringEventName", trigger}});
     for (const auto& url : imageUrls)
         item["images"].push_back({{"url", url}});
-    const char* colors[] = {"#1A73E8", "#FFFFFF", "#34A853", "#FBBC05", "#EA4335"};
     for (int i = 1; i <= buttons; ++i) {
         auto n = std::to_string(i);
         item["subInAppCommunication"]["buttons"].push_back(
             {{"_id", "btn-" + n},
              {"text", "B" + n},
              {"textColor", i == 2 ? "#1A73E8" : "#FFFFFF"},
-             {"color", colors[(i - 1) % 5]},
+             {"color", i == 2 ? "#FFFFFF" : "#1A73E8"},
              {"action",
               {{"link", "https://shop.example/offer/" + n}, {"type", i == 1 ? "deep" : "url"}}}});
     }
     return item;
-}
-
-/// PNG bytes of a `width` x `height` picture in `color` with a white stripe.
-inline std::string pngBytes(int width, int height, const char* color) {
-    QImage image(width, height, QImage::Format_RGB32);
-    image.fill(QColor(color));
-    QPainter(&image).fillRect(0, height / 2 - 6, width, 12, Qt::white);
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
-    return bytes.toStdString();
 }
 
 class QtHostTest : public PipelineTest {
@@ -63,7 +53,7 @@ class QtHostTest : public PipelineTest {
     void SetUp() override {
         PipelineTest::SetUp();
         qt::InstallOptions options;
-        options.backgroundDelay = std::chrono::milliseconds(200);
+        options.backgroundDelay = 200ms;
         options.imageTimeoutSeconds = 1;
         options.openExternalUrl = [this](const QUrl& url) {
             openedUrls_.push_back(url);
@@ -76,20 +66,18 @@ class QtHostTest : public PipelineTest {
             if (!widget->parentWidget())
                 delete widget;  // children that are windows go with their parent
         }
-        spin(std::chrono::milliseconds(20));
+        spin(20ms);
         PipelineTest::TearDown();
     }
 
     /// Runs the Qt event loop until `done` holds or `timeout` passes.
-    bool waitUntil(const std::function<bool()>& done,
-                   std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-        auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (!done()) {
+    bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10s) {
+        for (auto deadline = std::chrono::steady_clock::now() + timeout; !done();) {
             if (std::chrono::steady_clock::now() > deadline)
                 return false;
             QApplication::processEvents(QEventLoop::AllEvents, 10);
             QApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            std::this_thread::sleep_for(2ms);
         }
         return true;
     }
@@ -103,22 +91,11 @@ class QtHostTest : public PipelineTest {
         waitUntil([&] { return status() != InitializeStatusType::initializing; });
         return status();
     }
-    /// The popup currently up anywhere, or nullptr.
-    qt::InAppPopup* popup() const {
-        for (auto* widget : QApplication::allWidgets()) {
-            if (widget->objectName() == "TarnInAppPopup" && widget->isVisible())
-                return dynamic_cast<qt::InAppPopup*>(widget);
-        }
-        return nullptr;
-    }
     /// The received events named `name`.
     std::vector<nlohmann::json> eventsNamed(const std::string& name) const {
-        std::vector<nlohmann::json> result;
-        for (auto& event : receivedEvents()) {
-            if (event.value("name", "") == name)
-                result.push_back(event);
-        }
-        return result;
+        auto events = receivedEvents();
+        std::erase_if(events, [&](const nlohmann::json& e) { return e.value("name", "") != name; });
+        return events;
     }
     /// Waits until the server has received an event named `name` `times` times.
     bool waitForEvent(const std::string& name, std::size_t times = 1) {
@@ -137,13 +114,11 @@ class QtHostTest : public PipelineTest {
         window->show();
         window->activateWindow();
         EXPECT_TRUE(QTest::qWaitForWindowExposed(window));
-        waitUntil([window] { return QApplication::activeWindow() == window; },
-                  std::chrono::seconds(2));
+        waitUntil([window] { return QApplication::activeWindow() == window; }, 2s);
         return window;
     }
 
     std::vector<QUrl> openedUrls_;
-    std::vector<AppCommunicationAction> actions_;
 };
 
 }  // namespace tarn::test
