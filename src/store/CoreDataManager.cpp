@@ -208,7 +208,9 @@ std::string markerKey(const std::string& actorId, const std::string& name) {
 /// The log starts over only once a checkpoint has copied all of it before the next commit; after
 /// any pause in the events that is the case. Under an unbroken stream of commits each pass leaves
 /// behind what was committed while it ran, so the thread comes back after every further quarter
-/// of the threshold. The bound on the log's length is kept by the commit hook (`kLogPagesCap`).
+/// of the threshold. The bound on the log's length is kept by the commit hook (`kLogPagesCap`);
+/// once the log has reached it the thread starts no pass of its own, so that its passes, slow
+/// when the disk is busy, cannot keep taking the checkpoint away from the committing caller.
 class Checkpointer {
   public:
     ~Checkpointer() {
@@ -229,7 +231,7 @@ class Checkpointer {
             // The log started over: the next request comes after a full threshold of pages.
             nextRequest_.store(kCheckpointPages, std::memory_order_relaxed);
         }
-        if (pages < nextRequest_.load(std::memory_order_relaxed)) {
+        if (pages < nextRequest_.load(std::memory_order_relaxed) || pages >= kLogPagesCap) {
             return;
         }
         {
@@ -281,6 +283,9 @@ class Checkpointer {
     }
 
     void checkpoint(sqlite3* db) {
+        if (logPages_.load(std::memory_order_relaxed) >= kLogPagesCap) {
+            return;  // the committing caller copies the log back now
+        }
         int log = 0;
         int copied = 0;
         if (sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, &log, &copied) !=
@@ -636,14 +641,13 @@ Error CoreDataManager::Store::write(bool singleStatement, const std::function<Er
 
 int CoreDataManager::Store::onWalCommit(void* context, sqlite3* db, const char* schema, int pages) {
     auto* store = static_cast<Store*>(context);
+    store->checkpointer->committed(store->path, pages);
     if (pages >= kLogPagesCap) {
         // The checkpoint thread has not caught up (an unbroken stream of commits, or it was not
         // scheduled): this commit's caller copies the log back itself, once, so the log's length
         // stays bounded whatever the scheduler does.
         sqlite3_wal_checkpoint_v2(db, schema, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
-        return SQLITE_OK;
     }
-    store->checkpointer->committed(store->path, pages);
     return SQLITE_OK;
 }
 
