@@ -2,9 +2,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <memory>
-#include <string>
 
 #include "helpers/HelperMain.h"
 #include "tarn/device/DeviceModel.h"
@@ -12,73 +10,50 @@
 #include "tarn/device/Reachability.h"
 #include "tarn/platform/MainQueue.h"
 
-namespace {
+using tarn::test::say;
 
-void printFlushed(const std::string& line) {
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
-
-}  // namespace
-
-// device-model: prints the model name and the OS version, one a line.
-TARN_HELPER_COMMAND(device_model) {
-    (void)args;
-    printFlushed(tarn::modelName());
-    printFlushed(tarn::osVersion());
+// device_model: prints the model name and the OS version, one a line.
+TARN_HELPER_COMMAND(device_model, 0) {
+    say(tarn::modelName());
+    say(tarn::osVersion());
     return 0;
 }
 
-// network-status: prints what the device status helper reports for the network.
-TARN_HELPER_COMMAND(network_status) {
-    (void)args;
-    printFlushed(tarn::DeviceStatusHelper::shared().networkStatus());
+// network_status_repeat: prints the network status for every line read from standard input until
+// it closes: readings of one process across changes of the network.
+TARN_HELPER_COMMAND(network_status_repeat, 0) {
+    for (char line[256]; std::fgets(line, sizeof line, stdin);)
+        say(tarn::DeviceStatusHelper::shared().networkStatus());
     return 0;
 }
 
-// network-status-repeat: prints the network status once for every line read from standard input,
-// until it closes: readings of one process across changes of the network.
-TARN_HELPER_COMMAND(network_status_repeat) {
-    (void)args;
-    char line[256];
-    while (std::fgets(line, sizeof line, stdin)) {
-        printFlushed(tarn::DeviceStatusHelper::shared().networkStatus());
-    }
-    return 0;
-}
-
-// reachability-watch: runs a default-route monitor and prints "changed <connection> <flags>" for
+// reachability_watch: runs a default-route monitor and prints "changed <connection> <flags>" for
 // every "reachabilityChanged" notification, until standard input closes (or 60 seconds pass).
-TARN_HELPER_COMMAND(reachability_watch) {
-    (void)args;
+TARN_HELPER_COMMAND(reachability_watch, 0) {
     auto mainQueue = std::make_shared<tarn::ThreadExecutor>();
     tarn::setMainQueue(mainQueue);
     auto monitor = tarn::Reachability::create();
     auto token = tarn::NotificationCenter::defaultCenter().addObserver(
         tarn::kReachabilityChanged, [](const tarn::Notification& notification) {
             auto* posted = std::any_cast<std::shared_ptr<tarn::Reachability>>(&notification.object);
-            if (!posted) {
-                printFlushed("changed without a monitor");
-                return;
-            }
-            auto& reachability = **posted;
-            printFlushed("changed " + tarn::description(reachability.connection()) + " " +
-                         reachability.description());
+            if (!posted)
+                return say("changed without a monitor");
+            say("changed " + tarn::description((*posted)->connection()) + " " +
+                (*posted)->description());
         });
     try {
         monitor->startNotifier();
     } catch (const tarn::ReachabilityError& error) {
-        printFlushed(std::string("error ") + error.what());
+        say(std::string("error ") + error.what());
         return 1;
     }
-    printFlushed("started");
+    say("started");
     pollfd input{STDIN_FILENO, POLLIN, 0};
-    char buffer[64];
-    while (::poll(&input, 1, 60000) > 0 && ::read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
+    for (char buffer[64]; ::poll(&input, 1, 60000) > 0 && ::read(STDIN_FILENO, buffer, 64) > 0;) {
     }
     monitor->stopNotifier();
     tarn::NotificationCenter::defaultCenter().removeObserver(token);
     mainQueue->waitUntilIdle();
-    printFlushed("stopped");
+    say("stopped");
     return 0;
 }

@@ -1,26 +1,25 @@
 #include "helpers/HelperMain.h"
 
-#include <cstdio>
+#include "tarn/platform/DataDirectory.h"
 
 namespace tarn::test {
 
-std::map<std::string, HelperCommand>& helperCommands() {
-    static std::map<std::string, HelperCommand> commands;
+std::map<std::string, std::pair<std::size_t, HelperCommand>>& helperCommands() {
+    static std::map<std::string, std::pair<std::size_t, HelperCommand>> commands;
     return commands;
 }
 
 }  // namespace tarn::test
 
 int main(int argc, char** argv) {
-    if (argc < 2) {
+    auto& commands = tarn::test::helperCommands();
+    auto it = argc < 2 ? commands.end() : commands.find(argv[1]);
+    std::vector<std::string> args(argv + std::min(argc, 2), argv + argc);
+    if (it == commands.end() || args.size() != it->second.first) {
         std::fprintf(stderr, "usage: tarn_test_helper <command> [args]\n");
         return 2;
     }
-    auto& commands = tarn::test::helperCommands();
-    auto it = commands.find(argv[1]);
-    if (it == commands.end()) {
-        std::fprintf(stderr, "unknown helper command %s\n", argv[1]);
-        return 2;
-    }
-    return it->second(std::vector<std::string>(argv + 2, argv + argc));
+    if (!args.empty())
+        tarn::setDataDirectory(args[0]);
+    return it->second.second(args);
 }

@@ -1,12 +1,35 @@
 #include "support/PipelineFixture.h"
 
-#include <thread>
-
 #include "tarn/config/ConfigManager.h"
 #include "tarn/core/Tarn.h"
 #include "tarn/store/CoreDataManager.h"
 
 namespace tarn::test {
+
+namespace {
+
+/// Runs `sql` on the store's file (read-only unless `bind` sets parameters) and hands each row to
+/// `row`; false when the file cannot be read.
+bool eachStoredRow(const char* sql, const std::function<void(sqlite3_stmt*)>& row,
+                   const std::function<void(sqlite3_stmt*)>& bind = nullptr) {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* stmt = nullptr;
+    bool ok = sqlite3_open_v2(CoreDataManager::databasePath().c_str(), &db,
+                              bind ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY,
+                              nullptr) == SQLITE_OK &&
+              sqlite3_busy_timeout(db, 2000) == SQLITE_OK &&
+              sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) == SQLITE_OK;
+    if (ok && bind)
+        bind(stmt);
+    int step = SQLITE_DONE;
+    while (ok && (step = sqlite3_step(stmt)) == SQLITE_ROW)
+        row(stmt);
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+    return ok && step == SQLITE_DONE;
+}
+
+}  // namespace
 
 std::string tokenAnswer(const std::string& token, const std::string& type) {
     return nlohmann::json{{"access_token", token},   {"expires_in", 300},
@@ -28,9 +51,7 @@ void PipelineTest::SetUp() {
 }
 
 void PipelineTest::TearDown() {
-    // The library goes first, closing its kept-alive connections, so the server stops at once.
-    TarnTest::TearDown();
-    server_->stop();
+    TarnTest::TearDown();  // the library closes its kept-alive connections first
     server_.reset();
 }
 
@@ -43,86 +64,49 @@ TarnInitConfig PipelineTest::hostConfig(std::optional<std::string> actorId, bool
 
 InitializeStatusType PipelineTest::initializeAndWait(const TarnInitConfig& config) {
     Tarn::shared().initialize(config);
-    pumpUntil([] {
-        return ConfigManager::shared().getInitializeStatus() != InitializeStatusType::initializing;
-    });
-    return ConfigManager::shared().getInitializeStatus();
-}
-
-bool PipelineTest::drainUntil(std::size_t n) {
-    return pumpUntil([&] { return server_->count(kEventPath) >= n; });
+    auto& manager = ConfigManager::shared();
+    pumpUntil([&] { return manager.getInitializeStatus() != InitializeStatusType::initializing; });
+    return manager.getInitializeStatus();
 }
 
 std::vector<nlohmann::json> PipelineTest::receivedEvents() const {
     std::vector<nlohmann::json> events;
-    for (const auto& request : server_->requests(kEventPath)) {
+    for (const auto& request : server_->requests(kEventPath))
         events.push_back(nlohmann::json::parse(request.body));
-    }
     return events;
 }
 
 std::vector<std::string> PipelineTest::receivedNames() const {
     std::vector<std::string> names;
-    for (const auto& event : receivedEvents()) {
+    for (const auto& event : receivedEvents())
         names.push_back(event.value("name", ""));
-    }
     return names;
 }
 
 int PipelineTest::storedEventCount() const {
-    if (!std::filesystem::exists(CoreDataManager::databasePath())) {
+    int count = 0;
+    if (!std::filesystem::exists(CoreDataManager::databasePath()))
         return 0;
-    }
-    sqlite3* db = nullptr;
-    int count = -1;
-    if (sqlite3_open_v2(CoreDataManager::databasePath().c_str(), &db, SQLITE_OPEN_READONLY,
-                        nullptr) == SQLITE_OK) {
-        sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM EventQueue", -1, &stmt, nullptr) ==
-                SQLITE_OK &&
-            sqlite3_step(stmt) == SQLITE_ROW) {
-            count = sqlite3_column_int(stmt, 0);
-        }
-        sqlite3_finalize(stmt);
-    }
-    sqlite3_close(db);
-    return count;
+    return eachStoredRow("SELECT 1 FROM EventQueue", [&](sqlite3_stmt*) { ++count; }) ? count : -1;
 }
 
 std::vector<nlohmann::json> PipelineTest::storedEvents() const {
     std::vector<nlohmann::json> events;
-    if (!std::filesystem::exists(CoreDataManager::databasePath())) {
-        return events;
-    }
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(CoreDataManager::databasePath().c_str(), &db, SQLITE_OPEN_READONLY,
-                        nullptr) == SQLITE_OK) {
-        sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(db, "SELECT event FROM EventQueue ORDER BY timestamp", -1, &stmt,
-                               nullptr) == SQLITE_OK) {
-            while (sqlite3_step(stmt) == SQLITE_ROW) {
-                const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-                events.push_back(nlohmann::json::parse(text ? text : "null", nullptr, false));
-            }
-        }
-        sqlite3_finalize(stmt);
-    }
-    sqlite3_close(db);
+    if (std::filesystem::exists(CoreDataManager::databasePath()))
+        eachStoredRow("SELECT event FROM EventQueue ORDER BY timestamp", [&](sqlite3_stmt* stmt) {
+            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+            events.push_back(nlohmann::json::parse(text ? text : "null", nullptr, false));
+        });
     return events;
 }
 
 void PipelineTest::insertRawEvent(const std::string& text, double timestamp) const {
-    sqlite3* db = nullptr;
-    sqlite3_open(CoreDataManager::databasePath().c_str(), &db);
-    sqlite3_busy_timeout(db, 2000);
-    sqlite3_stmt* stmt = nullptr;
-    sqlite3_prepare_v2(db, "INSERT INTO EventQueue (event, timestamp) VALUES (?, ?)", -1, &stmt,
-                       nullptr);
-    sqlite3_bind_text(stmt, 1, text.c_str(), -1, SQLITE_TRANSIENT);
-    sqlite3_bind_double(stmt, 2, timestamp);
-    sqlite3_step(stmt);
-    sqlite3_finalize(stmt);
-    sqlite3_close(db);
+    eachStoredRow(
+        "INSERT INTO EventQueue (event, timestamp) VALUES (?, ?)", [](sqlite3_stmt*) {},
+        [&](sqlite3_stmt* stmt) {
+            sqlite3_bind_text(stmt, 1, text.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_double(stmt, 2, timestamp);
+        });
 }
 
 }  // namespace tarn::test

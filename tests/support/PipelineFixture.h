@@ -34,11 +34,13 @@ class PipelineTest : public TarnTest {
     /// Calls `initialize` and advances the main queue until the status leaves `initializing`.
     InitializeStatusType initializeAndWait(const TarnInitConfig& config);
     /// Advances the main queue until the event endpoint has received `n` events.
-    bool drainUntil(std::size_t n);
+    bool drainUntil(std::size_t n) {
+        return pumpUntil([&] { return server_->count(kEventPath) >= n; });
+    }
     /// The event bodies the server received, in arrival order.
     std::vector<nlohmann::json> receivedEvents() const;
     std::vector<std::string> receivedNames() const;
-    /// Rows in the local queue, read with SQLite directly.
+    /// Rows in the local queue (-1 when it cannot be read), read with SQLite directly.
     int storedEventCount() const;
     /// The stored event bodies, oldest first, read with SQLite directly.
     std::vector<nlohmann::json> storedEvents() const;

@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
+#include <utility>
 
 namespace tarn::test {
 
@@ -23,48 +25,67 @@ bool readable(int fd) {
     return ::poll(&p, 1, 100) > 0;
 }
 
-bool sendAll(int fd, const char* data, std::size_t size) {
-    while (size > 0) {
-        auto sent = ::send(fd, data, size, MSG_NOSIGNAL);
-        if (sent <= 0) {
-            return false;  // the client stopped reading and closed
-        }
-        data += sent;
-        size -= static_cast<std::size_t>(sent);
+/// False once the client stopped reading and closed.
+bool sendAll(int fd, std::string_view data) {
+    for (ssize_t sent = 0; !data.empty(); data.remove_prefix(static_cast<std::size_t>(sent))) {
+        if ((sent = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL)) <= 0)
+            return false;
     }
     return true;
+}
+
+/// Deflates `total` bytes, handed out in pieces by `next`, into one gzip member.
+std::string gzipStream(std::size_t total,
+                       const std::function<std::string_view(std::size_t)>& next) {
+    z_stream stream{};
+    deflateInit2(&stream, Z_BEST_SPEED, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY);
+    std::string out;
+    char buffer[64 * 1024];
+    for (std::size_t fed = 0, flush = Z_NO_FLUSH; flush != Z_FINISH;) {
+        auto piece = next(std::min<std::size_t>(total - fed, 1 << 20));
+        fed += piece.size();
+        flush = fed >= total ? Z_FINISH : Z_NO_FLUSH;
+        stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(piece.data()));
+        stream.avail_in = static_cast<uInt>(piece.size());
+        do {
+            stream.next_out = reinterpret_cast<Bytef*>(buffer);
+            stream.avail_out = sizeof buffer;
+            deflate(&stream, static_cast<int>(flush));
+            out.append(buffer, sizeof buffer - stream.avail_out);
+        } while (stream.avail_out == 0);
+    }
+    deflateEnd(&stream);
+    return out;
 }
 
 }  // namespace
 
 RawSocketServer::RawSocketServer() {
     listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listenFd_ < 0) {
-        throw std::runtime_error("socket failed");
-    }
-    int yes = 1;
-    ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
-    if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listenFd_, 16) != 0) {
-        ::close(listenFd_);
-        throw std::runtime_error("bind or listen failed");
-    }
     socklen_t length = sizeof address;
-    ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length);
+    auto* raw = reinterpret_cast<sockaddr*>(&address);
+    if (::bind(listenFd_, raw, length) != 0 || ::listen(listenFd_, 16) != 0 ||
+        ::getsockname(listenFd_, raw, &length) != 0) {
+        ::close(listenFd_);
+        throw std::runtime_error("RawSocketServer: cannot listen on 127.0.0.1");
+    }
     port_ = ntohs(address.sin_port);
-    acceptor_ = std::thread([this] { acceptLoop(); });
-}
-
-RawSocketServer::~RawSocketServer() {
-    stop();
-}
-
-std::string RawSocketServer::baseUrl() const {
-    return "http://127.0.0.1:" + std::to_string(port_);
+    acceptor_ = std::thread([this] {
+        while (!stopping_) {
+            int fd =
+                readable(listenFd_) ? ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+            if (fd < 0)
+                continue;
+            std::lock_guard lock(mutex_);
+            connections_.emplace_back([this, fd] {
+                serve(fd);
+                ::close(fd);
+            });
+        }
+    });
 }
 
 void RawSocketServer::answer(Answer answer) {
@@ -78,111 +99,54 @@ std::vector<RawSocketServer::Request> RawSocketServer::requests() const {
 }
 
 void RawSocketServer::stop() {
-    if (stopping_.exchange(true)) {
+    if (stopping_.exchange(true))
         return;
-    }
-    if (acceptor_.joinable()) {
-        acceptor_.join();
-    }
+    acceptor_.join();  // after this, nobody else touches `connections_`
     ::close(listenFd_);
-    std::vector<std::thread> threads;
-    {
-        std::lock_guard lock(mutex_);
-        threads.swap(connections_);
-    }
-    for (auto& t : threads) {
+    for (auto& t : connections_)
         t.join();
-    }
-}
-
-void RawSocketServer::acceptLoop() {
-    while (!stopping_) {
-        if (!readable(listenFd_)) {
-            continue;
-        }
-        int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) {
-            continue;
-        }
-        std::lock_guard lock(mutex_);
-        connections_.emplace_back([this, fd] {
-            serve(fd);
-            ::close(fd);
-        });
-    }
 }
 
 void RawSocketServer::serve(int fd) {
     // The request: the header block, then as many body bytes as "Content-Length" announces.
     std::string received;
-    std::size_t headerEnd = std::string::npos;
-    std::size_t wanted = 0;
+    std::size_t headerEnd = std::string::npos, wanted = 0;
     char buffer[16 * 1024];
-    while (!stopping_) {
-        if (headerEnd != std::string::npos && received.size() >= headerEnd + 4 + wanted) {
-            break;
-        }
-        if (!readable(fd)) {
-            continue;
-        }
-        auto n = ::recv(fd, buffer, sizeof buffer, 0);
-        if (n <= 0) {
+    while (headerEnd == std::string::npos || received.size() < headerEnd + 4 + wanted) {
+        if (stopping_)
             return;
-        }
+        if (!readable(fd))
+            continue;
+        auto n = ::recv(fd, buffer, sizeof buffer, 0);
+        if (n <= 0)
+            return;
         received.append(buffer, static_cast<std::size_t>(n));
-        if (headerEnd == std::string::npos) {
-            headerEnd = received.find("\r\n\r\n");
-            if (headerEnd != std::string::npos) {
-                std::string lower = received.substr(0, headerEnd);
-                std::transform(lower.begin(), lower.end(), lower.begin(),
-                               [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-                auto at = lower.find("\r\ncontent-length:");
-                if (at != std::string::npos) {
-                    wanted = std::strtoull(lower.c_str() + at + 17, nullptr, 10);
-                }
-            }
+        if (headerEnd == std::string::npos &&
+            (headerEnd = received.find("\r\n\r\n")) != std::string::npos) {
+            auto block = received.substr(0, headerEnd);
+            if (const char* at = ::strcasestr(block.c_str(), "\r\ncontent-length:"))
+                wanted = std::strtoull(at + 17, nullptr, 10);
         }
     }
-    if (stopping_) {
-        return;
-    }
-    Request request;
-    auto lineEnd = received.find("\r\n");
-    auto firstSpace = received.find(' ');
-    auto secondSpace = received.find(' ', firstSpace + 1);
-    request.method = received.substr(0, firstSpace);
-    request.target = received.substr(firstSpace + 1, secondSpace - firstSpace - 1);
-    request.headers = received.substr(lineEnd + 2, headerEnd - lineEnd - 2);
-    request.body = received.substr(headerEnd + 4, wanted);
     Answer answer;
     {
         std::lock_guard lock(mutex_);
-        requests_.push_back(std::move(request));
+        requests_.push_back({received.substr(0, received.find(' '))});
         answer = answer_;
     }
-    for (auto waited = std::chrono::milliseconds(0); waited < answer.delay && !stopping_;
-         waited += std::chrono::milliseconds(10)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (!sendAll(fd, answer.head.data(), answer.head.size()) || !answer.body) {
+    if (!sendAll(fd, answer.head) || !answer.body)
         return;
-    }
-    while (!stopping_) {
-        auto chunk = answer.body();
-        if (chunk.empty() || !sendAll(fd, chunk.data(), chunk.size())) {
-            break;
-        }
+    for (auto chunk = answer.body(); !stopping_ && !chunk.empty() && sendAll(fd, chunk);
+         chunk = answer.body())
         bytesWritten_ += chunk.size();
-    }
     ::shutdown(fd, SHUT_WR);
 }
 
 std::string RawSocketServer::head(const std::string& statusLine,
                                   const std::vector<std::string>& headers) {
     std::string text = statusLine + "\r\n";
-    for (const auto& header : headers) {
+    for (const auto& header : headers)
         text += header + "\r\n";
-    }
     return text + "\r\n";
 }
 
@@ -198,55 +162,20 @@ RawSocketServer::BodySource RawSocketServer::repeated(std::size_t total, char fi
 RawSocketServer::BodySource RawSocketServer::fixed(std::string payload) {
     return
         [shared = std::make_shared<const std::string>(std::move(payload)), sent = false]() mutable {
-            if (sent) {
-                return std::string_view();
-            }
-            sent = true;
-            return std::string_view(*shared);
+            return std::exchange(sent, true) ? std::string_view() : std::string_view(*shared);
         };
 }
 
-namespace {
-
-/// Deflates `total` bytes produced by `next` into one gzip member.
-std::string gzipStream(std::size_t total, const std::function<std::string(std::size_t)>& next) {
-    z_stream stream{};
-    if (deflateInit2(&stream, Z_BEST_SPEED, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
-        throw std::runtime_error("deflateInit2 failed");
-    }
-    std::string out;
-    char buffer[64 * 1024];
-    std::size_t fed = 0;
-    int flush = Z_NO_FLUSH;
-    do {
-        std::string input = fed < total ? next(std::min<std::size_t>(total - fed, 1 << 20)) : "";
-        fed += input.size();
-        flush = fed >= total ? Z_FINISH : Z_NO_FLUSH;
-        stream.next_in = reinterpret_cast<Bytef*>(input.data());
-        stream.avail_in = static_cast<uInt>(input.size());
-        do {
-            stream.next_out = reinterpret_cast<Bytef*>(buffer);
-            stream.avail_out = sizeof buffer;
-            deflate(&stream, flush);
-            out.append(buffer, sizeof buffer - stream.avail_out);
-        } while (stream.avail_out == 0);
-    } while (flush != Z_FINISH);
-    deflateEnd(&stream);
-    return out;
-}
-
-}  // namespace
-
 std::string gzipCompress(const std::string& text) {
     return gzipStream(text.size(), [&, at = std::size_t{0}](std::size_t n) mutable {
-        auto piece = text.substr(at, n);
         at += n;
-        return piece;
+        return std::string_view(text).substr(at - n, n);
     });
 }
 
 std::string gzipOfZeros(std::size_t total) {
-    return gzipStream(total, [](std::size_t n) { return std::string(n, '\0'); });
+    const std::string zeros(1 << 20, '\0');
+    return gzipStream(total, [&](std::size_t n) { return std::string_view(zeros).substr(0, n); });
 }
 
 std::size_t peakRssBytes() {

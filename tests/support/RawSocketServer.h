@@ -1,17 +1,11 @@
 #pragma once
-// A TCP server on 127.0.0.1 that answers with hand-made bytes: broken status lines, lying
-// headers, bodies far larger than anything worth keeping in memory. Each connection gets one
-// answer, written by a thread of the server, after which the connection is closed.
-//
-// The answer is a head (any bytes: a status line and headers, or garbage) and an optional body
-// source that is asked for chunks until it returns an empty one or the client stops reading, so a
-// 100 MB body never exists as a whole. Every method is thread-safe.
+// A TCP server on 127.0.0.1 that answers each connection once with hand-made bytes (broken status
+// lines, lying headers, huge bodies streamed in chunks so they never exist whole), then closes it.
+// Every method is thread-safe.
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -28,25 +22,19 @@ class RawSocketServer {
     struct Answer {
         std::string head;
         BodySource body;
-        /// Wait this long after reading the request before writing (cut short by `stop`).
-        std::chrono::milliseconds delay{0};
     };
-
-    /// One request as it arrived: the request line, the header block and the body.
+    /// One request as it arrived.
     struct Request {
         std::string method;
-        std::string target;
-        std::string headers;
-        std::string body;
     };
 
     RawSocketServer();
-    ~RawSocketServer();
+    ~RawSocketServer() { stop(); }
     RawSocketServer(const RawSocketServer&) = delete;
     RawSocketServer& operator=(const RawSocketServer&) = delete;
 
     /// "http://127.0.0.1:<port>".
-    std::string baseUrl() const;
+    std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
     /// Every later connection gets `answer`.
     void answer(Answer answer);
     std::vector<Request> requests() const;
@@ -64,7 +52,6 @@ class RawSocketServer {
     static BodySource fixed(std::string payload);
 
   private:
-    void acceptLoop();
     void serve(int fd);
 
     int listenFd_ = -1;
@@ -80,10 +67,8 @@ class RawSocketServer {
 
 /// `text` compressed into a gzip member with zlib.
 std::string gzipCompress(const std::string& text);
-/// A gzip member that expands to `total` zero bytes, built in pieces (the expanded text is never
-/// held in memory).
+/// A gzip member that expands to `total` zero bytes (the expanded text is never held in memory).
 std::string gzipOfZeros(std::size_t total);
-
 /// The process's peak resident set size in bytes so far (getrusage).
 std::size_t peakRssBytes();
 

@@ -1,9 +1,9 @@
 #include "support/TestSupport.h"
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <thread>
@@ -18,15 +18,13 @@ namespace tarn::test {
 
 TempDir::TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "tarn-test-XXXXXX").string();
-    char* made = ::mkdtemp(pattern.data());
-    if (!made) {
+    if (!::mkdtemp(pattern.data()))
         throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = made;
+    path_ = pattern;
 }
 
 TempDir::~TempDir() {
-    std::error_code ec;
+    std::error_code ec;  // a test may have taken the owner's rights away
     std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
                                  std::filesystem::perm_options::add, ec);
     std::filesystem::remove_all(path_, ec);
@@ -42,17 +40,9 @@ LogCapture::LogCapture() {
         });
 }
 
-LogCapture::~LogCapture() {
-    NotificationCenter::defaultCenter().removeObserver(token_);
-}
-
 std::vector<std::string> LogCapture::lines() const {
     std::lock_guard lock(mutex_);
     return lines_;
-}
-
-bool LogCapture::contains(const std::string& line) const {
-    return count(line) > 0;
 }
 
 std::size_t LogCapture::count(const std::string& line) const {
@@ -62,46 +52,38 @@ std::size_t LogCapture::count(const std::string& line) const {
 
 bool LogCapture::containsText(const std::string& text) const {
     std::lock_guard lock(mutex_);
-    for (const auto& l : lines_) {
-        if (l.find(text) != std::string::npos)
-            return true;
-    }
-    return false;
+    return std::any_of(lines_.begin(), lines_.end(),
+                       [&](const auto& l) { return l.find(text) != std::string::npos; });
 }
 
 bool LogCapture::waitFor(const std::string& line, std::chrono::milliseconds timeout,
                          std::size_t times) const {
     auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (count(line) >= times)
-            return true;
+    while (count(line) < times && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
     return count(line) >= times;
 }
 
 void writeServiceFile(const std::filesystem::path& bundleFolder, const nlohmann::json& values,
                       bool binary) {
     std::filesystem::create_directories(bundleFolder);
-    std::ofstream out(bundleFolder / "TarnService-Info.plist", std::ios::binary);
-    out << writePropertyList(values, binary);
+    std::ofstream(bundleFolder / "TarnService-Info.plist", std::ios::binary)
+        << writePropertyList(values, binary);
 }
 
 void writeInfoPlist(const std::filesystem::path& bundleFolder, const std::string& identifier) {
     std::filesystem::create_directories(bundleFolder);
-    std::ofstream out(bundleFolder / "Info.plist", std::ios::binary);
-    out << writePropertyList({{"CFBundleIdentifier", identifier}, {"CFBundleName", "TestHost"}});
+    std::ofstream(bundleFolder / "Info.plist", std::ios::binary)
+        << writePropertyList({{"CFBundleIdentifier", identifier}, {"CFBundleName", "TestHost"}});
 }
 
 void TarnTest::SetUp() {
-    resetSharedInstancesForTesting();
     temp_ = std::make_unique<TempDir>();
     std::filesystem::create_directories(dataDir());
     std::filesystem::create_directories(bundleDir());
     setDataDirectory(dataDir());
     Bundle::setMain(bundleDir());
-    queue_ = std::make_shared<ManualExecutor>();
-    setMainQueue(queue_);
+    simulateNewProcess();
 }
 
 void TarnTest::TearDown() {
@@ -131,14 +113,9 @@ bool TarnTest::pumpUntil(const std::function<bool()>& done, double step,
     return true;
 }
 
-std::string helperProgram() {
-    return TARN_TEST_HELPER_PATH;
-}
-
 void execHelperProgram(const std::vector<std::string>& args) {
-    std::vector<char*> argv;
     std::string program = helperProgram();
-    argv.push_back(program.data());
+    std::vector<char*> argv{program.data()};
     for (const auto& a : args)
         argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
@@ -146,8 +123,7 @@ void execHelperProgram(const std::vector<std::string>& args) {
     ::_exit(127);
 }
 
-int runHelper(const std::vector<std::string>& args, std::string* output,
-              const std::vector<std::string>& env) {
+int runHelper(const std::vector<std::string>& args, std::string* output) {
     int pipefd[2];
     if (::pipe(pipefd) != 0)
         return -1;
@@ -156,18 +132,13 @@ int runHelper(const std::vector<std::string>& args, std::string* output,
         ::dup2(pipefd[1], STDOUT_FILENO);
         ::close(pipefd[0]);
         ::close(pipefd[1]);
-        for (const auto& e : env) {
-            ::putenv(const_cast<char*>(e.c_str()));
-        }
         execHelperProgram(args);
     }
     ::close(pipefd[1]);
     std::string collected;
     char buffer[4096];
-    ssize_t n;
-    while ((n = ::read(pipefd[0], buffer, sizeof buffer)) > 0) {
+    for (ssize_t n; (n = ::read(pipefd[0], buffer, sizeof buffer)) > 0;)
         collected.append(buffer, static_cast<std::size_t>(n));
-    }
     ::close(pipefd[0]);
     int status = 0;
     ::waitpid(pid, &status, 0);

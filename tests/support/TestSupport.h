@@ -36,9 +36,9 @@ class TempDir {
 class LogCapture {
   public:
     LogCapture();
-    ~LogCapture();
+    ~LogCapture() { NotificationCenter::defaultCenter().removeObserver(token_); }
     std::vector<std::string> lines() const;
-    bool contains(const std::string& line) const;
+    bool contains(const std::string& line) const { return count(line) > 0; }
     std::size_t count(const std::string& line) const;
     /// True when any line contains `text`.
     bool containsText(const std::string& text) const;
@@ -72,8 +72,8 @@ class TarnTest : public ::testing::Test {
     /// Drops every shared instance and the main queue, as a new process would start, and installs
     /// a fresh manual main queue. The data folder and the bundle stay.
     void simulateNewProcess();
-    /// Advances the manual main queue in small steps until `done` holds or `timeout` of wall time
-    /// passes; each step moves virtual time by `step` seconds.
+    /// Advances the manual main queue by `step` seconds at a time until `done` holds or `timeout`
+    /// of wall time passes.
     bool pumpUntil(const std::function<bool()>& done, double step = 0.05,
                    std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
@@ -82,13 +82,14 @@ class TarnTest : public ::testing::Test {
 };
 
 /// Path of the helper program that tests start as a second process.
-std::string helperProgram();
+inline std::string helperProgram() {
+    return TARN_TEST_HELPER_PATH;
+}
 /// In a forked child: replaces the process with the helper program and `args`; exits 127 when
 /// that fails.
 [[noreturn]] void execHelperProgram(const std::vector<std::string>& args);
-/// Runs the helper program with `args` and the environment additions `env`; returns its exit code
-/// and collects its standard output into `output`.
-int runHelper(const std::vector<std::string>& args, std::string* output = nullptr,
-              const std::vector<std::string>& env = {});
+/// Runs the helper program with `args`; returns its exit code and collects its standard output
+/// into `output`.
+int runHelper(const std::vector<std::string>& args, std::string* output = nullptr);
 
 }  // namespace tarn::test
