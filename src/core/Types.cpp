@@ -66,8 +66,7 @@ struct RandomPool {
             used = 0;
         }
         std::memcpy(out, bytes + used, count);
-        std::memset(bytes + used, 0, count);  // handed out once only
-        used += count;
+        used += count;  // each byte is handed out once
         return true;
     }
 };

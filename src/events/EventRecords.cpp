@@ -79,30 +79,36 @@ void writeString(std::string& out, std::string_view text) {
     out += nlohmann::json(std::string(text)).dump(-1, ' ', false, kReplaceInvalid);
 }
 
+/// Appends an integer as the JSON library prints it: a plain decimal.
+template <class Integer>
+void writeInteger(std::string& out, Integer value) {
+    char digits[24];
+    out.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+}
+
+void writeBoolean(std::string& out, bool value) {
+    out += value ? "true" : "false";
+}
+
 /// Appends `value` as the JSON library prints it. Strings, booleans, integers and null are
-/// written directly (the library prints integers as plain decimals); floating-point numbers,
-/// arrays and objects go through the library's printer.
+/// written directly; floating-point numbers, arrays and objects go through the library's printer.
 void writeValue(std::string& out, const nlohmann::json& value) {
     switch (value.type()) {
         case nlohmann::json::value_t::string:
             writeString(out, value.get_ref<const std::string&>());
             return;
         case nlohmann::json::value_t::boolean:
-            out += value.get<bool>() ? "true" : "false";
+            writeBoolean(out, value.get<bool>());
             return;
         case nlohmann::json::value_t::null:
             out += "null";
             return;
         case nlohmann::json::value_t::number_integer:
-        case nlohmann::json::value_t::number_unsigned: {
-            char digits[24];
-            auto end =
-                value.is_number_unsigned()
-                    ? std::to_chars(digits, digits + sizeof digits, value.get<std::uint64_t>()).ptr
-                    : std::to_chars(digits, digits + sizeof digits, value.get<std::int64_t>()).ptr;
-            out.append(digits, end);
+            writeInteger(out, value.get<std::int64_t>());
             return;
-        }
+        case nlohmann::json::value_t::number_unsigned:
+            writeInteger(out, value.get<std::uint64_t>());
+            return;
         default:
             out += value.dump(-1, ' ', false, kReplaceInvalid);
             return;
@@ -319,14 +325,11 @@ std::string EventRecord::serializedBody(const BodySections& sections) const {
                 writeString(out, member.string);
                 break;
             case Member::Kind::boolean:
-                out += member.number != 0 ? "true" : "false";
+                writeBoolean(out, member.number != 0);
                 break;
-            case Member::Kind::integer: {
-                char digits[24];
-                auto end = std::to_chars(digits, digits + sizeof digits, member.number).ptr;
-                out.append(digits, end);
+            case Member::Kind::integer:
+                writeInteger(out, member.number);
                 break;
-            }
             case Member::Kind::erased:
                 break;
         }

@@ -22,9 +22,9 @@
 // commit needs. The log starts over after a checkpoint that no commit overtook, which any pause
 // between events allows. Should the log still reach 4000 pages (some 16 MB: an unbroken stream
 // of commits, or a checkpoint thread that was not scheduled in time), the commit that finds it so
-// long copies it back itself, once, so the log stays bounded whatever the scheduler does; that
-// caller waits for the copy. A log left behind by a process that ended is replayed by the next
-// open.
+// long copies it back itself, so the log stays bounded whatever the scheduler does; that caller
+// waits for the copy, and the thread starts no pass of its own until the log has started over. A
+// log left behind by a process that ended is replayed by the next open.
 //
 // Conversion look-ups. Every event asks for a matching marker; the store keeps a count of its
 // markers by actor and name in memory and reads the file only when one may match. The file stays
