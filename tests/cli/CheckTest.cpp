@@ -3,7 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ChildProcess.h"
+#include "support/ChildProcess.h"
 #include "support/TestSupport.h"
 #include "tarn/platform/PropertyList.h"
 

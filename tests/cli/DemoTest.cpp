@@ -6,7 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ChildProcess.h"
+#include "support/ChildProcess.h"
 
 namespace tarn::test {
 namespace {

@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ChildProcess.h"
+#include "support/ChildProcess.h"
 #include "support/PipelineFixture.h"
 
 namespace tarn::test {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <functional>
 
-#include "cli/ChildProcess.h"
+#include "support/ChildProcess.h"
 #include "support/PipelineFixture.h"
 
 using namespace tarn;

@@ -1,6 +1,6 @@
 // Conversion markers: the look-up's period and order, consumption, the purge, arming on the
 // millisecond-as-second scale, markers of another connection, and the conversion key in a body.
-#include "store/RawDatabase.h"
+#include "support/RawDatabase.h"
 #include "support/TestSupport.h"
 #include "tarn/core/Settings.h"
 #include "tarn/core/Tarn.h"

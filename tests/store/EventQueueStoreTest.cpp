@@ -6,7 +6,7 @@
 #include <set>
 #include <thread>
 
-#include "store/RawDatabase.h"
+#include "support/RawDatabase.h"
 #include "support/TestSupport.h"
 #include "tarn/core/Tarn.h"
 #include "tarn/platform/DataDirectory.h"

@@ -11,9 +11,9 @@
 #include <random>
 #include <thread>
 
-#include "store/RawDatabase.h"
 #include "store/StoreSchema.h"
 #include "support/PipelineFixture.h"
+#include "support/RawDatabase.h"
 #include "tarn/events/TarnEvent.h"
 #include "tarn/platform/PreferenceStore.h"
 #include "tarn/store/CoreDataManager.h"

@@ -1,6 +1,6 @@
 #pragma once
 // A second process run as a user would: arguments in, standard input, output and error on pipes,
-// an exit status at the end. Header-only, so the exit tests share it with the command's tests.
+// an exit status at the end. Header-only; the command's tests and the exit tests use it.
 
 #include <fcntl.h>
 #include <poll.h>

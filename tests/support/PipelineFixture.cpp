@@ -1,35 +1,14 @@
 #include "support/PipelineFixture.h"
 
+#include "support/RawDatabase.h"
+
+#include <charconv>
+
 #include "tarn/config/ConfigManager.h"
 #include "tarn/core/Tarn.h"
 #include "tarn/store/CoreDataManager.h"
 
 namespace tarn::test {
-
-namespace {
-
-/// Runs `sql` on the store's file (read-only unless `bind` sets parameters) and hands each row to
-/// `row`; false when the file cannot be read.
-bool eachStoredRow(const char* sql, const std::function<void(sqlite3_stmt*)>& row,
-                   const std::function<void(sqlite3_stmt*)>& bind = nullptr) {
-    sqlite3* db = nullptr;
-    sqlite3_stmt* stmt = nullptr;
-    bool ok = sqlite3_open_v2(CoreDataManager::databasePath().c_str(), &db,
-                              bind ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY,
-                              nullptr) == SQLITE_OK &&
-              sqlite3_busy_timeout(db, 2000) == SQLITE_OK &&
-              sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) == SQLITE_OK;
-    if (ok && bind)
-        bind(stmt);
-    int step = SQLITE_DONE;
-    while (ok && (step = sqlite3_step(stmt)) == SQLITE_ROW)
-        row(stmt);
-    sqlite3_finalize(stmt);
-    sqlite3_close(db);
-    return ok && step == SQLITE_DONE;
-}
-
-}  // namespace
 
 std::string tokenAnswer(const std::string& token, const std::string& type) {
     return nlohmann::json{{"access_token", token},   {"expires_in", 300},
@@ -84,29 +63,33 @@ std::vector<std::string> PipelineTest::receivedNames() const {
 }
 
 int PipelineTest::storedEventCount() const {
-    int count = 0;
     if (!std::filesystem::exists(CoreDataManager::databasePath()))
         return 0;
-    return eachStoredRow("SELECT 1 FROM EventQueue", [&](sqlite3_stmt*) { ++count; }) ? count : -1;
+    try {
+        return static_cast<int>(RawDatabase(CoreDataManager::databasePath())
+                                    .integer("SELECT count(*) FROM EventQueue"));
+    } catch (const std::exception&) {
+        return -1;
+    }
 }
 
 std::vector<nlohmann::json> PipelineTest::storedEvents() const {
     std::vector<nlohmann::json> events;
-    if (std::filesystem::exists(CoreDataManager::databasePath()))
-        eachStoredRow("SELECT event FROM EventQueue ORDER BY timestamp", [&](sqlite3_stmt* stmt) {
-            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-            events.push_back(nlohmann::json::parse(text ? text : "null", nullptr, false));
-        });
+    if (!std::filesystem::exists(CoreDataManager::databasePath()))
+        return events;
+    for (const auto& text : RawDatabase(CoreDataManager::databasePath())
+                                .column("SELECT event FROM EventQueue ORDER BY timestamp"))
+        events.push_back(nlohmann::json::parse(text, nullptr, false));
     return events;
 }
 
 void PipelineTest::insertRawEvent(const std::string& text, double timestamp) const {
-    eachStoredRow(
-        "INSERT INTO EventQueue (event, timestamp) VALUES (?, ?)", [](sqlite3_stmt*) {},
-        [&](sqlite3_stmt* stmt) {
-            sqlite3_bind_text(stmt, 1, text.c_str(), -1, SQLITE_TRANSIENT);
-            sqlite3_bind_double(stmt, 2, timestamp);
-        });
+    char number[32];
+    *std::to_chars(number, number + sizeof number - 1, timestamp).ptr = '\0';  // exact digits
+    char* sql = sqlite3_mprintf("INSERT INTO EventQueue (event, timestamp) VALUES (%Q, %s)",
+                                text.c_str(), number);
+    RawDatabase(CoreDataManager::databasePath()).exec(sql);
+    sqlite3_free(sql);
 }
 
 }  // namespace tarn::test
