@@ -2,6 +2,7 @@
 
 #include <fstream>
 
+#include "support/LoopbackServer.h"
 #include "support/TestSupport.h"
 #include "tarn/config/ConfigManager.h"
 #include "tarn/config/ConfigurationManager.h"
@@ -14,9 +15,10 @@ using nlohmann::json;
 
 class InitializeTest : public test::TarnTest {
   protected:
-    void writeGoodServiceFile(bool binary = false) {
+    /// The service file names `domain`; by default a port where nothing listens.
+    void writeGoodServiceFile(bool binary = false, std::string domain = "http://127.0.0.1:1") {
         test::writeServiceFile(bundleDir(),
-                               {{"DOMAIN", "http://127.0.0.1:1"},
+                               {{"DOMAIN", domain},
                                 {"CLIENT_ID", "file-id"},
                                 {"CLIENT_SECRET", "file-secret"},
                                 {"EXTRA", 1}},
@@ -79,16 +81,19 @@ TEST_F(InitializeTest, TheFileWinsAFirstRunMakesAGuestAndLaterRunsKeepTheStoredA
     EXPECT_DEATH(Tarn::shared().loadState(), "Fatal error: No stored configuration");
     EXPECT_DEATH(Tarn::shared().continueInitialization(), "Fatal error: No stored configuration");
     EXPECT_DEATH(Tarn::shared().requestAccessToken(), "Fatal error");
-    writeGoodServiceFile(/*binary=*/true);
+    // The server holds the token request, so it is still in flight when the test looks.
+    test::LoopbackServer server;
+    server.on("/core/auth/token", test::ScriptedAnswer::never());
+    writeGoodServiceFile(/*binary=*/true, server.baseUrl());
     test::writeInfoPlist(bundleDir(), "com.example.host");
     run();
     auto& tarn = Tarn::shared();
     auto stored = tarn.configuration.get();
     ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->domainUrl, "http://127.0.0.1:1");
+    EXPECT_EQ(stored->domainUrl, server.baseUrl());
     EXPECT_EQ(stored->clientId, "file-id");
     EXPECT_EQ(stored->clientSecret, "file-secret");
-    EXPECT_EQ(processSettings().baseUrl.get(), "http://127.0.0.1:1");
+    EXPECT_EQ(processSettings().baseUrl.get(), server.baseUrl());
     EXPECT_EQ(tarn.tarnBundle.get(), "com.example.host");
     EXPECT_EQ(tarn.applicationName.get(), "HostApp");
     EXPECT_EQ(ConfigurationManager::shared().settings()["EXTRA"], 1);
@@ -98,8 +103,8 @@ TEST_F(InitializeTest, TheFileWinsAFirstRunMakesAGuestAndLaterRunsKeepTheStoredA
     EXPECT_THAT(guest, testing::MatchesRegex("[0-9A-F-]{36}"));
     EXPECT_EQ(prefs.stringValue(PreferenceKey::actorId), guest);
     EXPECT_EQ(tarn.actorId.get(), guest);
-    // No configuration block yet: every device switch is off, and the token request to the
-    // (unreachable) server is in flight under the long start-up time-out.
+    // No configuration block yet: every device switch is off, and the token request is in flight
+    // under the long start-up time-out.
     EXPECT_FALSE(tarn.isWifiStatusRequired || tarn.isBatteryStatusRequired ||
                  tarn.isDiskCapacityRequired || tarn.isLocationRequired);
     EXPECT_EQ(prefs.boolValue(PreferenceKey::tokenStatus), false);
