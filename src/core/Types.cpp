@@ -3,11 +3,11 @@
 #include <sys/random.h>
 #include <uuid/uuid.h>
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+
+#include "core/ForkGeneration.h"
 
 namespace tarn {
 
@@ -31,9 +31,6 @@ const char* rawValue(TokenProviderType provider) {
 
 namespace {
 
-/// Forks since start; a child's pools hold its parent's bytes and must not hand them out again.
-std::atomic<unsigned> forkGeneration{0};
-
 /// Random bytes read from the kernel a page at a time, per thread, so that an identifier costs no
 /// system call of its own. Trivially destructible: nothing runs at thread or process exit.
 struct RandomPool {
@@ -42,13 +39,8 @@ struct RandomPool {
     unsigned generation = 0;
 
     bool take(unsigned char* out, std::size_t count) {
-        static const bool registered = [] {
-            ::pthread_atfork(nullptr, nullptr,
-                             [] { forkGeneration.fetch_add(1, std::memory_order_relaxed); });
-            return true;
-        }();
-        (void)registered;
-        auto now = forkGeneration.load(std::memory_order_relaxed);
+        // A child's pool holds its parent's bytes, which must not be handed out again.
+        auto now = detail::forkGeneration();
         if (generation != now) {
             used = sizeof bytes;
             generation = now;

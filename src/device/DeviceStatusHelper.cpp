@@ -12,6 +12,7 @@
 #include <limits>
 #include <vector>
 
+#include "device/DefaultRoute.h"
 #include "device/KernelAnnouncements.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
@@ -32,17 +33,6 @@ std::optional<std::string> readFirstLine(const std::filesystem::path& path) {
     }
     return line;
 }
-
-/// The serial queue of the monitor that `networkStatus` makes for one reading: the calling thread
-/// itself. That monitor is never started, so its only work is the synchronous flag update of
-/// `connection()`; running it in place spares every event a thread started and joined for it.
-/// Nothing else may be put on this queue.
-class CallerThreadQueue final : public Executor {
-  public:
-    void async(Task task) override { task(); }
-    void asyncAfter(double, Task task) override { task(); }
-    bool isCurrent() const override { return true; }
-};
 
 /// The names in `folder` other than "." and "..", in name order; none when it cannot be read.
 /// Straight directory reads (open, getdents64 until it gives nothing, close): this runs for every
@@ -109,7 +99,11 @@ DeviceStatusHelper& DeviceStatusHelper::shared() {
 
 DeviceStatusHelper::DeviceStatusHelper() : powerSupplies_(detail::makePowerSupplyCache()) {}
 
-DeviceStatusHelper::~DeviceStatusHelper() = default;
+DeviceStatusHelper::~DeviceStatusHelper() {
+    if (volumeFd_ >= 0) {
+        ::close(volumeFd_);
+    }
+}
 
 std::string DeviceStatusHelper::batteryLevelText(float level) {
     float product = level * 100.0f;
@@ -165,13 +159,13 @@ std::string DeviceStatusHelper::batteryLevel() {
 }
 
 std::string DeviceStatusHelper::networkStatus() {
-    // The monitor reads once and is released. Its first reading is announced like any change,
-    // but onto a queue that nobody runs, so a reading for an event neither posts
-    // "reachabilityChanged" nor leaves work on the main queue; it reads on the calling thread.
-    auto discarded = std::make_shared<ManualExecutor>();
-    auto monitor = Reachability::create(DispatchQoS::defaultQoS,
-                                        std::make_shared<CallerThreadQueue>(), discarded);
-    switch (monitor->connection()) {
+    // What a fresh default-route monitor's `connection()` gives, without making one per reading:
+    // its flags from the same kept reading (unknown when unreadable, as a new monitor has none),
+    // under a new monitor's rule.
+    std::int32_t error = 0;
+    auto flags = detail::defaultRouteFlags(error);
+    switch (Reachability::connectionForFlags(flags, Reachability::isRunningOnDevice,
+                                             Reachability::kAllowsCellularByDefault)) {
         case Connection::unavailable:
             return rawValue(NetworkCapability::none);
         case Connection::wifi:
@@ -181,33 +175,58 @@ std::string DeviceStatusHelper::networkStatus() {
     }
 }
 
-std::string DeviceStatusHelper::totalDiskCapacity() {
+void DeviceStatusHelper::setVolumePath(std::filesystem::path path) {
+    std::lock_guard lock(volumeMutex_);
+    volumePath_ = std::move(path);
+    if (volumeFd_ >= 0) {
+        ::close(std::exchange(volumeFd_, -1));
+    }
+}
+
+std::optional<std::pair<unsigned long long, unsigned long long>>
+DeviceStatusHelper::volumeFigures() {
+    // Every event reads the figures: through a descriptor opened once they cost no path lookup.
+    // O_PATH needs no permission on the directory itself; anything that is not an openable
+    // directory is read by path as before, and tried again next time.
+    std::lock_guard lock(volumeMutex_);
+    if (volumeFd_ < 0) {
+        volumeFd_ = ::open(volumePath_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    }
     struct statvfs figures {};
-    if (::statvfs(volumePath_.get().c_str(), &figures) != 0) {
+    if (volumeFd_ >= 0 ? ::fstatvfs(volumeFd_, &figures) != 0
+                       : ::statvfs(volumePath_.c_str(), &figures) != 0) {
+        return std::nullopt;
+    }
+    return std::pair{static_cast<unsigned long long>(figures.f_bavail) * figures.f_frsize,
+                     static_cast<unsigned long long>(figures.f_blocks) * figures.f_frsize};
+}
+
+std::string DeviceStatusHelper::totalDiskCapacity() {
+    auto figures = volumeFigures();
+    if (!figures) {
         log("Total disk capacity is unavailable", logtag);
         return "-1";
     }
-    return std::to_string(static_cast<unsigned long long>(figures.f_blocks) * figures.f_frsize);
+    return std::to_string(figures->second);
 }
 
 std::string DeviceStatusHelper::availableDiskCapacity() {
-    struct statvfs figures {};
-    if (::statvfs(volumePath_.get().c_str(), &figures) != 0) {
+    auto figures = volumeFigures();
+    if (!figures) {
         log("Available disk capacity is unavailable", logtag);
         return "-1";
     }
-    return std::to_string(static_cast<unsigned long long>(figures.f_bavail) * figures.f_frsize);
+    return std::to_string(figures->first);
 }
 
 std::pair<std::string, std::string> DeviceStatusHelper::diskCapacities() {
-    struct statvfs figures {};
-    if (::statvfs(volumePath_.get().c_str(), &figures) != 0) {
+    auto figures = volumeFigures();
+    if (!figures) {
         log("Available disk capacity is unavailable", logtag);
         log("Total disk capacity is unavailable", logtag);
         return {"-1", "-1"};
     }
-    return {std::to_string(static_cast<unsigned long long>(figures.f_bavail) * figures.f_frsize),
-            std::to_string(static_cast<unsigned long long>(figures.f_blocks) * figures.f_frsize)};
+    return {std::to_string(figures->first), std::to_string(figures->second)};
 }
 
 }  // namespace tarn

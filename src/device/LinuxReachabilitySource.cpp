@@ -18,6 +18,8 @@
 #include <sstream>
 #include <thread>
 
+#include "device/DefaultRoute.h"
+#include "device/KernelAnnouncements.h"
 #include "tarn/device/Reachability.h"
 
 namespace tarn {
@@ -202,13 +204,13 @@ std::optional<ReachabilityFlags> readDefaultRouteFlags(std::int32_t& error) {
 ///
 /// Everything `readDefaultRouteFlags` depends on (the interfaces with their flags and addresses,
 /// and the IPv4 and IPv6 default routes; the kind of a device is fixed for its life) is announced
-/// by the kernel on the routing netlink groups below, and the kernel queues the announcement on
-/// every subscribed socket before the change it describes completes. So the reading kept from an
-/// earlier call is still what a fresh reading would give as long as the socket holds nothing new,
-/// and each call costs one non-blocking receive instead of an interface dump and two route
-/// tables. Any message, an overflow of the socket's queue (ENOBUFS) or a failed reading discards
-/// the kept one. Without a usable socket (netlink refused) every call reads afresh. A child
-/// process opens a socket of its own, so parent and child never take each other's messages.
+/// by the kernel on the routing channel's netlink groups, and the kernel queues the announcement
+/// on every subscribed socket before the change it describes completes. So the reading kept from
+/// an earlier call is still what a fresh reading would give as long as the channel has nothing
+/// new, and a call costs no interface dump and no route tables. Any message, an overflow of the
+/// socket's queue (ENOBUFS) or a failed reading discards the kept one. Without a usable socket
+/// (netlink refused) every call reads afresh. A child process opens a socket of its own, so parent
+/// and child never take each other's messages.
 class DefaultRouteReading {
   public:
     static DefaultRouteReading& shared() {
@@ -218,71 +220,22 @@ class DefaultRouteReading {
 
     std::optional<ReachabilityFlags> flags(std::int32_t& error) {
         std::lock_guard lock(mutex_);
-        if (socketPid_ != ::getpid()) {
-            openSocket();
-        }
-        if (socket_ < 0 || drainChanges()) {
+        if (channel_->check() != detail::AnnouncementChannel::Since::nothing) {
             kept_.reset();
         }
         if (kept_) {
             return kept_;
         }
         auto flags = readDefaultRouteFlags(error);
-        if (socket_ >= 0) {
+        if (channel_->watching()) {
             kept_ = flags;
         }
         return flags;
     }
 
   private:
-    void openSocket() {
-        if (socket_ >= 0) {
-            ::close(socket_);  // the parent's socket, inherited by this child
-        }
-        socketPid_ = ::getpid();
-        socket_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
-        if (socket_ < 0) {
-            return;
-        }
-        sockaddr_nl local{};
-        local.nl_family = AF_NETLINK;
-        local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR |
-                          RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
-        if (::bind(socket_, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
-            ::close(socket_);
-            socket_ = -1;
-        }
-    }
-
-    /// Empties the socket; true when anything had arrived or the socket failed.
-    bool drainChanges() {
-        bool changed = false;
-        char buffer[4096];
-        while (true) {
-            ssize_t received = ::recv(socket_, buffer, sizeof buffer, MSG_DONTWAIT);
-            if (received > 0) {
-                changed = true;
-                continue;
-            }
-            if (received < 0 && errno == EINTR) {
-                continue;
-            }
-            if (received < 0 && errno == ENOBUFS) {
-                changed = true;  // announcements were lost
-                continue;
-            }
-            if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-                return changed;
-            }
-            ::close(socket_);  // unusable from now on: read afresh every time
-            socket_ = -1;
-            return true;
-        }
-    }
-
     std::mutex mutex_;
-    int socket_ = -1;
-    pid_t socketPid_ = 0;
+    std::unique_ptr<detail::AnnouncementChannel> channel_ = detail::makeRoutingChannel();
     std::optional<ReachabilityFlags> kept_;
 };
 
@@ -294,7 +247,7 @@ class LinuxReachabilitySource final : public ReachabilityFlagsSource {
 
     std::optional<ReachabilityFlags> getFlags() override {
         std::int32_t error = 0;
-        auto flags = host_ ? hostFlags(error) : DefaultRouteReading::shared().flags(error);
+        auto flags = host_ ? hostFlags(error) : detail::defaultRouteFlags(error);
         if (!flags) {
             lastError_ = error;
         }
@@ -470,6 +423,10 @@ class LinuxReachabilitySource final : public ReachabilityFlagsSource {
 };
 
 }  // namespace
+
+std::optional<ReachabilityFlags> detail::defaultRouteFlags(std::int32_t& error) {
+    return DefaultRouteReading::shared().flags(error);
+}
 
 std::shared_ptr<ReachabilityFlagsSource> makeDefaultRouteReachabilitySource() {
     return std::make_shared<LinuxReachabilitySource>(std::nullopt);

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 
+#include "device/KernelAnnouncements.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Settings.h"
 #include "tarn/core/Tarn.h"
@@ -124,6 +125,8 @@ std::string shortestDecimalText(double value) {
 }
 
 BodySections BodySections::read(const EventRecord& record) {
+    // The device facts that the kernel announces are looked up once for the whole body.
+    detail::AnnouncementPass pass;
     auto& tarn = Tarn::shared();
     BodySections sections;
     sections.loggedIn = tarn.loggedIn.load();

@@ -1,3 +1,5 @@
+#include <sys/statvfs.h>
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -7,6 +9,7 @@
 #include "support/TestSupport.h"
 #include "tarn/device/DeviceInfo.h"
 #include "tarn/device/DeviceStatusHelper.h"
+#include "tarn/device/Reachability.h"
 
 using namespace tarn;
 namespace fs = std::filesystem;
@@ -55,9 +58,14 @@ TEST_F(DeviceStatusTest, LinuxProviderReportsTheMachineAndAnUnavailableVolume) {
     EXPECT_EQ(std::stoull(bothTotal), total);
     EXPECT_GT(std::stoull(bothAvailable), 0u);
     queue().runPending();
-    provider->networkStatus();
+    auto status = provider->networkStatus();
     EXPECT_EQ(queue().pendingCount(), 0u);
     EXPECT_TRUE(logs.lines().empty());
+    // The answer of a default-route monitor of its own.
+    auto monitored = Reachability::create()->connection();
+    EXPECT_EQ(status, monitored == Connection::unavailable ? "NONE"
+                      : monitored == Connection::wifi      ? "WIFI"
+                                                           : "CELLULAR");
 
     // The device identifier: stable upper-case text of a name-based (version 5) UUID, not the
     // machine identifier itself.
@@ -75,6 +83,21 @@ TEST_F(DeviceStatusTest, LinuxProviderReportsTheMachineAndAnUnavailableVolume) {
     ::setenv("TZ", "/usr/share/zoneinfo/Asia/Tokyo", 1);
     EXPECT_EQ(provider->timeZone(), "Asia/Tokyo");
     ::unsetenv("TZ");
+
+    // The figures follow the volume path as it is set: another file system (proc has no blocks),
+    // a plain file, and back to the root.
+    auto totalByPath = [](const fs::path& path) {
+        struct statvfs figures {};
+        EXPECT_EQ(::statvfs(path.c_str(), &figures), 0) << path;
+        return std::to_string(static_cast<unsigned long long>(figures.f_blocks) * figures.f_frsize);
+    };
+    std::ofstream(temp_->path() / "plain") << "not a folder\n";
+    for (const fs::path& path : {fs::path("/proc"), temp_->path() / "plain", fs::path("/")}) {
+        helper.setVolumePath(path);
+        EXPECT_EQ(helper.totalDiskCapacity(), totalByPath(path)) << path;
+        EXPECT_EQ(helper.diskCapacities().second, totalByPath(path)) << path;
+    }
+    EXPECT_EQ(helper.totalDiskCapacity(), std::to_string(total));
 
     helper.setVolumePath(temp_->path() / "no-such-volume");
     EXPECT_EQ(helper.totalDiskCapacity(), "-1");

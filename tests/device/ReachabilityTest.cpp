@@ -199,8 +199,8 @@ struct NamespaceChild {
 
 // Inside a fresh network namespace (only namespace-local addresses, no traffic leaves it), a
 // watching monitor announces each change of a veth pair's links and addresses, and one process
-// reading the status again and again sees every change: the reading it keeps between changes never
-// hides one.
+// reading the status again and again sees every change, as does one reading it for event bodies:
+// the reading kept between changes never hides one.
 TEST_F(ReachabilityTest, NamespaceChangesReachTheWatcherAndEveryReading) {
     std::string ns = "tarn-reach-" + std::to_string(::getpid());
     auto ip = [&](const std::string& commands) {  // ';' separates commands, run as one batch
@@ -215,7 +215,9 @@ TEST_F(ReachabilityTest, NamespaceChangesReachTheWatcherAndEveryReading) {
     ASSERT_EQ(ip("link set lo up"), 0);
 
     NamespaceChild reader(ns, "network_status_repeat");
+    NamespaceChild bodies(ns, "body_network_status_repeat");
     EXPECT_EQ(reader.ask(), "NONE");  // only loopback
+    EXPECT_EQ(bodies.ask(), "NONE");
     NamespaceChild watcher(ns, "reachability_watch");
     // The first reading is announced on the helper's main queue, before or after "started".
     ASSERT_TRUE(watcher.waitFor("started")) << watcher.seen;
@@ -225,29 +227,36 @@ TEST_F(ReachabilityTest, NamespaceChangesReachTheWatcherAndEveryReading) {
 
     ASSERT_EQ(ip("link add tarnv0 type veth peer name tarnv1"), 0);
     EXPECT_EQ(reader.ask(), "NONE");  // links down, no addresses
+    EXPECT_EQ(bodies.ask(), "NONE");
     ASSERT_EQ(ip("addr add 10.231.7.1/24 dev tarnv0;addr add 10.231.7.2/24 dev tarnv1;"
                  "link set tarnv1 up;link set tarnv0 up"),
               0);
     EXPECT_TRUE(watcher.waitFor("changed WiFi -R ------d")) << watcher.seen;
     EXPECT_EQ(reader.ask(), "WIFI");
     EXPECT_EQ(reader.ask(), "WIFI");
+    EXPECT_EQ(bodies.ask(), "WIFI");
 
     // Up and running, but no address and no default route.
     ASSERT_EQ(ip("addr flush dev tarnv0;addr flush dev tarnv1"), 0);
     EXPECT_EQ(reader.ask(), "NONE");
+    EXPECT_EQ(bodies.ask(), "NONE");
     EXPECT_TRUE(watcher.waitFor("changed No Connection")) << watcher.seen;
     ASSERT_EQ(ip("addr add 10.231.7.1/24 dev tarnv0;addr add 10.231.7.2/24 dev tarnv1"), 0);
     EXPECT_EQ(reader.ask(), "WIFI");
+    EXPECT_EQ(bodies.ask(), "WIFI");
     EXPECT_TRUE(watcher.waitFor("changed WiFi")) << watcher.seen;
 
     ASSERT_EQ(ip("link set tarnv0 down;link set tarnv1 down"), 0);
     EXPECT_EQ(reader.ask(), "NONE");
+    EXPECT_EQ(bodies.ask(), "NONE");
     EXPECT_TRUE(watcher.waitFor("changed No Connection")) << watcher.seen;
     ASSERT_EQ(ip("link set tarnv0 up;link set tarnv1 up"), 0);
     EXPECT_TRUE(watcher.waitFor("changed WiFi")) << watcher.seen;
     EXPECT_EQ(reader.ask(), "WIFI");
+    EXPECT_EQ(bodies.ask(), "WIFI");
 
     EXPECT_EQ(reader.finish(), 0);
+    EXPECT_EQ(bodies.finish(), 0);
     EXPECT_EQ(watcher.finish(), 0);
     EXPECT_TRUE(watcher.waitFor("stopped")) << watcher.seen;
 }

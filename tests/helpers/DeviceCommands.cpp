@@ -8,6 +8,7 @@
 #include "tarn/device/DeviceModel.h"
 #include "tarn/device/DeviceStatusHelper.h"
 #include "tarn/device/Reachability.h"
+#include "tarn/events/EventRecords.h"
 #include "tarn/platform/MainQueue.h"
 
 using tarn::test::say;
@@ -24,6 +25,15 @@ TARN_HELPER_COMMAND(device_model, 0) {
 TARN_HELPER_COMMAND(network_status_repeat, 0) {
     for (char line[256]; std::fgets(line, sizeof line, stdin);)
         say(tarn::DeviceStatusHelper::shared().networkStatus());
+    return 0;
+}
+
+// body_network_status_repeat: the same, each status read as an event's body reads it.
+TARN_HELPER_COMMAND(body_network_status_repeat, 0) {
+    tarn::CustomEvent record;
+    record.name = "probe";
+    for (char line[256]; std::fgets(line, sizeof line, stdin);)
+        say(tarn::BodySections::read(record).networkStatus.value_or("(none)"));
     return 0;
 }
 

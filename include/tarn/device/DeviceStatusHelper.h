@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,8 +26,9 @@ class AnnouncedValue;
 
 /// The device facts. The battery level under the real /sys is kept until the kernel announces a
 /// power-supply change (a uevent), so it is never older than the last announcement; the network
-/// status comes from the route monitor; the disk figures, which the kernel does not announce, are
-/// read on every call. Every call may come from any thread; messages are logged under `logtag`.
+/// status comes from the default route's reading, kept likewise; the disk figures, which the kernel
+/// does not announce, are read on every call. Every call may come from any thread; messages are
+/// logged under `logtag`.
 class DeviceStatusHelper {
   public:
     static DeviceStatusHelper& shared();
@@ -42,9 +44,9 @@ class DeviceStatusHelper {
     /// such battery means the level is unknown: "-100". Under "/sys" the reading is kept until
     /// the kernel announces a power-supply change; under any other root it is fresh.
     std::string batteryLevel();
-    /// "WIFI", "CELLULAR" or "NONE", from a reachability monitor for the default route made for
-    /// this call and read once, on the calling thread, without starting it. The reading posts no
-    /// "reachabilityChanged".
+    /// "WIFI", "CELLULAR" or "NONE": what a new reachability monitor for the default route would
+    /// read (its `connection()`), from the process's kept default-route reading, on the calling
+    /// thread. No monitor is made, so the reading posts no "reachabilityChanged".
     std::string networkStatus();
     /// Total bytes of the volume holding the volume path ("/"), or "-1" with the log line "Total
     /// disk capacity is unavailable".
@@ -59,8 +61,10 @@ class DeviceStatusHelper {
     /// The sysfs root read for the battery ("/sys"). Tests and hosts with an unusual layout change
     /// it; any thread.
     void setSysfsRoot(std::filesystem::path root) { sysfsRoot_ = std::move(root); }
-    /// The path whose volume the disk figures describe ("/").
-    void setVolumePath(std::filesystem::path path) { volumePath_ = std::move(path); }
+    /// The path whose volume the disk figures describe ("/"). The figures are read through a
+    /// descriptor of that directory opened at the first reading and kept until the path is set
+    /// again (a path that is not a directory, or cannot be opened, is looked up on every reading).
+    void setVolumePath(std::filesystem::path path);
 
     /// The text of a charge level from 0.0 to 1.0, or -1.0 when unknown: the level times 100 as a
     /// float, truncated toward zero. A non-finite or out-of-range product ends the process.
@@ -70,7 +74,12 @@ class DeviceStatusHelper {
 
   private:
     Locked<std::filesystem::path> sysfsRoot_{std::filesystem::path("/sys")};
-    Locked<std::filesystem::path> volumePath_{std::filesystem::path("/")};
+    /// Free bytes available to the process and total bytes of the volume; none on failure.
+    std::optional<std::pair<unsigned long long, unsigned long long>> volumeFigures();
+
+    std::mutex volumeMutex_;
+    std::filesystem::path volumePath_{"/"};  // volumeMutex_
+    int volumeFd_ = -1;                      // volumeMutex_; -1 until opened
     std::unique_ptr<detail::AnnouncedValue> powerSupplies_;
 };
 

@@ -157,13 +157,15 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
     Callback whenUnreachable;
     /// Kept for older callers; has no effect (`allowsCellularConnection` decides).
     std::atomic<bool> reachableOnWWAN{true};
+    /// `allowsCellularConnection` of a new monitor.
+    static constexpr bool kAllowsCellularByDefault = true;
     /// When false, a connection over the cellular (WWAN) interface reads as `unavailable`.
-    std::atomic<bool> allowsCellularConnection{true};
+    std::atomic<bool> allowsCellularConnection{kAllowsCellularByDefault};
     /// Where "reachabilityChanged" is posted; set before `startNotifier`.
     NotificationCenter* notificationCenter = &NotificationCenter::defaultCenter();
     /// True on Linux: the device rule of `connection()` applies, not the simulator's "reachable is
     /// always WiFi", since the interfaces read are the machine's own.
-    const bool isRunningOnDevice = true;
+    static constexpr bool isRunningOnDevice = true;
     /// The flags source.
     const std::shared_ptr<ReachabilityFlagsSource> reachabilityRef;
     /// The serial queue on which flags are read and written.

@@ -34,7 +34,10 @@ struct ReportedCommunication {
 struct EventRecord;
 
 /// The values of a body's shared sections, read once for one body: what the device, the facade
-/// and the notification settings report at that moment, with a fresh request identifier.
+/// and the notification settings report at that moment, with a fresh request identifier. The
+/// device facts that are kept until the system announces a change (battery, network status, time
+/// zone) are those of the moment the body's reading starts: announcements made while it reads
+/// are seen by the next body.
 struct BodySections {
     bool loggedIn = false;
     std::string requestId;
