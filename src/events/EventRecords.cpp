@@ -44,20 +44,21 @@ struct Member {
     const nlohmann::json* value = nullptr;
     std::string_view string;
     std::int64_t number = 0;
+    std::uint32_t position = 0;
 
     static Member json(std::string_view key, const nlohmann::json& value) {
-        return {key, Kind::json, &value, {}, 0};
+        return {key, Kind::json, &value, {}, 0, 0};
     }
     static Member text(std::string_view key, std::string_view value) {
-        return {key, Kind::text, nullptr, value, 0};
+        return {key, Kind::text, nullptr, value, 0, 0};
     }
     static Member boolean(std::string_view key, bool value) {
-        return {key, Kind::boolean, nullptr, {}, value ? 1 : 0};
+        return {key, Kind::boolean, nullptr, {}, value ? 1 : 0, 0};
     }
     static Member integer(std::string_view key, std::int64_t value) {
-        return {key, Kind::integer, nullptr, {}, value};
+        return {key, Kind::integer, nullptr, {}, value, 0};
     }
-    static Member erased(std::string_view key) { return {key, Kind::erased, nullptr, {}, 0}; }
+    static Member erased(std::string_view key) { return {key, Kind::erased, nullptr, {}, 0, 0}; }
 };
 
 /// Appends `text` as a JSON string exactly as the JSON library prints it. Plain printable ASCII
@@ -286,8 +287,14 @@ std::string EventRecord::serializedBody(const BodySections& sections) const {
     if (!sections.apnsToken.empty()) {
         members.push_back(Member::text("apnsToken", sections.apnsToken));
     }
-    std::stable_sort(members.begin(), members.end(),
-                     [](const Member& a, const Member& b) { return a.key < b.key; });
+    // Stable by key without the merge buffer that std::stable_sort allocates: ties are broken by
+    // the position each member was added at.
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        members[i].position = static_cast<std::uint32_t>(i);
+    }
+    std::sort(members.begin(), members.end(), [](const Member& a, const Member& b) {
+        return a.key != b.key ? a.key < b.key : a.position < b.position;
+    });
 
     // The top-level keys in byte order: actorId, channel, isActive, journeys, name, parameters,
     // requestId, sync.
