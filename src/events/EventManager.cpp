@@ -77,20 +77,19 @@ void EventManager::send(EventRecord& record) {
         ConversionManager::shared().armConversion(reported->code, reported->conversionEvent,
                                                   record.name);
     }
-    // 1. Does this event complete an armed conversion?
-    if (auto code = ConversionManager::shared().checkConversion(record.name)) {
-        record.communucationCode = code;
-    }
-    // 2. Serialise and store. The body is written in one pass; the store needs only the name
-    // from the dictionary for its notice (the body's "name" is the record's).
-    std::string text;
-    try {
-        text = record.serializedBody();
-    } catch (const std::exception&) {
-        return;  // not serialisable: dropped without a message
-    }
-    CoreDataManager::shared().saveEventToQueue(text, Date::now(),
-                                               nlohmann::json{{"name", record.name}});
+    // 1. Does this event complete an armed conversion? 2. Serialise and store. The look-up, the
+    // marker's consumption and the insert share one transaction; the body is written in one pass.
+    const auto ownCode = record.communucationCode;
+    CoreDataManager::shared().saveEventCompletingConversion(
+        record.name, Tarn::shared().actorId.get(),
+        [&](const std::optional<std::string>& code) -> std::optional<std::string> {
+            record.communucationCode = code ? code : ownCode;
+            try {
+                return record.serializedBody();
+            } catch (const std::exception&) {
+                return std::nullopt;  // not serialisable: dropped without a message
+            }
+        });
     // 3. Make sure the queue drains.
     auto& queue = EventQueueManager::shared();
     if (!queue.isTimerActive.load()) {

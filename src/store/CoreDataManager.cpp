@@ -191,6 +191,10 @@ constexpr int kCheckpointPages = 1000;
 /// commits, or a checkpoint thread that is not scheduled in time, cannot grow it further (some
 /// 16 MB of log).
 constexpr int kLogPagesCap = 4 * kCheckpointPages;
+/// A log this long stops a pass of the checkpoint thread that still holds the checkpoint, so that
+/// the committing caller gets it (some 24 MB of log). Below this, a caller that finds the thread
+/// at work leaves the copy to it and goes on: taking it over costs that caller the whole copy.
+constexpr int kLogPagesHardCap = kLogPagesCap + kLogPagesCap / 2;
 
 /// The key of a marker in the in-memory mirror: actor and name, unambiguous for any bytes.
 std::string markerKey(const std::string& actorId, const std::string& name) {
@@ -209,8 +213,9 @@ std::string markerKey(const std::string& actorId, const std::string& name) {
 /// any pause in the events that is the case. Under an unbroken stream of commits each pass leaves
 /// behind what was committed while it ran, so the thread comes back after every further quarter
 /// of the threshold. The bound on the log's length is kept by the commit hook (`kLogPagesCap`);
-/// once the log has reached it the thread starts no pass of its own, so that its passes, slow
-/// when the disk is busy, cannot keep taking the checkpoint away from the committing caller.
+/// once the log has reached it the thread starts no pass of its own, and once it reaches
+/// `kLogPagesHardCap` a pass still running is ended (`takeOver`), so that its passes, slow when
+/// the disk is busy, cannot keep taking the checkpoint away from the committing caller.
 class Checkpointer {
   public:
     ~Checkpointer() {
@@ -250,6 +255,19 @@ class Checkpointer {
         wake_.notify_one();
     }
 
+    /// Ends a pass of the thread that is running (SQLite stops copying at the next page) and
+    /// waits until it has, so that the committing caller, whose log has reached the cap, gets the
+    /// checkpoint at once instead of after a pass that a busy disk can make last seconds. An
+    /// interrupt that reaches the pass before SQLite has begun it is cleared by SQLite, so it is
+    /// sent again every millisecond until the pass is over.
+    void takeOver() {
+        std::unique_lock lock(mutex_);
+        while (passDb_) {
+            sqlite3_interrupt(passDb_);
+            passEnded_.wait_for(lock, std::chrono::milliseconds(1));
+        }
+    }
+
   private:
     void run() {
         sqlite3* db = nullptr;
@@ -272,7 +290,14 @@ class Checkpointer {
                 db = nullptr;
             }
             if (db) {
+                lock.lock();
+                passDb_ = db;
+                lock.unlock();
                 checkpoint(db);
+                lock.lock();
+                passDb_ = nullptr;
+                lock.unlock();
+                passEnded_.notify_all();
             }
             lock.lock();
         }
@@ -304,6 +329,9 @@ class Checkpointer {
     std::atomic<int> nextRequest_{kCheckpointPages};
     std::mutex mutex_;
     std::condition_variable wake_;
+    std::condition_variable passEnded_;
+    /// The thread's connection while it runs a pass (guarded by `mutex_`).
+    sqlite3* passDb_ = nullptr;
     std::filesystem::path path_;
     bool requested_ = false;
     bool stop_ = false;
@@ -349,6 +377,8 @@ class CoreDataManager::Store {
     sqlite3_stmt* selectExpired = nullptr;
     sqlite3_stmt* selectMarkerKeys = nullptr;
     sqlite3_stmt* dataVersion = nullptr;
+    sqlite3_stmt* beginImmediate = nullptr;
+    sqlite3_stmt* commit = nullptr;
 
     /// How many markers the file holds for each actor and name (`markerKey`), so that the look-up
     /// made for every event asks the file only when a marker may match. Loaded on first use and
@@ -382,6 +412,21 @@ class CoreDataManager::Store {
     /// nothing pending runs in SQLite's implicit transaction; otherwise BEGIN IMMEDIATE ... COMMIT,
     /// rolled back on any failure (the pending ids then stay pending).
     Error write(bool singleStatement, const std::function<Error()>& steps);
+
+    /// What `saveInOneTransaction` did; nothing when it stored nothing and left the file as it was.
+    struct CombinedSave {
+        bool conversionFound = false;
+        bool eventSaved = false;
+    };
+    /// The look-up, consumption and insert of `saveEventCompletingConversion` as one write
+    /// transaction. Any failure rolls all of it back and answers nothing. Caller holds `mutex`.
+    std::optional<CombinedSave> saveInOneTransaction(
+        const std::string& eventName, const std::string& actorId,
+        const std::function<std::optional<std::string>(const std::optional<std::string>&)>& build);
+    /// Finds the newest live marker of `actorId` for `eventName` (time after `cutoff`) that is
+    /// not pending deletion. False when the file could not be read.
+    bool selectMarker(const std::string& actorId, const std::string& eventName, Date cutoff,
+                      std::optional<std::int64_t>& id, std::optional<ConversionItem>& found);
 
     /// False only when the file certainly holds no marker of `actorId` for `name`.
     bool mayHoldMarker(const std::string& actorId, const std::string& name);
@@ -488,6 +533,8 @@ Error CoreDataManager::Store::open(const std::filesystem::path& path) {
          "WHERE actorId IS NOT NULL AND convertionName IS NOT NULL",
          &selectMarkerKeys},
         {"PRAGMA data_version", &dataVersion},
+        {"BEGIN IMMEDIATE", &beginImmediate},
+        {"COMMIT", &commit},
     };
     for (const auto& [sql, stmt] : statements) {
         if (auto error = prepare(sql, stmt)) {
@@ -616,7 +663,7 @@ Error CoreDataManager::Store::write(bool singleStatement, const std::function<Er
     if (singleStatement && !flush) {
         return steps();
     }
-    if (auto error = exec("BEGIN IMMEDIATE")) {
+    if (auto error = runToDone(beginImmediate)) {
         return error;
     }
     Error error = steps();
@@ -624,7 +671,7 @@ Error CoreDataManager::Store::write(bool singleStatement, const std::function<Er
         error = flushPending();
     }
     if (!error) {
-        error = exec("COMMIT");
+        error = runToDone(commit);
     }
     if (error) {
         if (!sqlite3_get_autocommit(db)) {
@@ -645,7 +692,11 @@ int CoreDataManager::Store::onWalCommit(void* context, sqlite3* db, const char* 
     if (pages >= kLogPagesCap) {
         // The checkpoint thread has not caught up (an unbroken stream of commits, or it was not
         // scheduled): this commit's caller copies the log back itself, once, so the log's length
-        // stays bounded whatever the scheduler does.
+        // stays bounded whatever the scheduler does. A pass of the thread still running keeps
+        // the checkpoint from it; once the log reaches the hard cap that pass is ended first.
+        if (pages >= kLogPagesHardCap) {
+            store->checkpointer->takeOver();
+        }
         sqlite3_wal_checkpoint_v2(db, schema, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
     }
     return SQLITE_OK;
@@ -708,9 +759,9 @@ void CoreDataManager::Store::markerConsumed(const std::string& actorId, const st
 }
 
 void CoreDataManager::Store::close() {
-    for (auto** stmt :
-         {&insertEvent, &selectOldest, &deleteEvent, &insertConversion, &selectConversion,
-          &deleteConversion, &selectExpired, &selectMarkerKeys, &dataVersion}) {
+    for (auto** stmt : {&insertEvent, &selectOldest, &deleteEvent, &insertConversion,
+                        &selectConversion, &deleteConversion, &selectExpired, &selectMarkerKeys,
+                        &dataVersion, &beginImmediate, &commit}) {
         sqlite3_finalize(*stmt);
         *stmt = nullptr;
     }
@@ -851,13 +902,59 @@ void CoreDataManager::saveConversion(const ConversionItem& item, const std::stri
     }
 }
 
+namespace {
+
+/// The line `findConversion` logs for its outcome.
+void logConversionOutcome(const std::string& eventName, bool failed, bool found) {
+    if (failed) {
+        log(eventName + " is not a conversion event. " +
+                "Fetch Error: An error occurred while fetching the conversion event!",
+            ConversionManager::kLogTag);
+    } else if (!found) {
+        log(eventName + " is not a conversion event. " +
+                "Not Found: Requestted item was not found in conversion database!",
+            ConversionManager::kLogTag);
+    } else {
+        log(eventName + " is a conversion event", ConversionManager::kLogTag);
+    }
+}
+
+Date conversionCutoff() {
+    return Date::now().addingTimeInterval(processSettings().conversionOffset.load());
+}
+
+}  // namespace
+
+bool CoreDataManager::Store::selectMarker(const std::string& actorId, const std::string& eventName,
+                                          Date cutoff, std::optional<std::int64_t>& id,
+                                          std::optional<ConversionItem>& found) {
+    if (!mayHoldMarker(actorId, eventName)) {
+        return true;
+    }
+    StatementUse use{selectConversion};
+    bindText(selectConversion, 1, actorId);
+    bindText(selectConversion, 2, eventName);
+    sqlite3_bind_double(selectConversion, 3, cutoff.secondsSince1970);
+    sqlite3_bind_int64(selectConversion, 4,
+                       static_cast<sqlite3_int64>(pendingConversionDeletes.size() + 1));
+    int rc;
+    while ((rc = sqlite3_step(selectConversion)) == SQLITE_ROW) {
+        auto rowId = sqlite3_column_int64(selectConversion, 0);
+        if (pendingConversionDeletes.count(rowId)) {
+            continue;
+        }
+        id = rowId;
+        found = ConversionItem{columnText(selectConversion, 1), columnText(selectConversion, 2),
+                               columnDate(selectConversion, 3)};
+        break;
+    }
+    return rc == SQLITE_ROW || rc == SQLITE_DONE;
+}
+
 void CoreDataManager::findConversion(
     const std::string& eventName, const std::string& actorId,
     const std::function<void(std::optional<ConversionItem>)>& completion) {
-    const std::string fetchError =
-        eventName + " is not a conversion event. " +
-        "Fetch Error: An error occurred while fetching the conversion event!";
-    Date cutoff = Date::now().addingTimeInterval(processSettings().conversionOffset.load());
+    Date cutoff = conversionCutoff();
     std::optional<ConversionItem> found;
     bool failed = false;
     {
@@ -866,26 +963,8 @@ void CoreDataManager::findConversion(
         std::optional<std::int64_t> id;
         if (!s.ensureOpen(logtag)) {
             failed = true;
-        } else if (s.mayHoldMarker(actorId, eventName)) {
-            StatementUse use{s.selectConversion};
-            bindText(s.selectConversion, 1, actorId);
-            bindText(s.selectConversion, 2, eventName);
-            sqlite3_bind_double(s.selectConversion, 3, cutoff.secondsSince1970);
-            sqlite3_bind_int64(s.selectConversion, 4,
-                               static_cast<sqlite3_int64>(s.pendingConversionDeletes.size() + 1));
-            int rc;
-            while ((rc = sqlite3_step(s.selectConversion)) == SQLITE_ROW) {
-                auto rowId = sqlite3_column_int64(s.selectConversion, 0);
-                if (s.pendingConversionDeletes.count(rowId)) {
-                    continue;
-                }
-                id = rowId;
-                found = ConversionItem{columnText(s.selectConversion, 1),
-                                       columnText(s.selectConversion, 2),
-                                       columnDate(s.selectConversion, 3)};
-                break;
-            }
-            failed = rc != SQLITE_ROW && rc != SQLITE_DONE;
+        } else {
+            failed = !s.selectMarker(actorId, eventName, cutoff, id, found);
         }
         if (id) {
             // One marker is consumed by one matching event.
@@ -902,16 +981,77 @@ void CoreDataManager::findConversion(
             }
         }
     }
-    if (failed) {
-        log(fetchError, ConversionManager::kLogTag);
-    } else if (!found) {
-        log(eventName + " is not a conversion event. " +
-                "Not Found: Requestted item was not found in conversion database!",
-            ConversionManager::kLogTag);
-    } else {
-        log(eventName + " is a conversion event", ConversionManager::kLogTag);
-    }
+    logConversionOutcome(eventName, failed, found.has_value());
     completion(std::move(found));
+}
+
+std::optional<CoreDataManager::Store::CombinedSave> CoreDataManager::Store::saveInOneTransaction(
+    const std::string& eventName, const std::string& actorId,
+    const std::function<std::optional<std::string>(const std::optional<std::string>&)>& build) {
+    if (!sqlite3_get_autocommit(db)) {
+        return std::nullopt;  // inside a transaction of a caller further up
+    }
+    CombinedSave outcome;
+    std::optional<std::int64_t> markerId;
+    auto error = write(false, [&]() -> Error {
+        std::optional<ConversionItem> marker;
+        if (!selectMarker(actorId, eventName, conversionCutoff(), markerId, marker)) {
+            return errorMessage();
+        }
+        if (markerId) {
+            sqlite3_bind_int64(deleteConversion, 1, *markerId);
+            if (auto failed = runToDone(deleteConversion)) {
+                return failed;
+            }
+        }
+        outcome.conversionFound = marker.has_value();
+        auto text = build(marker ? marker->communicationCode : std::nullopt);
+        if (!text) {
+            return std::nullopt;
+        }
+        sqlite3_bind_text(insertEvent, 1, text->data(), static_cast<int>(text->size()),
+                          SQLITE_STATIC);
+        sqlite3_bind_double(insertEvent, 2, Date::now().secondsSince1970);
+        outcome.eventSaved = true;
+        return runToDone(insertEvent);
+    });
+    if (error) {
+        return std::nullopt;  // rolled back whole
+    }
+    if (markerId) {
+        markerConsumed(actorId, eventName);
+    }
+    return outcome;
+}
+
+void CoreDataManager::saveEventCompletingConversion(
+    const std::string& eventName, const std::string& actorId,
+    const std::function<std::optional<std::string>(const std::optional<std::string>&)>& build) {
+    std::optional<Store::CombinedSave> done;
+    {
+        std::lock_guard lock(store_->mutex);
+        if (store_->ensureOpen(logtag)) {
+            done = store_->saveInOneTransaction(eventName, actorId, build);
+        }
+    }
+    if (done) {
+        logConversionOutcome(eventName, false, done->conversionFound);
+        if (done->eventSaved) {
+            log(eventName + " has been saved to the queue.", kQueueLogTag);
+        }
+        return;
+    }
+    // No store, the write lock held elsewhere or a failed statement: the two steps one by one,
+    // with their own failures and messages.
+    std::optional<std::string> code;
+    findConversion(eventName, actorId, [&](std::optional<ConversionItem> marker) {
+        if (marker) {
+            code = marker->communicationCode;
+        }
+    });
+    if (auto text = build(code)) {
+        saveEventToQueue(*text, Date::now(), nlohmann::json{{"name", eventName}});
+    }
 }
 
 void CoreDataManager::deleteExpiredConversions() {

@@ -130,6 +130,62 @@ TEST_F(EventQueueStoreTest, FailedCommitsUnderAForeignLockHandNothingTwiceAndCat
     EXPECT_EQ(pop(), Popped{event("after")});
 }
 
+// An event that completes a marker: the look-up, the consumption and the insert as one write, a
+// marker armed by another connection found by it, and the step-by-step road taken whole when the
+// write lock is held elsewhere.
+TEST_F(EventQueueStoreTest, CombinedSaveConsumesMarkersAndFallsBackWholeUnderAForeignLock) {
+    LogCapture logs;
+    auto& store = CoreDataManager::shared();
+    std::vector<std::optional<std::string>> codes;
+    auto saveEvent = [&](const std::string& name, bool writable = true) {
+        store.saveEventCompletingConversion(
+            name, "alice",
+            [&](const std::optional<std::string>& code) -> std::optional<std::string> {
+                codes.push_back(code);
+                return writable ? std::optional(event(name, code ? 1 : 0)) : std::nullopt;
+            });
+    };
+    RawDatabase other(CoreDataManager::databasePath());
+    Tarn::shared().actorId = "alice";
+    ConversionManager::shared().armConversion("msg-1", "purchase", "inapp_open");
+    saveEvent("purchase");
+    saveEvent("purchase");
+    // Another process arms a marker: the next event finds it (its own transaction sees that
+    // commit); an event whose body cannot be written still consumes it.
+    ASSERT_EQ(other.exec("INSERT INTO ConversionEntity (actorId, communicationCode, "
+                         "convertionName, time) VALUES ('alice', 'msg-2', 'purchase', 1e12)"),
+              "");
+    saveEvent("purchase", false);
+    EXPECT_EQ(codes, (std::vector<std::optional<std::string>>{"msg-1", std::nullopt, "msg-2"}));
+    EXPECT_EQ(logs.lines(),
+              (Rows{"Tarn-ConversionManager: Conversion event saved with name: purchase;",
+                    "Tarn-ConversionManager: purchase is a conversion event;",
+                    "Tarn-QueueManager: purchase has been saved to the queue.;",
+                    "Tarn-ConversionManager: purchase is not a conversion event. Not Found: "
+                    "Requestted item was not found in conversion database!;",
+                    "Tarn-QueueManager: purchase has been saved to the queue.;",
+                    "Tarn-ConversionManager: purchase is a conversion event;"}));
+    EXPECT_EQ(other.integer("SELECT count(*) FROM ConversionEntity"), 0);
+    EXPECT_EQ(pop(2), (Popped{event("purchase", 1), event("purchase", 0)}));
+
+    // Under a foreign write lock nothing of the combined write remains: the steps run one by one,
+    // the marker's consumption fails as a fetch error and the event is lost, as on their own.
+    ConversionManager::shared().armConversion("msg-3", "purchase", "inapp_open");
+    store.setBusyTimeout(std::chrono::milliseconds(20));
+    ASSERT_EQ(other.exec("BEGIN IMMEDIATE"), "");
+    codes.clear();
+    auto before = logs.lines().size();
+    saveEvent("purchase");
+    EXPECT_EQ(codes, (std::vector<std::optional<std::string>>{std::nullopt}));
+    EXPECT_EQ(logs.lines().size(), before + 1);
+    EXPECT_TRUE(logs.contains(kFetchError));
+    ASSERT_EQ(other.exec("ROLLBACK"), "");
+    saveEvent("purchase");
+    EXPECT_EQ(codes, (std::vector<std::optional<std::string>>{std::nullopt, std::nullopt}));
+    EXPECT_EQ(other.integer("SELECT count(*) FROM ConversionEntity"), 0);
+    EXPECT_EQ(pop(2), (Popped{event("purchase", 0), std::nullopt}));
+}
+
 // A store that cannot be opened, yet whose file must not be replaced: the library runs on without
 // it, logs the failure once, every operation fails on its own, and the file stays as it was.
 TEST_F(EventQueueStoreTest, UnusableStoreLogsOnceAndEveryOperationFailsOnItsOwn) {

@@ -23,8 +23,9 @@
 // between events allows. Should the log still reach 4000 pages (some 16 MB: an unbroken stream
 // of commits, or a checkpoint thread that was not scheduled in time), the commit that finds it so
 // long copies it back itself, so the log stays bounded whatever the scheduler does; that caller
-// waits for the copy, and the thread starts no pass of its own until the log has started over. A
-// log left behind by a process that ended is replayed by the next open.
+// waits for the copy (at 6000 pages a pass of the thread still running is stopped first, so that
+// the copy cannot be held off by it), and the thread starts no pass of its own until the log has
+// started over. A log left behind by a process that ended is replayed by the next open.
 //
 // Conversion look-ups. Every event asks for a matching marker; the store keeps a count of its
 // markers by actor and name in memory and reads the file only when one may match. The file stays
@@ -126,6 +127,21 @@ class CoreDataManager {
     /// store's lock is released.
     void findConversion(const std::string& eventName, const std::string& actorId,
                         const std::function<void(std::optional<ConversionItem>)>& completion);
+
+    /// Stores one event that may complete a conversion marker: what `findConversion` for
+    /// `eventName` and `actorId` followed by `saveEventToQueue` do, with the same log lines in the
+    /// same order, in one write transaction, so that an event costs one lock round on the file
+    /// instead of two. `build` receives the code of the marker the event consumes (nothing when
+    /// none matches) and returns the body text, or nothing to store no event (the marker stays
+    /// consumed). `build` runs on the calling thread while the store is locked and must not wait
+    /// for another thread's use of the store. The event's timestamp is taken after `build`.
+    /// When the combined transaction cannot be used (no store, the write lock held by another
+    /// connection beyond the busy time-out, a failed statement) it is rolled back whole, nothing
+    /// is logged for it, and the two steps run one after the other as on their own (`build` is
+    /// then called a second time).
+    void saveEventCompletingConversion(
+        const std::string& eventName, const std::string& actorId,
+        const std::function<std::optional<std::string>(const std::optional<std::string>&)>& build);
 
     /// Deletes every marker whose time is at or before now minus one day (a fixed period, not the
     /// conversion period). When the deletes cannot be committed, "Delete error: " and the reason
