@@ -7,10 +7,85 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <string_view>
 
+#include "core/LogLineBatch.h"
 #include "tarn/platform/NotificationCenter.h"
 
 namespace tarn {
+
+namespace {
+
+/// The lines held back by the open batches of this thread.
+struct HeldLines {
+    int depth = 0;
+    std::string text;
+};
+
+thread_local HeldLines held;
+
+/// Writes `text` and, with `newline`, a line end after it, to standard output under the stream's
+/// lock, so lines from different threads neither interleave nor overtake each other. When text of
+/// the host's is waiting in the stream's buffer, the lines follow it through the stream; otherwise
+/// they go straight to the descriptor in one call, without the stream's copy and flush.
+void writeLines(std::string_view text, bool newline) {
+    flockfile(stdout);
+    if (__fpending(stdout) > 0) {
+        std::fwrite(text.data(), 1, text.size(), stdout);
+        if (newline) {
+            std::fputc('\n', stdout);
+        }
+        std::fflush(stdout);
+    } else {
+        char lineEnd = '\n';
+        iovec parts[2] = {{const_cast<char*>(text.data()), text.size()}, {&lineEnd, 1}};
+        iovec* next = parts;
+        int count = newline ? 2 : 1;
+        while (count > 0) {
+            ssize_t written = ::writev(STDOUT_FILENO, next, count);
+            if (written < 0) {
+                if (errno == EINTR) {
+                    continue;
+                }
+                break;  // nowhere to write to: the lines are lost, as with a failed flush
+            }
+            auto left = static_cast<std::size_t>(written);
+            while (count > 0 && left >= next->iov_len) {
+                left -= next->iov_len;
+                ++next;
+                --count;
+            }
+            if (count > 0) {
+                next->iov_base = static_cast<char*>(next->iov_base) + left;
+                next->iov_len -= left;
+            }
+        }
+    }
+    funlockfile(stdout);
+}
+
+/// Held text beyond this is not kept between batches (a thread's buffer stays small).
+constexpr std::size_t kKeptHeldCapacity = 16 * 1024;
+
+}  // namespace
+
+namespace detail {
+
+LogLineBatch::LogLineBatch() {
+    ++held.depth;
+}
+
+LogLineBatch::~LogLineBatch() {
+    if (--held.depth == 0 && !held.text.empty()) {
+        writeLines(held.text, false);
+        held.text.clear();
+        if (held.text.capacity() > kKeptHeldCapacity) {
+            held.text.shrink_to_fit();
+        }
+    }
+}
+
+}  // namespace detail
 
 std::string TarnLog::getFullMessage() const {
     return (sector ? *sector : std::string("Tarn")) + " " + logMessage + ";";
@@ -26,41 +101,12 @@ std::string TarnLog::getFullMessageWithDate() const {
 }
 
 void printLine(const std::string& line) {
-    // One write per line, under the stream's lock, so lines from different threads neither
-    // interleave nor overtake each other. When text of the host's is waiting in the stream's
-    // buffer, the line follows it through the stream; otherwise it goes straight to the
-    // descriptor in one call, without the stream's copy and flush.
-    flockfile(stdout);
-    if (__fpending(stdout) > 0) {
-        std::fwrite(line.data(), 1, line.size(), stdout);
-        std::fputc('\n', stdout);
-        std::fflush(stdout);
-    } else {
-        char newline = '\n';
-        iovec parts[2] = {{const_cast<char*>(line.data()), line.size()}, {&newline, 1}};
-        iovec* next = parts;
-        int count = 2;
-        while (count > 0) {
-            ssize_t written = ::writev(STDOUT_FILENO, next, count);
-            if (written < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                break;  // nowhere to write to: the line is lost, as with a failed flush
-            }
-            auto left = static_cast<std::size_t>(written);
-            while (count > 0 && left >= next->iov_len) {
-                left -= next->iov_len;
-                ++next;
-                --count;
-            }
-            if (count > 0) {
-                next->iov_base = static_cast<char*>(next->iov_base) + left;
-                next->iov_len -= left;
-            }
-        }
+    if (held.depth > 0) {
+        held.text += line;
+        held.text += '\n';
+        return;
     }
-    funlockfile(stdout);
+    writeLines(line, true);
 }
 
 void log(const std::string& message, const std::optional<std::string>& tag) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <typeinfo>
 
+#include "core/LogLineBatch.h"
 #include "tarn/config/ConfigManager.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Log.h"
@@ -67,6 +68,7 @@ Record EventManager::makeRecord(const std::string& name) {
 }
 
 void EventManager::send(EventRecord& record) {
+    detail::LogLineBatch lines;  // the event's lines in one write
     if (eventsBlocked()) {
         log(record.name + " was not saved: the server configuration blocks all events.", logtag);
         return;
@@ -140,6 +142,7 @@ void EventManager::sendCustomEvent(const ScreenRef& controller,
         record.controller = controller->className();
     }
     record.initialParameters = std::move(initialParameters);
+    detail::LogLineBatch lines;  // the event's and the in-app selection's lines in one write
     send(record);
     InAppManager::shared().handlePopupAction(eventName, controller, pageName, onActionRequired);
 }

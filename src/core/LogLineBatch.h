@@ -1,0 +1,20 @@
+#pragma once
+// Lines printed by one host call, written together.
+
+namespace tarn::detail {
+
+/// While a batch lives, the lines this thread prints (`printLine`, and so `log`) are held back
+/// and written together, in the order they were printed, in one write when the outermost batch on
+/// the thread ends: a call that logs three lines costs one system call instead of three. Only the
+/// printing waits; "TarnLogNotification" is still posted at once. Lines of other threads are not
+/// held, and a batch's lines are never split or interleaved with theirs. Open a batch only around
+/// library work that returns promptly and runs no host code that waits on other threads.
+class LogLineBatch {
+  public:
+    LogLineBatch();
+    ~LogLineBatch();
+    LogLineBatch(const LogLineBatch&) = delete;
+    LogLineBatch& operator=(const LogLineBatch&) = delete;
+};
+
+}  // namespace tarn::detail
