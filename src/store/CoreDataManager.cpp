@@ -369,6 +369,8 @@ class CoreDataManager::Store {
     int busyTimeoutMs = 1000;
 
     sqlite3_stmt* insertEvent = nullptr;
+    /// The event's insert when no live marker of the actor for its name is in the file.
+    sqlite3_stmt* insertEventUnlessMarked = nullptr;
     sqlite3_stmt* selectOldest = nullptr;
     sqlite3_stmt* deleteEvent = nullptr;
     sqlite3_stmt* insertConversion = nullptr;
@@ -382,9 +384,11 @@ class CoreDataManager::Store {
 
     /// How many markers the file holds for each actor and name (`markerKey`), so that the look-up
     /// made for every event asks the file only when a marker may match. Loaded on first use and
-    /// again whenever another connection (another process sharing the file) has committed; kept
-    /// current by this connection's own arms, consumes and purges. It may count a marker that is
-    /// no longer there (the file then answers), never miss one that is.
+    /// again whenever a look-up finds that another connection (another process sharing the file)
+    /// has committed; kept current by this connection's own arms, consumes and purges. It may
+    /// count a marker that is no longer there (the file then answers). Between look-ups it may miss
+    /// a marker another connection has armed: an event that relies on it being absent is inserted
+    /// only if the file agrees (`insertEventUnlessMarked`).
     std::unordered_map<std::string, std::size_t> markerCounts;
     bool markersLoaded = false;
     std::int64_t markersVersion = 0;
@@ -419,7 +423,9 @@ class CoreDataManager::Store {
         bool eventSaved = false;
     };
     /// The look-up, consumption and insert of `saveEventCompletingConversion` as one write
-    /// transaction. Any failure rolls all of it back and answers nothing. Caller holds `mutex`.
+    /// transaction. When the mirror knows no marker for the event, that is one conditional insert
+    /// in SQLite's implicit transaction; the whole transaction follows only if the file holds one.
+    /// Any failure rolls all of it back and answers nothing. Caller holds `mutex`.
     std::optional<CombinedSave> saveInOneTransaction(
         const std::string& eventName, const std::string& actorId,
         const std::function<std::optional<std::string>(const std::optional<std::string>&)>& build);
@@ -518,6 +524,10 @@ Error CoreDataManager::Store::open(const std::filesystem::path& path) {
     }
     const std::pair<const char*, sqlite3_stmt**> statements[] = {
         {"INSERT INTO EventQueue (event, timestamp) VALUES (?, ?)", &insertEvent},
+        {"INSERT INTO EventQueue (event, timestamp) SELECT ?1, ?2 WHERE NOT EXISTS "
+         "(SELECT 1 FROM ConversionEntity WHERE actorId = ?3 AND convertionName = ?4 "
+         "AND time > ?5)",
+         &insertEventUnlessMarked},
         {"SELECT id, event FROM EventQueue ORDER BY timestamp, id LIMIT ?", &selectOldest},
         {"DELETE FROM EventQueue WHERE id = ?", &deleteEvent},
         {"INSERT INTO ConversionEntity (actorId, communicationCode, convertionName, time) "
@@ -759,9 +769,9 @@ void CoreDataManager::Store::markerConsumed(const std::string& actorId, const st
 }
 
 void CoreDataManager::Store::close() {
-    for (auto** stmt : {&insertEvent, &selectOldest, &deleteEvent, &insertConversion,
-                        &selectConversion, &deleteConversion, &selectExpired, &selectMarkerKeys,
-                        &dataVersion, &beginImmediate, &commit}) {
+    for (auto** stmt : {&insertEvent, &insertEventUnlessMarked, &selectOldest, &deleteEvent,
+                        &insertConversion, &selectConversion, &deleteConversion, &selectExpired,
+                        &selectMarkerKeys, &dataVersion, &beginImmediate, &commit}) {
         sqlite3_finalize(*stmt);
         *stmt = nullptr;
     }
@@ -992,10 +1002,34 @@ std::optional<CoreDataManager::Store::CombinedSave> CoreDataManager::Store::save
         return std::nullopt;  // inside a transaction of a caller further up
     }
     CombinedSave outcome;
+    const Date cutoff = conversionCutoff();
+    if (markersLoaded && pendingEventDeletes.empty() && pendingConversionDeletes.empty() &&
+        markerCounts.count(markerKey(actorId, eventName)) == 0) {
+        // The usual event completes nothing: one statement inserts it unless the file holds a
+        // marker after all (armed by another connection since the mirror was read). A body that
+        // cannot be written takes the whole transaction: a marker in the file is consumed even so.
+        auto text = build(std::nullopt);
+        if (text) {
+            sqlite3_bind_text(insertEventUnlessMarked, 1, text->data(),
+                              static_cast<int>(text->size()), SQLITE_STATIC);
+            sqlite3_bind_double(insertEventUnlessMarked, 2, Date::now().secondsSince1970);
+            bindText(insertEventUnlessMarked, 3, actorId);
+            bindText(insertEventUnlessMarked, 4, eventName);
+            sqlite3_bind_double(insertEventUnlessMarked, 5, cutoff.secondsSince1970);
+            if (runToDone(insertEventUnlessMarked)) {
+                return std::nullopt;
+            }
+            if (sqlite3_changes(db) > 0) {
+                outcome.eventSaved = true;
+                return outcome;
+            }
+            markersLoaded = false;  // the mirror is behind the file: read it again below
+        }
+    }
     std::optional<std::int64_t> markerId;
     auto error = write(false, [&]() -> Error {
         std::optional<ConversionItem> marker;
-        if (!selectMarker(actorId, eventName, conversionCutoff(), markerId, marker)) {
+        if (!selectMarker(actorId, eventName, cutoff, markerId, marker)) {
             return errorMessage();
         }
         if (markerId) {

@@ -150,13 +150,15 @@ TEST_F(EventQueueStoreTest, CombinedSaveConsumesMarkersAndFallsBackWholeUnderAFo
     ConversionManager::shared().armConversion("msg-1", "purchase", "inapp_open");
     saveEvent("purchase");
     saveEvent("purchase");
-    // Another process arms a marker: the next event finds it (its own transaction sees that
-    // commit); an event whose body cannot be written still consumes it.
+    // Another process arms a marker: the next event finds it although this connection's mirror
+    // has not seen it; an event whose body cannot be written still consumes it (its body is asked
+    // for again, with the code, once the file has answered).
     ASSERT_EQ(other.exec("INSERT INTO ConversionEntity (actorId, communicationCode, "
                          "convertionName, time) VALUES ('alice', 'msg-2', 'purchase', 1e12)"),
               "");
     saveEvent("purchase", false);
-    EXPECT_EQ(codes, (std::vector<std::optional<std::string>>{"msg-1", std::nullopt, "msg-2"}));
+    EXPECT_EQ(codes, (std::vector<std::optional<std::string>>{"msg-1", std::nullopt, std::nullopt,
+                                                              "msg-2"}));
     EXPECT_EQ(logs.lines(),
               (Rows{"Tarn-ConversionManager: Conversion event saved with name: purchase;",
                     "Tarn-ConversionManager: purchase is a conversion event;",
@@ -167,6 +169,16 @@ TEST_F(EventQueueStoreTest, CombinedSaveConsumesMarkersAndFallsBackWholeUnderAFo
                     "Tarn-ConversionManager: purchase is a conversion event;"}));
     EXPECT_EQ(other.integer("SELECT count(*) FROM ConversionEntity"), 0);
     EXPECT_EQ(pop(2), (Popped{event("purchase", 1), event("purchase", 0)}));
+    // With a body that can be written, the insert made for an event without a marker leaves it
+    // out when the file holds one after all; it is stored once, with the code.
+    ASSERT_EQ(other.exec("INSERT INTO ConversionEntity (actorId, communicationCode, "
+                         "convertionName, time) VALUES ('alice', 'msg-4', 'purchase', 1e12)"),
+              "");
+    codes.clear();
+    saveEvent("purchase");
+    EXPECT_EQ(codes, (std::vector<std::optional<std::string>>{std::nullopt, "msg-4"}));
+    EXPECT_EQ(other.integer("SELECT count(*) FROM ConversionEntity"), 0);
+    EXPECT_EQ(pop(2), (Popped{event("purchase", 1), std::nullopt}));
 
     // Under a foreign write lock nothing of the combined write remains: the steps run one by one,
     // the marker's consumption fails as a fetch error and the event is lost, as on their own.
