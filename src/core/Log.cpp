@@ -109,10 +109,40 @@ void printLine(const std::string& line) {
     writeLines(line, true);
 }
 
+namespace {
+
+void logLine(const std::string& message, std::optional<std::string_view> tag) {
+    auto& center = NotificationCenter::defaultCenter();
+    if (center.hasObservers(kTarnLogNotification)) {
+        TarnLog record{message, tag ? std::optional<std::string>(*tag) : std::nullopt,
+                       std::chrono::system_clock::now()};
+        center.post(kTarnLogNotification, record);
+    }
+    // The printed line, as `TarnLog::getFullMessage` words it, written straight into the held
+    // text when a batch is open.
+    const std::string_view sector = tag.value_or("Tarn");
+    if (held.depth > 0) {
+        held.text.append(sector).append(1, ' ').append(message).append(";\n");
+        return;
+    }
+    std::string line;
+    line.reserve(sector.size() + message.size() + 2);
+    line.append(sector).append(1, ' ').append(message).append(1, ';');
+    writeLines(line, true);
+}
+
+}  // namespace
+
 void log(const std::string& message, const std::optional<std::string>& tag) {
-    TarnLog record{message, tag, std::chrono::system_clock::now()};
-    NotificationCenter::defaultCenter().post(kTarnLogNotification, record);
-    printLine(record.getFullMessage());
+    logLine(message, tag ? std::optional<std::string_view>(*tag) : std::nullopt);
+}
+
+void log(const std::string& message, const std::string& tag) {
+    logLine(message, std::string_view(tag));
+}
+
+void log(const std::string& message, const char* tag) {
+    logLine(message, tag ? std::optional<std::string_view>(tag) : std::nullopt);
 }
 
 }  // namespace tarn

@@ -47,6 +47,12 @@ void NotificationCenter::post(const Notification& notification) {
     }
 }
 
+bool NotificationCenter::hasObservers(std::string_view name) const {
+    std::lock_guard lock(mutex_);
+    return std::any_of(entries_.begin(), entries_.end(),
+                       [&](const Entry& e) { return e.name == name; });
+}
+
 std::size_t NotificationCenter::observerCount(const std::string& name) const {
     std::lock_guard lock(mutex_);
     return static_cast<std::size_t>(std::count_if(entries_.begin(), entries_.end(),

@@ -29,6 +29,9 @@ struct TarnLog {
 
 /// Logs `message` under `tag`: posts "TarnLogNotification", then prints the line. Any thread.
 void log(const std::string& message, const std::optional<std::string>& tag = std::nullopt);
+/// As above, for a tag the caller keeps (no copy is made unless someone observes the records).
+void log(const std::string& message, const std::string& tag);
+void log(const std::string& message, const char* tag);
 
 /// Prints one line to standard output directly, bypassing the logger (for the few messages that the
 /// library writes without a record).

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -62,6 +63,8 @@ class NotificationCenter {
     }
 
     std::size_t observerCount(const std::string& name) const;
+    /// Whether anyone observes `name`: a poster may skip building a notification nobody reads.
+    bool hasObservers(std::string_view name) const;
     /// Whether `owner` observes `name`.
     bool isObserving(const void* owner, const std::string& name) const;
 
