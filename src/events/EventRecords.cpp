@@ -23,6 +23,13 @@ void putOptional(nlohmann::json& dict, const char* key, const std::optional<std:
     }
 }
 
+void appendOptional(std::vector<TextField>& fields, std::string_view key,
+                    const std::optional<std::string>& value) {
+    if (value) {
+        fields.push_back({key, *value});
+    }
+}
+
 std::int64_t currentMilliseconds() {
     double seconds =
         std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -239,7 +246,6 @@ std::string EventRecord::serializedBody() const {
 std::string EventRecord::serializedBody(const BodySections& sections) const {
     // The "parameters" members from every layer, later layers last; after a stable sort by key
     // the last entry of each key is the one the tree would keep.
-    const nlohmann::json fields = ownFields();
     std::vector<Member> members;
     members.reserve(40);
     if (const auto* initial = initialParameterObject()) {
@@ -247,8 +253,18 @@ std::string EventRecord::serializedBody(const BodySections& sections) const {
             members.push_back(Member::json(key, value));
         }
     }
-    for (const auto& [key, value] : fields.items()) {
-        members.push_back(Member::json(key, value));
+    thread_local std::vector<TextField> textFields;  // reused: no allocation per body
+    textFields.clear();
+    nlohmann::json fields;  // only for records whose own fields are not all strings
+    if (appendTextFields(textFields)) {
+        for (const auto& field : textFields) {
+            members.push_back(Member::text(field.key, field.value));
+        }
+    } else {
+        fields = ownFields();
+        for (const auto& [key, value] : fields.items()) {
+            members.push_back(Member::json(key, value));
+        }
     }
     members.push_back(Member::boolean("loggedIn", sections.loggedIn));
     members.push_back(communucationCode
@@ -361,10 +377,21 @@ nlohmann::json PageInOutEvent::ownFields() const {
     return dict;
 }
 
+bool PageInOutEvent::appendTextFields(std::vector<TextField>& fields) const {
+    appendOptional(fields, "pageName", pageName);
+    fields.push_back({"eventType", rawValue(eventType)});
+    return true;
+}
+
 nlohmann::json AppGroundStatusEvent::ownFields() const {
     auto dict = nlohmann::json::object();
     putOptional(dict, "pageName", pageName);
     return dict;
+}
+
+bool AppGroundStatusEvent::appendTextFields(std::vector<TextField>& fields) const {
+    appendOptional(fields, "pageName", pageName);
+    return true;
 }
 
 nlohmann::json CustomEvent::ownFields() const {
@@ -374,12 +401,27 @@ nlohmann::json CustomEvent::ownFields() const {
     return dict;
 }
 
+bool CustomEvent::appendTextFields(std::vector<TextField>& fields) const {
+    appendOptional(fields, "pageName", pageName);
+    appendOptional(fields, "controller", controller);
+    return true;
+}
+
 nlohmann::json LogoutEvent::ownFields() const {
     return nlohmann::json::object();
 }
 
+bool LogoutEvent::appendTextFields(std::vector<TextField>& /*fields*/) const {
+    return true;
+}
+
 nlohmann::json ActorChangeEvent::ownFields() const {
     return {{"newActorId", newActorId}};
+}
+
+bool ActorChangeEvent::appendTextFields(std::vector<TextField>& fields) const {
+    fields.push_back({"newActorId", newActorId});
+    return true;
 }
 
 nlohmann::json InstallEvent::ownFields() const {
@@ -392,8 +434,19 @@ nlohmann::json ApplicationErrorEvent::ownFields() const {
     return {{"errorMessage", errorMessage}, {"errorType", errorType}};
 }
 
+bool ApplicationErrorEvent::appendTextFields(std::vector<TextField>& fields) const {
+    fields.push_back({"errorMessage", errorMessage});
+    fields.push_back({"errorType", errorType});
+    return true;
+}
+
 nlohmann::json PushTokenChangeEvent::ownFields() const {
     return {{"tokenProvider", rawValue(tokenProvider)}};
+}
+
+bool PushTokenChangeEvent::appendTextFields(std::vector<TextField>& fields) const {
+    fields.push_back({"tokenProvider", rawValue(tokenProvider)});
+    return true;
 }
 
 nlohmann::json InAppEvent::ownFields() const {

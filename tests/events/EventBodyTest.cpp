@@ -85,6 +85,13 @@ TEST(EventBodyTest, OnePassTextEqualsTheTreeForEveryRecordKind) {
     error.errorType = "fatal";
     InitializeEvent initialize;
     initialize.name = "sdk_initialize";
+    AppGroundStatusEvent background;
+    background.name = "app_background";
+    background.pageName = "Checkout \"2\"";
+    LogoutEvent logout;
+    logout.name = "logout";
+    PushTokenChangeEvent token;
+    token.name = "push_token_change";
 
     // With a conversion code the host's key is replaced; without one it is gone.
     CustomEvent converted = custom;
@@ -92,7 +99,8 @@ TEST(EventBodyTest, OnePassTextEqualsTheTreeForEveryRecordKind) {
     BodySections bare;  // every optional section absent, empty tokens
     bare.requestId = "R";
     for (const EventRecord* record : std::initializer_list<const EventRecord*>{
-             &custom, &converted, &page, &button, &push, &install, &change, &error, &initialize}) {
+             &custom, &converted, &page, &button, &push, &install, &change, &error, &initialize,
+             &background, &logout, &token}) {
         for (const auto& sections : {kFull, bare})
             EXPECT_EQ(record->serializedBody(sections), treeText(*record, sections))
                 << record->name;

@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -59,6 +60,12 @@ struct BodySections {
     static BodySections read(const EventRecord& record);
 };
 
+/// One own field of a record whose value is a plain string.
+struct TextField {
+    std::string_view key;
+    std::string_view value;
+};
+
 /// The fields every record has, and the body building they share.
 struct EventRecord {
     std::vector<std::string> journeys;
@@ -69,6 +76,10 @@ struct EventRecord {
     virtual ~EventRecord() = default;
     /// The record's own fields under their field names, absent optionals left out.
     virtual nlohmann::json ownFields() const = 0;
+    /// For the one-pass body: appends the own fields to `fields` and answers true when every one
+    /// is a string (the same fields as `ownFields`); false, appending nothing, when the body must
+    /// use `ownFields`.
+    virtual bool appendTextFields(std::vector<TextField>& /*fields*/) const { return false; }
     /// The host's initial parameters when they form an object; they come first in the record's
     /// own dictionary.
     virtual const nlohmann::json* initialParameterObject() const { return nullptr; }
@@ -93,6 +104,7 @@ struct EventRecord {
 
 struct InitializeEvent : EventRecord {
     nlohmann::json ownFields() const override;
+    bool appendTextFields(std::vector<TextField>& /*fields*/) const override { return true; }
 };
 
 struct PageInOutEvent : EventRecord {
@@ -100,6 +112,7 @@ struct PageInOutEvent : EventRecord {
     std::optional<nlohmann::json> initialParameters;
     PageInOutEventType eventType = PageInOutEventType::pageIn;
     nlohmann::json ownFields() const override;
+    bool appendTextFields(std::vector<TextField>& fields) const override;
     const nlohmann::json* initialParameterObject() const override {
         return initialParameters && initialParameters->is_object() ? &*initialParameters : nullptr;
     }
@@ -108,6 +121,7 @@ struct PageInOutEvent : EventRecord {
 struct AppGroundStatusEvent : EventRecord {
     std::optional<std::string> pageName;
     nlohmann::json ownFields() const override;
+    bool appendTextFields(std::vector<TextField>& fields) const override;
 };
 
 struct CustomEvent : EventRecord {
@@ -116,6 +130,7 @@ struct CustomEvent : EventRecord {
     std::optional<std::string> controller;
     std::optional<nlohmann::json> initialParameters;
     nlohmann::json ownFields() const override;
+    bool appendTextFields(std::vector<TextField>& fields) const override;
     const nlohmann::json* initialParameterObject() const override {
         return initialParameters && initialParameters->is_object() ? &*initialParameters : nullptr;
     }
@@ -125,11 +140,13 @@ struct LoginEvent : CustomEvent {};
 
 struct LogoutEvent : EventRecord {
     nlohmann::json ownFields() const override;
+    bool appendTextFields(std::vector<TextField>& fields) const override;
 };
 
 struct ActorChangeEvent : EventRecord {
     std::string newActorId;
     nlohmann::json ownFields() const override;
+    bool appendTextFields(std::vector<TextField>& fields) const override;
 };
 
 struct InstallEvent : EventRecord {
@@ -142,11 +159,13 @@ struct ApplicationErrorEvent : EventRecord {
     std::string errorMessage;
     std::string errorType;
     nlohmann::json ownFields() const override;
+    bool appendTextFields(std::vector<TextField>& fields) const override;
 };
 
 struct PushTokenChangeEvent : EventRecord {
     TokenProviderType tokenProvider = TokenProviderType::firebase;
     nlohmann::json ownFields() const override;
+    bool appendTextFields(std::vector<TextField>& fields) const override;
 };
 
 /// The four in-app interactions. Their dictionary holds "communicationCode",
