@@ -134,14 +134,14 @@ void EventManager::sendActorChangeEvent(const std::string& oldActorId,
 void EventManager::sendCustomEvent(const ScreenRef& controller,
                                    const std::optional<std::string>& pageName,
                                    const std::string& eventName,
-                                   std::optional<nlohmann::json> initialParameters,
+                                   const nlohmann::json* initialParameters,
                                    const ActionCallback& onActionRequired) {
     auto record = makeRecord<CustomEvent>(eventName);
     record.pageName = pageName;
     if (controller) {
         record.controller = controller->className();
     }
-    record.initialParameters = std::move(initialParameters);
+    record.borrowedParameters = initialParameters;
     detail::LogLineBatch lines;  // the event's and the in-app selection's lines in one write
     send(record);
     InAppManager::shared().handlePopupAction(eventName, controller, pageName, onActionRequired);
@@ -284,7 +284,16 @@ void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string>
                                 std::optional<nlohmann::json> initialParameters,
                                 ActionCallback onActionRequired) {
     EventManager::shared().sendCustomEvent(controller, pageName, eventName,
-                                           std::move(initialParameters), onActionRequired);
+                                           initialParameters ? &*initialParameters : nullptr,
+                                           onActionRequired);
+}
+
+void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string> pageName,
+                                const std::string& eventName,
+                                const nlohmann::json& initialParameters,
+                                ActionCallback onActionRequired) {
+    EventManager::shared().sendCustomEvent(controller, pageName, eventName, &initialParameters,
+                                           onActionRequired);
 }
 
 void TarnEvent::sendLoginEvent(ScreenRef controller, std::optional<std::string> pageName,

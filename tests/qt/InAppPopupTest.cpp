@@ -49,7 +49,7 @@ class InAppPopupTest : public QtHostTest {
     std::string imageUrl(const std::string& path) const { return server_->baseUrl() + path; }
     void send(QWidget* window, const std::string& name) {
         TarnEvent::shared().sendCustomEvent(
-            qt::screenFor(window), std::nullopt, name, {},
+            qt::screenFor(window), std::nullopt, name, std::nullopt,
             [this](const AppCommunicationAction& action) { actions_.push_back(action); });
     }
     /// The popup currently up anywhere, or nullptr.

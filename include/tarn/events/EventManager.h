@@ -41,9 +41,9 @@ class EventManager : public EventSendable {
     void sendInstallEvent(const std::string& actorId);
     void sendPushTokenChangeEvent(TokenProviderType tokenProvider);
     void sendActorChangeEvent(const std::string& oldActorId, const std::string& newActorId);
+    /// `initialParameters` (none: null) is read during the call only.
     void sendCustomEvent(const ScreenRef& controller, const std::optional<std::string>& pageName,
-                         const std::string& eventName,
-                         std::optional<nlohmann::json> initialParameters,
+                         const std::string& eventName, const nlohmann::json* initialParameters,
                          const ActionCallback& onActionRequired);
     void sendLoginEvent(const ScreenRef& controller, const std::optional<std::string>& pageName,
                         std::optional<nlohmann::json> initialParameters);

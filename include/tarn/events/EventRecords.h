@@ -129,10 +129,16 @@ struct CustomEvent : EventRecord {
     /// The class name of the screen the event was raised on.
     std::optional<std::string> controller;
     std::optional<nlohmann::json> initialParameters;
+    /// Parameters the caller keeps alive while the record is in use; they win over
+    /// `initialParameters` and are never copied.
+    const nlohmann::json* borrowedParameters = nullptr;
     nlohmann::json ownFields() const override;
     bool appendTextFields(std::vector<TextField>& fields) const override;
     const nlohmann::json* initialParameterObject() const override {
-        return initialParameters && initialParameters->is_object() ? &*initialParameters : nullptr;
+        const auto* parameters = borrowedParameters
+                                     ? borrowedParameters
+                                     : (initialParameters ? &*initialParameters : nullptr);
+        return parameters && parameters->is_object() ? parameters : nullptr;
     }
 };
 

@@ -31,6 +31,10 @@ class TarnEvent {
                          const std::string& eventName,
                          std::optional<nlohmann::json> initialParameters = std::nullopt,
                          ActionCallback onActionRequired = nullptr);
+    /// As above, with parameters the host keeps: they are read during the call, never copied.
+    void sendCustomEvent(ScreenRef controller, std::optional<std::string> pageName,
+                         const std::string& eventName, const nlohmann::json& initialParameters,
+                         ActionCallback onActionRequired = nullptr);
     /// Logs the actor in: marks the session logged in, switches the actor to `actorID` (blank
     /// identifiers are refused) and sends "login".
     void sendLoginEvent(ScreenRef controller, std::optional<std::string> pageName,
