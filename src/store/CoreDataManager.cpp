@@ -211,11 +211,11 @@ std::string markerKey(const std::string& actorId, const std::string& name) {
 ///
 /// The log starts over only once a checkpoint has copied all of it before the next commit; after
 /// any pause in the events that is the case. Under an unbroken stream of commits each pass leaves
-/// behind what was committed while it ran, so the thread comes back after every further quarter
-/// of the threshold. The bound on the log's length is kept by the commit hook (`kLogPagesCap`);
-/// once the log has reached it the thread starts no pass of its own, and once it reaches
-/// `kLogPagesHardCap` a pass still running is ended (`takeOver`), so that its passes, slow when
-/// the disk is busy, cannot keep taking the checkpoint away from the committing caller.
+/// behind what was committed while it ran, so the thread starts the next pass at once. The bound on
+/// the log's length is kept by the commit hook (`kLogPagesCap`); once the log has reached it the
+/// thread starts no pass of its own, and once it reaches `kLogPagesHardCap` a pass still running is
+/// ended (`takeOver`), so that its passes, slow when the disk is busy, cannot keep taking the
+/// checkpoint away from the committing caller.
 class Checkpointer {
   public:
     ~Checkpointer() {
@@ -318,15 +318,31 @@ class Checkpointer {
             return;  // another checkpoint is running, or the file is gone: asked again later
         }
         int pages = logPages_.load(std::memory_order_relaxed);
-        // All copied (or the log started over meanwhile): the next mark is a full threshold of new
-        // pages; otherwise come back after another quarter of it.
-        nextRequest_.store(
-            pages <= copied || pages < log ? kCheckpointPages : pages + kCheckpointPages / 4,
-            std::memory_order_relaxed);
+        if (pages <= copied || pages < log) {
+            // All copied (or the log started over meanwhile): the next mark is a full threshold
+            // of new pages.
+            nextRequest_.store(kCheckpointPages, std::memory_order_relaxed);
+            return;
+        }
+        nextRequest_.store(pages + kCheckpointPages / 4, std::memory_order_relaxed);
+        const bool progressed = copied > lastCopied_ || log < lastLog_;
+        lastCopied_ = copied;
+        lastLog_ = log;
+        if (!progressed) {
+            return;  // a reader of another connection holds the rest back: wait for the next mark
+        }
+        // Commits went on during the pass: the next pass starts at once and copies only what
+        // they added, so that the log is caught up with, and starts over, as soon as the commits
+        // pause, and a committing caller that reaches the cap finds little left to copy.
+        std::lock_guard lock(mutex_);
+        requested_ = true;
     }
 
     std::atomic<int> logPages_{0};
     std::atomic<int> nextRequest_{kCheckpointPages};
+    /// The log's length and the pages copied back, as the thread's last pass left them.
+    int lastLog_ = 0;
+    int lastCopied_ = 0;
     std::mutex mutex_;
     std::condition_variable wake_;
     std::condition_variable passEnded_;

@@ -1,5 +1,7 @@
 // The event queue of the local store: order, failure paths, an unusable store, use from several
 // threads, all against a real database file in the test's data folder.
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <atomic>
 #include <fstream>
@@ -301,6 +303,36 @@ TEST_F(EventQueueStoreTest, TheLogIsCopiedBackOffTheWritersThreadAndStaysBounded
     EXPECT_GE(fileSize(path), 5'000'000u);
     EXPECT_LT(fileSize(path.string() + "-wal"), 30'000'000u);
     EXPECT_EQ(RawDatabase(path).integer("SELECT count(*) FROM EventQueue"), 6000);
+}
+
+// A reader of another connection whose snapshot ends inside the log holds the rest of the copy
+// back: the checkpoint thread stops trying once a pass copies nothing new, rather than spinning
+// until the reader is done.
+TEST_F(EventQueueStoreTest, AReaderHoldingTheLogBackDoesNotKeepTheCheckpointThreadBusy) {
+    const std::string padding(900, 'x');
+    auto path = CoreDataManager::databasePath();
+    auto save = [&](int count) {
+        for (int i = 0; i < count; ++i)
+            CoreDataManager::shared().saveEventToQueue(
+                nlohmann::json{{"name", "e"}, {"seq", i}, {"pad", padding}}.dump(), Date{1.0 * i},
+                nlohmann::json::object());
+    };
+    save(100);  // below the mark that asks for a checkpoint
+    RawDatabase reader(path);
+    ASSERT_EQ(reader.exec("BEGIN"), "");
+    ASSERT_EQ(reader.integer("SELECT count(*) FROM EventQueue"), 100);
+    save(500);  // past the mark, and far below the cap where the writer takes over
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    auto cpuSeconds = [] {
+        rusage usage{};
+        ::getrusage(RUSAGE_SELF, &usage);
+        return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+               static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    };
+    const double before = cpuSeconds();
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_LT(cpuSeconds() - before, 0.1);
+    ASSERT_EQ(reader.exec("COMMIT"), "");
 }
 
 }  // namespace
