@@ -74,6 +74,9 @@ struct Member {
 /// host hands in: such an event is kept, never dropped and never thrown out of the library.
 constexpr auto kReplaceInvalid = nlohmann::json::error_handler_t::replace;
 
+/// The most members a thread keeps room for between bodies.
+constexpr std::size_t kKeptMembers = 256;
+
 void writeString(std::string& out, std::string_view text) {
     bool plain = std::all_of(text.begin(), text.end(), [](char c) {
         auto byte = static_cast<unsigned char>(c);
@@ -246,7 +249,10 @@ std::string EventRecord::serializedBody() const {
 std::string EventRecord::serializedBody(const BodySections& sections) const {
     // The "parameters" members from every layer, later layers last; after a stable sort by key
     // the last entry of each key is the one the tree would keep.
-    std::vector<Member> members;
+    // The member list of this thread's previous body is reused: no allocation per body.
+    thread_local std::vector<Member> spare;
+    std::vector<Member> members = std::move(spare);
+    members.clear();
     members.reserve(40);
     if (const auto* initial = initialParameterObject()) {
         for (const auto& [key, value] : initial->items()) {
@@ -363,6 +369,9 @@ std::string EventRecord::serializedBody(const BodySections& sections) const {
     out += "},\"requestId\":";
     writeString(out, sections.requestId);
     out += ",\"sync\":\"a\"}";
+    if (members.capacity() <= kKeptMembers) {
+        spare = std::move(members);  // a host's huge parameter object is not kept alive
+    }
     return out;
 }
 
