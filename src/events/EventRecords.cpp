@@ -171,6 +171,17 @@ BodySections BodySections::read(const EventRecord& record) {
     return sections;
 }
 
+nlohmann::json EventRecord::ownFields() const {
+    std::vector<TextField> fields;
+    auto dict = nlohmann::json::object();
+    if (appendTextFields(fields)) {
+        for (const auto& field : fields) {
+            dict[std::string(field.key)] = std::string(field.value);
+        }
+    }
+    return dict;
+}
+
 nlohmann::json EventRecord::ownDictionary() const {
     nlohmann::json dict = nlohmann::json::object();
     if (const auto* initial = initialParameterObject()) {
@@ -375,39 +386,15 @@ std::string EventRecord::serializedBody(const BodySections& sections) const {
     return out;
 }
 
-nlohmann::json InitializeEvent::ownFields() const {
-    return nlohmann::json::object();
-}
-
-nlohmann::json PageInOutEvent::ownFields() const {
-    auto dict = nlohmann::json::object();
-    putOptional(dict, "pageName", pageName);
-    dict["eventType"] = rawValue(eventType);
-    return dict;
-}
-
 bool PageInOutEvent::appendTextFields(std::vector<TextField>& fields) const {
     appendOptional(fields, "pageName", pageName);
     fields.push_back({"eventType", rawValue(eventType)});
     return true;
 }
 
-nlohmann::json AppGroundStatusEvent::ownFields() const {
-    auto dict = nlohmann::json::object();
-    putOptional(dict, "pageName", pageName);
-    return dict;
-}
-
 bool AppGroundStatusEvent::appendTextFields(std::vector<TextField>& fields) const {
     appendOptional(fields, "pageName", pageName);
     return true;
-}
-
-nlohmann::json CustomEvent::ownFields() const {
-    auto dict = nlohmann::json::object();
-    putOptional(dict, "pageName", pageName);
-    putOptional(dict, "controller", controller);
-    return dict;
 }
 
 bool CustomEvent::appendTextFields(std::vector<TextField>& fields) const {
@@ -416,16 +403,8 @@ bool CustomEvent::appendTextFields(std::vector<TextField>& fields) const {
     return true;
 }
 
-nlohmann::json LogoutEvent::ownFields() const {
-    return nlohmann::json::object();
-}
-
 bool LogoutEvent::appendTextFields(std::vector<TextField>& /*fields*/) const {
     return true;
-}
-
-nlohmann::json ActorChangeEvent::ownFields() const {
-    return {{"newActorId", newActorId}};
 }
 
 bool ActorChangeEvent::appendTextFields(std::vector<TextField>& fields) const {
@@ -439,18 +418,10 @@ nlohmann::json InstallEvent::ownFields() const {
     return dict;
 }
 
-nlohmann::json ApplicationErrorEvent::ownFields() const {
-    return {{"errorMessage", errorMessage}, {"errorType", errorType}};
-}
-
 bool ApplicationErrorEvent::appendTextFields(std::vector<TextField>& fields) const {
     fields.push_back({"errorMessage", errorMessage});
     fields.push_back({"errorType", errorType});
     return true;
-}
-
-nlohmann::json PushTokenChangeEvent::ownFields() const {
-    return {{"tokenProvider", rawValue(tokenProvider)}};
 }
 
 bool PushTokenChangeEvent::appendTextFields(std::vector<TextField>& fields) const {

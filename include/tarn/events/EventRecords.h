@@ -75,10 +75,12 @@ struct EventRecord {
 
     virtual ~EventRecord() = default;
     /// The record's own fields under their field names, absent optionals left out.
-    virtual nlohmann::json ownFields() const = 0;
-    /// For the one-pass body: appends the own fields to `fields` and answers true when every one
-    /// is a string (the same fields as `ownFields`); false, appending nothing, when the body must
-    /// use `ownFields`.
+    /// By default the text fields (`appendTextFields`) as an object; records with other values
+    /// override it.
+    virtual nlohmann::json ownFields() const;
+    /// The own fields when every one is a string: appends them to `fields` and answers true (the
+    /// one-pass body writes them as they stand); false, appending nothing, when the record
+    /// overrides `ownFields` instead.
     virtual bool appendTextFields(std::vector<TextField>& /*fields*/) const { return false; }
     /// The host's initial parameters when they form an object; they come first in the record's
     /// own dictionary.
@@ -103,7 +105,6 @@ struct EventRecord {
 };
 
 struct InitializeEvent : EventRecord {
-    nlohmann::json ownFields() const override;
     bool appendTextFields(std::vector<TextField>& /*fields*/) const override { return true; }
 };
 
@@ -111,7 +112,6 @@ struct PageInOutEvent : EventRecord {
     std::optional<std::string> pageName;
     std::optional<nlohmann::json> initialParameters;
     PageInOutEventType eventType = PageInOutEventType::pageIn;
-    nlohmann::json ownFields() const override;
     bool appendTextFields(std::vector<TextField>& fields) const override;
     const nlohmann::json* initialParameterObject() const override {
         return initialParameters && initialParameters->is_object() ? &*initialParameters : nullptr;
@@ -120,7 +120,6 @@ struct PageInOutEvent : EventRecord {
 
 struct AppGroundStatusEvent : EventRecord {
     std::optional<std::string> pageName;
-    nlohmann::json ownFields() const override;
     bool appendTextFields(std::vector<TextField>& fields) const override;
 };
 
@@ -132,7 +131,6 @@ struct CustomEvent : EventRecord {
     /// Parameters the caller keeps alive while the record is in use; they win over
     /// `initialParameters` and are never copied.
     const nlohmann::json* borrowedParameters = nullptr;
-    nlohmann::json ownFields() const override;
     bool appendTextFields(std::vector<TextField>& fields) const override;
     const nlohmann::json* initialParameterObject() const override {
         const auto* parameters = borrowedParameters
@@ -145,13 +143,11 @@ struct CustomEvent : EventRecord {
 struct LoginEvent : CustomEvent {};
 
 struct LogoutEvent : EventRecord {
-    nlohmann::json ownFields() const override;
     bool appendTextFields(std::vector<TextField>& fields) const override;
 };
 
 struct ActorChangeEvent : EventRecord {
     std::string newActorId;
-    nlohmann::json ownFields() const override;
     bool appendTextFields(std::vector<TextField>& fields) const override;
 };
 
@@ -164,13 +160,11 @@ struct InstallEvent : EventRecord {
 struct ApplicationErrorEvent : EventRecord {
     std::string errorMessage;
     std::string errorType;
-    nlohmann::json ownFields() const override;
     bool appendTextFields(std::vector<TextField>& fields) const override;
 };
 
 struct PushTokenChangeEvent : EventRecord {
     TokenProviderType tokenProvider = TokenProviderType::firebase;
-    nlohmann::json ownFields() const override;
     bool appendTextFields(std::vector<TextField>& fields) const override;
 };
 
