@@ -120,7 +120,7 @@ EventQueueManager::EventQueueManager() {
 
 EventQueueManager::~EventQueueManager() {
     NotificationCenter::defaultCenter().removeObserver(this);
-    if (auto timer = timer_.get()) {
+    if (auto timer = timer_.exchange(nullptr)) {
         timer->invalidate();
     }
 }
@@ -128,18 +128,25 @@ EventQueueManager::~EventQueueManager() {
 void EventQueueManager::startTimer() {
     mainQueue()->async([] {
         auto& self = EventQueueManager::shared();
+        // A timer already held is invalidated as it is replaced: a scheduled timer keeps firing
+        // while its executor holds it, so a replaced one would poll the store on every tick for the
+        // rest of the process. Two starts meet whenever an event is stored while the last tick finds
+        // the queue empty. The swap is one step, so a stop on another thread cannot clear the new
+        // timer's handle and leave it running unheld.
         double delay = processSettings().queueDelay.load();
-        self.timer_ = RepeatingTimer::scheduled(
+        auto fresh = RepeatingTimer::scheduled(
             delay, [] { EventQueueManager::shared().timerAction(); }, mainQueue());
+        if (auto replaced = self.timer_.exchange(std::move(fresh))) {
+            replaced->invalidate();
+        }
     });
 }
 
 void EventQueueManager::stopTimer() {
     mainQueue()->async([] { EventQueueManager::shared().timerAction(); });
-    if (auto timer = timer_.get()) {
+    if (auto timer = timer_.exchange(nullptr)) {
         timer->invalidate();
     }
-    timer_ = nullptr;
 }
 
 void EventQueueManager::timerAction() {

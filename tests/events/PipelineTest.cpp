@@ -108,6 +108,15 @@ TEST_F(EventPipelineTest, TheTimerStartsOnceStopsWhenEmptyAndFollowsBackgroundAn
     ASSERT_TRUE(drainUntil(4));
     ASSERT_TRUE(pumpUntil(stopped));
 
+    // Two starts that meet (an event stored just as the stop's last step takes one) leave one
+    // timer: the first empty tick stops it, and nothing ticks on after that.
+    queueManager.startTimer();
+    queueManager.startTimer();
+    queueManager.isTimerActive = true;
+    ASSERT_TRUE(pumpUntil(stopped));
+    queue().advance(2);
+    EXPECT_EQ(queue().pendingCount(), 0u);
+
     // Background stops the timer; the stop's last drain step sends "c", and events stored in the
     // background wait for the return.
     sendCustom("c");

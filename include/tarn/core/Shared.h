@@ -115,6 +115,12 @@ class Locked {
         std::lock_guard lock(mutex_);
         value_ = std::move(value);
     }
+    /// Stores `value` and returns the value it replaced, in one step.
+    T exchange(T value) {
+        std::lock_guard lock(mutex_);
+        std::swap(value_, value);
+        return value;
+    }
     operator T() const { return get(); }  // NOLINT(google-explicit-constructor)
     Locked& operator=(T value) {
         set(std::move(value));

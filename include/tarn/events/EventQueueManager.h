@@ -39,7 +39,7 @@ class EventQueueManager {
     std::atomic<bool> isTimerActive{false};
 
     /// Creates the repeating timer on the main queue with the current queue delay. A timer already
-    /// held is replaced without being invalidated.
+    /// held is invalidated and replaced, so at most one queue timer is ever live.
     void startTimer();
     /// Schedules one last drain step on the main queue, then invalidates and clears the timer.
     void stopTimer();
