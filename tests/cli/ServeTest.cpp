@@ -59,7 +59,8 @@ TEST_F(ServeCommand, TokensInAppFileEventsAndEveryThirdEventFailing) {
     auto serve =
         start({"--client-id", "host-app", "--client-secret", "s3cr3t-value", "--inapp",
                inapp.string(), "--events-file", events.string(), "--fault-share", "0.34",
-               "--fault-status", "500", "--fault-path", kEventPath, "--max-requests", "11"});
+               "--fault-status", "500", "--fault-path", kEventPath, "--max-requests", "11",
+               "--keep", "3"});
 
     EXPECT_EQ(status(post(kTokenPath, {{"clientId", "host-app"}, {"clientSecret", "wrong"}})), 401);
     auto granted = post(kTokenPath, {{"clientId", "host-app"}, {"clientSecret", "s3cr3t-value"}});
@@ -104,6 +105,7 @@ TEST_F(ServeCommand, TokensInAppFileEventsAndEveryThirdEventFailing) {
     EXPECT_THAT(out, Not(HasSubstr("s3cr3t-value")));
     EXPECT_THAT(out, Not(HasSubstr(accessToken)));
 
+    // Only the newest three requests stay in memory; the counts and the file keep everything.
     std::ifstream lines(events);
     std::vector<std::string> names;
     for (std::string line; std::getline(lines, line);)

@@ -53,6 +53,17 @@ std::optional<std::string> stringAt(const nlohmann::json& object, const char* ke
 
 }  // namespace
 
+template <typename T>
+void DevServer::keepRecent(std::deque<T>& list, const T& item) const {
+    if (options_.keepRecent == 0) {
+        return;
+    }
+    if (list.size() >= options_.keepRecent) {
+        list.pop_front();
+    }
+    list.push_back(item);
+}
+
 struct DevServer::Answer {
     int status = 200;
     std::string body;
@@ -88,27 +99,32 @@ void DevServer::setNoticeObserver(std::function<void(const std::string&)> observ
 
 std::vector<ReceivedRequest> DevServer::requests() const {
     std::lock_guard lock(mutex_);
-    return requests_;
+    return {requests_.begin(), requests_.end()};
 }
 
 std::vector<ReceivedEvent> DevServer::events() const {
     std::lock_guard lock(mutex_);
-    return events_;
+    return {events_.begin(), events_.end()};
 }
 
 std::vector<ReceivedEvent> DevServer::eventAttempts() const {
     std::lock_guard lock(mutex_);
-    return attempts_;
+    return {attempts_.begin(), attempts_.end()};
 }
 
 std::uint64_t DevServer::requestCount() const {
     std::lock_guard lock(mutex_);
-    return requests_.size();
+    return sequence_;
+}
+
+std::uint64_t DevServer::eventCount() const {
+    std::lock_guard lock(mutex_);
+    return eventTotal_;
 }
 
 bool DevServer::waitForEvents(std::size_t count, std::chrono::milliseconds timeout) const {
     std::unique_lock lock(mutex_);
-    return eventsChanged_.wait_for(lock, timeout, [&] { return events_.size() >= count; });
+    return eventsChanged_.wait_for(lock, timeout, [&] { return eventTotal_ >= count; });
 }
 
 bool DevServer::start(std::string* error) {
@@ -117,6 +133,9 @@ bool DevServer::start(std::string* error) {
     server_->set_tcp_nodelay(true);
     // An idle kept-alive connection holds a worker until this timeout, and stop() waits for it.
     server_->set_keep_alive_timeout(1);
+    // A connection serves many requests, as a production server's does; cpp-httplib's default
+    // closes it after five, which would make every fifth event of a client pay for a new one.
+    server_->set_keep_alive_max_count(100000);
     auto handler = [this](const httplib::Request& request, httplib::Response& response) {
         Answer answer = handle(request.method, request.path, request.body,
                                request.get_header_value("Authorization"));
@@ -251,17 +270,21 @@ DevServer::Answer DevServer::handle(const std::string& method, const std::string
             line << ": " << answer.summary;
         }
         record.summary = line.str();
-        requests_.push_back(record);
+        keepRecent(requests_, record);
         if (attempt) {
             attempt->sequence = record.sequence;
-            attempts_.push_back(*attempt);
+            keepRecent(attempts_, *attempt);
         }
         if (event) {
             event->sequence = record.sequence;
-            events_.push_back(*event);
+            ++eventTotal_;
+            keepRecent(events_, *event);
             if (!options_.eventsFile.empty()) {
-                std::ofstream out(options_.eventsFile, std::ios::app);
-                out << event->body.dump() << "\n";
+                if (!eventsOut_.is_open()) {
+                    eventsOut_.open(options_.eventsFile, std::ios::app);
+                }
+                eventsOut_ << event->body.dump() << "\n";
+                eventsOut_.flush();
             }
         }
         requestObserver = requestObserver_;
@@ -291,8 +314,14 @@ DevServer::Answer DevServer::handleToken(const std::string& body) {
     }
     std::string token = newToken();
     {
+        // Expired tokens are forgotten as new ones are issued, so the list stays as short as the
+        // number of live tokens.
+        auto now = std::chrono::steady_clock::now();
         std::lock_guard lock(mutex_);
-        tokens_.emplace_back(token, std::chrono::steady_clock::now());
+        std::erase_if(tokens_, [&](const auto& issued) {
+            return now - issued.second >= std::chrono::seconds(options_.expiresIn);
+        });
+        tokens_.emplace_back(token, now);
     }
     nlohmann::json answer = {{"access_token", token},
                              {"expires_in", options_.expiresIn},

@@ -9,7 +9,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -63,6 +65,10 @@ struct DevServerOptions {
                                   {"configuration", nlohmann::json::object()}};
     /// Every accepted event is appended to this file as one JSON line, when set.
     std::filesystem::path eventsFile;
+    /// How many of the newest requests, events and event attempts are kept in memory for
+    /// `requests()`, `events()` and `eventAttempts()`; older ones are dropped (they are still
+    /// counted, and still appended to `eventsFile`), so a server that runs for a day stays small.
+    std::size_t keepRecent = 10000;
     FaultPlan faults;
     /// Compress answers when the client's Accept-Encoding allows it (gzip or brotli). Off by
     /// default: the library asks for every encoding it can read, and on a loopback connection
@@ -129,13 +135,18 @@ class DevServer {
     /// notice says at once whether it decodes.
     void loadInAppFile();
 
+    /// The newest requests (at most `keepRecent`), in the order they were answered.
     std::vector<ReceivedRequest> requests() const;
-    /// The accepted events, in the order they arrived.
+    /// The newest accepted events (at most `keepRecent`), in the order they arrived.
     std::vector<ReceivedEvent> events() const;
-    /// Every request to the event endpoint whose body is a JSON object, accepted or not, in order.
+    /// The newest requests to the event endpoint whose body is a JSON object, accepted or not (at
+    /// most `keepRecent`), in order.
     std::vector<ReceivedEvent> eventAttempts() const;
+    /// Every request answered since the start, kept in memory or not.
     std::uint64_t requestCount() const;
-    /// Waits until at least `count` events have been accepted or `timeout` passes.
+    /// Every event accepted since the start, kept in memory or not.
+    std::uint64_t eventCount() const;
+    /// Waits until at least `count` events have been accepted since the start or `timeout` passes.
     bool waitForEvents(std::size_t count, std::chrono::milliseconds timeout) const;
 
   private:
@@ -149,6 +160,9 @@ class DevServer {
     bool authorized(const std::string& authorization);
     static std::optional<ReceivedEvent> parseEvent(const std::string& body);
     std::string inappAnswerText();
+    /// Appends `item` to `list`, dropping the oldest entry past `keepRecent`.
+    template <typename T>
+    void keepRecent(std::deque<T>& list, const T& item) const;
     void notice(const std::string& text);
 
     DevServerOptions options_;
@@ -162,9 +176,11 @@ class DevServer {
     bool stopping_ = false;
     std::uint64_t sequence_ = 0;
     std::uint64_t eligible_ = 0;
-    std::vector<ReceivedRequest> requests_;
-    std::vector<ReceivedEvent> events_;
-    std::vector<ReceivedEvent> attempts_;
+    std::uint64_t eventTotal_ = 0;
+    std::deque<ReceivedRequest> requests_;
+    std::deque<ReceivedEvent> events_;
+    std::deque<ReceivedEvent> attempts_;
+    std::ofstream eventsOut_;
     std::vector<std::pair<std::string, std::chrono::steady_clock::time_point>> tokens_;
     std::function<void(const ReceivedRequest&)> requestObserver_;
     std::function<void(const ReceivedEvent&)> eventObserver_;

@@ -38,6 +38,7 @@ struct ServeOptions {
     std::vector<std::string> faultPaths;
     std::uint64_t maxRequests = 0;
     double duration = 0;
+    std::size_t keepRecent = 10000;
     bool json = false;
     bool compress = false;
 };

@@ -69,6 +69,7 @@ int runServe(const ServeOptions& options) {
     serverOptions.compress = options.compress;
     serverOptions.inappFile = options.inappFile;
     serverOptions.eventsFile = options.eventsFile;
+    serverOptions.keepRecent = options.keepRecent;
     serverOptions.faults.status = options.faultStatus;
     serverOptions.faults.share = options.faultShare;
     serverOptions.faults.delayMs = options.delayMs;
@@ -127,12 +128,11 @@ int runServe(const ServeOptions& options) {
         }
     }
     server.stop();
-    auto requests = server.requests();
-    auto events = server.events();
-    emit(console, "tarn serve: stopped (" + reason + ") after " + std::to_string(requests.size()) +
-                      (requests.size() == 1 ? " request, " : " requests, ") +
-                      std::to_string(events.size()) +
-                      (events.size() == 1 ? " event\n" : " events\n"));
+    auto requests = server.requestCount();
+    auto events = server.eventCount();
+    emit(console, "tarn serve: stopped (" + reason + ") after " + std::to_string(requests) +
+                      (requests == 1 ? " request, " : " requests, ") + std::to_string(events) +
+                      (events == 1 ? " event\n" : " events\n"));
     return 0;
 }
 

@@ -112,6 +112,12 @@ int main(int argc, char** argv) {
                              "Stop after answering this many requests");
     serveCommand->add_option("--duration", serve.duration, "Stop after this many seconds")
         ->check(CLI::NonNegativeNumber);
+    serveCommand
+        ->add_option("--keep", serve.keepRecent,
+                     "How many of the newest requests and events to keep in memory; older ones "
+                     "are only counted (and still appended to --events-file), so the server's "
+                     "memory stays flat however long it runs")
+        ->default_val(10000);
 
     auto* check = app.add_subcommand("check", "Check a file a host ships or a server answers");
     check->require_subcommand(1);
