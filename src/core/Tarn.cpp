@@ -43,16 +43,12 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     }
     // 2.-4.
     settings.initializeStatus = InitializeStatusType::initializing;
-    // The host's strings go into preferences, request bodies and events: bytes that are not UTF-8
-    // are replaced here, once, so nothing downstream has to refuse them.
-    TarnInitConfig checked = config;
-    if (checked.actorId) {
-        checked.actorId = validUtf8(*checked.actorId);
-    }
-    checked.applicationName = validUtf8(checked.applicationName);
+    // The host's strings are kept as given. One that is not UTF-8 makes the requests and events
+    // that carry it fail the way any unwritable value does (no App-Info header, a request body
+    // that is not serialisable, a dropped event); only the preference store replaces such bytes.
     // Until this run's configuration fetch answers, requests run under the start-up settings.
     settings.configurationFetched = false;
-    configuration = checked;
+    configuration = config;
     tarnBundle = config.bundle.bundleIdentifier().value_or("");
     // 5.-6. The service file's address and credentials.
     if (!readClientKnowledge()) {
@@ -67,7 +63,7 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     // 8. Purge conversion markers older than a day.
     CoreDataManager::shared().deleteExpiredConversions();
     // 9. The actor.
-    configManager.updateActorId(configManager.resolveActorId(checked.actorId));
+    configManager.updateActorId(configManager.resolveActorId(config.actorId));
     // 10.
     loadState();
     // 11. The token routine; initialisation goes on when it has ended.
@@ -194,7 +190,7 @@ void Tarn::storeTokensIfAbsent() {
 
 void Tarn::setPushToken(const std::string& pushToken) {
     log("Push token set complete", logtag);
-    tarnPushToken = validUtf8(pushToken);
+    tarnPushToken = pushToken;
     syncTokens();
 }
 

@@ -149,19 +149,21 @@ TEST_F(HostileInputTest, DeepPreferenceFilesAreSetAsideAndTheStoreStaysSmall) {
     EXPECT_LT(fs::file_size(file), 30000u);
 }
 
-TEST_F(HostileInputTest, HostStringsThatAreNotUtf8AreReplacedNotThrown) {
+TEST_F(HostileInputTest, HostStringsThatAreNotUtf8AreReplacedOnlyInThePreferenceStore) {
     const std::string replaced = "\xEF\xBF\xBD";
     auto prefs = [] { return &PreferencesManager::shared(); };
     Tarn::shared().setPushToken("fcm-token-\xff");
     ConfigManager::shared().updateActorId("actor-\xC3");
+    // The stored copies are valid UTF-8; the values in memory are the host's bytes.
     EXPECT_EQ(prefs()->stringValue(PreferenceKey::actorId), "actor-" + replaced);
-    EXPECT_EQ(Tarn::shared().actorId.get(), "actor-" + replaced);
+    EXPECT_EQ(Tarn::shared().actorId.get(), "actor-\xC3");
+    EXPECT_EQ(Tarn::shared().tarnPushToken.get(), "fcm-token-\xff");
     // The file on disk is valid JSON that the next process reads back.
     simulateNewProcess();
     auto stored = nlohmann::json::parse(readFile(dataDir() / "Preferences" / "standard.json"));
     EXPECT_EQ(stored["pushToken"], "fcm-token-" + replaced);
 
-    // Through initialisation: the actor and the application name.
+    // Through initialisation: the stored actor is replaced, the application name kept.
     test::writeServiceFile(
         bundleDir(),
         {{"DOMAIN", "http://127.0.0.1:1"}, {"CLIENT_ID", "id"}, {"CLIENT_SECRET", "secret"}});
