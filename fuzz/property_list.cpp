@@ -1,5 +1,5 @@
 // Property lists (the service file and the bundle's Info.plist): the reader refuses or converts
-// any bytes without crashing, and what it returns is JSON the library can write.
+// any bytes without crashing, and what it returns can be written with bad bytes replaced.
 #include "FuzzSupport.h"
 #include "tarn/platform/PropertyList.h"
 
@@ -13,11 +13,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         return 0;
     }
-    // Strict: throws when a string is not UTF-8, which the reader promises never to return.
+    // Strings keep the file's bytes, UTF-8 or not; with those replaced the value is writable
+    // (no depth or type the writer refuses).
     try {
-        (void)value->dump(-1, ' ', false, nlohmann::json::error_handler_t::strict);
+        (void)value->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     } catch (const nlohmann::json::exception&) {
-        tarn::fuzz::violated("a property-list string is not UTF-8");
+        tarn::fuzz::violated("a property-list value cannot be written");
     }
     return 0;
 }

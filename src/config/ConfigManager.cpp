@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cctype>
 
-#include "core/InputSafety.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"
@@ -47,9 +46,7 @@ std::string ConfigManager::resolveActorId(const std::optional<std::string>& acto
     return guest;
 }
 
-void ConfigManager::updateActorId(const std::string& hostActorId) {
-    // Bytes that are not UTF-8 are replaced: the identifier is stored and sent in every event.
-    const std::string actorId = validUtf8(hostActorId);
+void ConfigManager::updateActorId(const std::string& actorId) {
     auto isBlank = std::all_of(actorId.begin(), actorId.end(),
                                [](unsigned char c) { return std::isspace(c) != 0; });
     if (isBlank) {

@@ -16,11 +16,10 @@ namespace tarn {
 namespace {
 
 // Bounds of the tuning values that the server's configuration block sets.
-constexpr std::int64_t kMaxRequestRetryCount = 10;
-constexpr std::int64_t kMaxRequestTimeoutSeconds = 86400;
+constexpr std::int64_t kMinRequestTimeoutSeconds = 1;
 constexpr double kMinQueueDelaySeconds = 0.001;
 constexpr double kMaxQueueDelaySeconds = 86400;
-constexpr std::int64_t kMaxConversionTimeoutMs = 10LL * 366 * 86400 * 1000;
+constexpr std::int64_t kMaxConversionOffsetSeconds = 10LL * 366 * 86400;
 
 }  // namespace
 
@@ -43,16 +42,12 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     }
     // 2.-4.
     settings.initializeStatus = InitializeStatusType::initializing;
-    // The host's strings go into preferences, request bodies and events: bytes that are not UTF-8
-    // are replaced here, once, so nothing downstream has to refuse them.
-    TarnInitConfig checked = config;
-    if (checked.actorId) {
-        checked.actorId = validUtf8(*checked.actorId);
-    }
-    checked.applicationName = validUtf8(checked.applicationName);
+    // The host's strings are kept as given. One that is not UTF-8 makes the requests and events
+    // that carry it fail the way any unwritable value does (no App-Info header, a request body
+    // that is not serialisable, a dropped event); only the preference store replaces such bytes.
     // Until this run's configuration fetch answers, requests run under the start-up settings.
     settings.configurationFetched = false;
-    configuration = checked;
+    configuration = config;
     tarnBundle = config.bundle.bundleIdentifier().value_or("");
     // 5.-6. The service file's address and credentials.
     if (!readClientKnowledge()) {
@@ -67,7 +62,7 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     // 8. Purge conversion markers older than a day.
     CoreDataManager::shared().deleteExpiredConversions();
     // 9. The actor.
-    configManager.updateActorId(configManager.resolveActorId(checked.actorId));
+    configManager.updateActorId(configManager.resolveActorId(config.actorId));
     // 10.
     loadState();
     // 11. The token routine; initialisation goes on when it has ended.
@@ -130,12 +125,12 @@ void Tarn::loadState() {
     settings.baseUrl = stored->domainUrl;
     if (settings.configurationFetched) {
         settings.requestRetryCount =
-            block && block->apiRequestRetryCount
-                ? std::clamp<std::int64_t>(*block->apiRequestRetryCount, 0, kMaxRequestRetryCount)
-                : 3;
+            block && block->apiRequestRetryCount ? *block->apiRequestRetryCount : 3;
+        // A time-out of zero or below would reach the transport as no time-out at all, so that a
+        // request the server never answers waits for ever: it counts as one second.
         settings.requestTimeout =
             block && block->apiRequestTimeout
-                ? std::clamp<std::int64_t>(*block->apiRequestTimeout, 1, kMaxRequestTimeoutSeconds)
+                ? std::max<std::int64_t>(*block->apiRequestTimeout, kMinRequestTimeoutSeconds)
                 : 3;
     } else {
         // The token request and the configuration fetch wait long on purpose: a block left from
@@ -144,19 +139,19 @@ void Tarn::loadState() {
         settings.requestRetryCount = ProcessSettings::kStartupRequestRetryCount;
         settings.requestTimeout = ProcessSettings::kStartupRequestTimeout;
     }
-    // The server's numbers are clamped to the ranges below before any conversion, so that a value
-    // out of all proportion (or NaN, or infinite) neither overflows a cast later nor turns a timer
-    // into a busy loop: retries 0...10, request time-out 1...86400 s, queue delay 0.001...86400 s,
-    // conversion period 0...10 years. Values inside these ranges are used as given.
+    // A queue delay out of all proportion (or NaN, or infinite) would turn the timer into a busy
+    // loop or overflow its arithmetic: it is clamped to 0.001...86400 s.
     settings.queueDelay = block && block->eventQueueDelay
                               ? clampNumber(*block->eventQueueDelay, kMinQueueDelaySeconds,
                                             kMaxQueueDelaySeconds, 0.5)
                               : 0.5;
-    std::int64_t timeoutMs =
-        block && block->conversionTimeout
-            ? std::clamp<std::int64_t>(*block->conversionTimeout, 0, kMaxConversionTimeoutMs)
-            : 86400000;
-    settings.conversionOffset = static_cast<double>(-(timeoutMs / 1000));
+    // The offset is minus the period in whole seconds, the division truncating toward zero, so a
+    // negative period gives a positive offset (-1999 ms gives +1 s). Only its size is bounded, to
+    // ten years either way, so that the cut-off date stays far from the limits of its arithmetic.
+    const std::int64_t timeoutMs =
+        block && block->conversionTimeout ? *block->conversionTimeout : 86400000;
+    settings.conversionOffset = static_cast<double>(std::clamp<std::int64_t>(
+        -(timeoutMs / 1000), -kMaxConversionOffsetSeconds, kMaxConversionOffsetSeconds));
 }
 
 void Tarn::syncTokens() {
@@ -194,7 +189,7 @@ void Tarn::storeTokensIfAbsent() {
 
 void Tarn::setPushToken(const std::string& pushToken) {
     log("Push token set complete", logtag);
-    tarnPushToken = validUtf8(pushToken);
+    tarnPushToken = pushToken;
     syncTokens();
 }
 

@@ -68,15 +68,13 @@ struct Member {
     static Member erased(std::string_view key) { return {key, Kind::erased, nullptr, {}, 0, 0}; }
 };
 
-/// Appends `text` as a JSON string exactly as the JSON library prints it. Plain printable ASCII
-/// is copied; anything else (escapes, UTF-8) goes through the library's own printer, so both ways
-/// give the same bytes. Bytes that are not UTF-8 are printed as U+FFFD, as every other string the
-/// host hands in: such an event is kept, never dropped and never thrown out of the library.
-constexpr auto kReplaceInvalid = nlohmann::json::error_handler_t::replace;
-
 /// The most members a thread keeps room for between bodies.
 constexpr std::size_t kKeptMembers = 256;
 
+/// Appends `text` as a JSON string exactly as the JSON library prints it. Plain printable ASCII
+/// is copied; anything else (escapes, UTF-8) goes through the library's own printer, so both ways
+/// give the same bytes, and bytes that are not UTF-8 throw its `type_error` as a dump would: the
+/// event manager drops such a record.
 void writeString(std::string& out, std::string_view text) {
     bool plain = std::all_of(text.begin(), text.end(), [](char c) {
         auto byte = static_cast<unsigned char>(c);
@@ -88,7 +86,7 @@ void writeString(std::string& out, std::string_view text) {
         out += '"';
         return;
     }
-    out += nlohmann::json(std::string(text)).dump(-1, ' ', false, kReplaceInvalid);
+    out += nlohmann::json(std::string(text)).dump();
 }
 
 /// Appends an integer as the JSON library prints it: a plain decimal.
@@ -122,7 +120,7 @@ void writeValue(std::string& out, const nlohmann::json& value) {
             writeInteger(out, value.get<std::uint64_t>());
             return;
         default:
-            out += value.dump(-1, ' ', false, kReplaceInvalid);
+            out += value.dump();
             return;
     }
 }

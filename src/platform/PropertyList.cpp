@@ -193,14 +193,14 @@ class Converter {
     }
 
   private:
-    /// A string of known length; a NUL inside is refused, bytes that are not UTF-8 are replaced.
+    /// A string of known length; a NUL inside is refused, other bytes are kept as they stand.
     std::optional<nlohmann::json> text(const char* s, uint64_t length) {
         std::string_view view(s ? s : "", s ? static_cast<std::size_t>(length) : 0);
         if (view.find('\0') != std::string_view::npos) {
             error = "a string holds a NUL character";
             return std::nullopt;
         }
-        return nlohmann::json(validUtf8(view));
+        return nlohmann::json(std::string(view));
     }
 
     std::optional<nlohmann::json> dictionary(plist_t node, std::size_t depth) {
@@ -219,7 +219,7 @@ class Converter {
                 result = std::move(object);
                 break;
             }
-            std::string name = validUtf8(key ? key : "");
+            std::string name = key ? key : "";
             std::free(key);
             auto item = convert(value, depth + 1);
             if (!item) {

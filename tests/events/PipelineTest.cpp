@@ -173,6 +173,23 @@ TEST_F(EventPipelineTest, UnusableRecordsAreDroppedAndAFailedSendIsLost) {
     queue().advance(2);
     EXPECT_EQ(server_->count(kEventPath), 8u);
     EXPECT_EQ(storedEventCount(), 0);
+
+    // A record that cannot be serialised (a parameter string that is not UTF-8) is dropped: its
+    // conversion look-up is logged as for any event, nothing is stored or sent, and the event
+    // after it goes out as usual.
+    TarnEvent::shared().sendCustomEvent(screen(), std::nullopt, "unwritable",
+                                        json{{"note", std::string("caf\xe9 au lait")}});
+    EXPECT_EQ(storedEventCount(), 0);
+    EXPECT_TRUE(logs.contains(
+        "Tarn-ConversionManager: unwritable is not a conversion event. Not Found: Requestted item "
+        "was not found in conversion database!;"));
+    EXPECT_FALSE(logs.containsText("unwritable has been saved to the queue."));
+    sendCustom("after the unwritable");
+    ASSERT_TRUE(drainUntil(9));
+    queue().advance(2);
+    EXPECT_EQ(server_->count(kEventPath), 9u);
+    EXPECT_EQ(receivedNames().back(), "after the unwritable");
+    EXPECT_EQ(storedEventCount(), 0);
 }
 
 // What later events carry changes with the facade's state: the actor on login and logout, and a

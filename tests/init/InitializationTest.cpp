@@ -86,6 +86,35 @@ TEST_F(InitializationTest, FailedFetchesKeepEventsAndAServerErrorFailsOnlyWithou
     }));
 }
 
+// An application name that is not UTF-8 is kept as the host gave it: requests go out without the
+// App-Info header, with one log line each, and the in-app request, whose body carries the name,
+// cannot be serialised, so initialisation fails.
+TEST_F(InitializationTest, AnApplicationNameThatIsNotUtf8DropsAppInfoAndFailsTheInAppRequest) {
+    LogCapture logs;
+    auto config = hostConfig("actor-1");
+    config.applicationName = "Host\xff App";
+    EXPECT_EQ(initializeAndWait(config), InitializeStatusType::initializeFailed);
+    auto tokens = server_->requests(kTokenPath);
+    ASSERT_EQ(tokens.size(), 1u);
+    EXPECT_FALSE(tokens[0].header("App-Info"));
+    EXPECT_EQ(tokens[0].header("Content-Type"), "application/json");
+    EXPECT_EQ(logs.count("Tarn-ServiceClient: Failed to encode app info: a field is not valid "
+                         "UTF-8;"),
+              2u);
+    EXPECT_TRUE(logs.contains(
+        "Tarn-ServiceClient: Invalid string value (not UTF-8) in JSON write;"));
+    EXPECT_TRUE(logs.contains("Tarn-InAppRepository: No Data;"));
+    EXPECT_EQ(server_->count(kInAppPath), 0u);
+    EXPECT_EQ(Tarn::shared().applicationName.get(), "Host\xff App");
+
+    // The same host with a readable name: the header is back and initialisation succeeds.
+    config.applicationName = "Host App";
+    config.forceInitialize = true;
+    EXPECT_EQ(initializeAndWait(config), InitializeStatusType::initialized);
+    ASSERT_EQ(server_->count(kInAppPath), 1u);
+    EXPECT_TRUE(server_->requests(kInAppPath)[0].header("App-Info"));
+}
+
 TEST_F(InitializationTest, AFirstRunSendsInstallThenThePopupIsShownWithinItsLimitAndReports) {
     auto first = popup("p1", 1);
     first["conversionEvent"] = "purchase";

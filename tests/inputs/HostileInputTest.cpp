@@ -149,19 +149,21 @@ TEST_F(HostileInputTest, DeepPreferenceFilesAreSetAsideAndTheStoreStaysSmall) {
     EXPECT_LT(fs::file_size(file), 30000u);
 }
 
-TEST_F(HostileInputTest, HostStringsThatAreNotUtf8AreReplacedNotThrown) {
+TEST_F(HostileInputTest, HostStringsThatAreNotUtf8AreReplacedOnlyInThePreferenceStore) {
     const std::string replaced = "\xEF\xBF\xBD";
     auto prefs = [] { return &PreferencesManager::shared(); };
     Tarn::shared().setPushToken("fcm-token-\xff");
     ConfigManager::shared().updateActorId("actor-\xC3");
+    // The stored copies are valid UTF-8; the values in memory are the host's bytes.
     EXPECT_EQ(prefs()->stringValue(PreferenceKey::actorId), "actor-" + replaced);
-    EXPECT_EQ(Tarn::shared().actorId.get(), "actor-" + replaced);
+    EXPECT_EQ(Tarn::shared().actorId.get(), "actor-\xC3");
+    EXPECT_EQ(Tarn::shared().tarnPushToken.get(), "fcm-token-\xff");
     // The file on disk is valid JSON that the next process reads back.
     simulateNewProcess();
     auto stored = nlohmann::json::parse(readFile(dataDir() / "Preferences" / "standard.json"));
     EXPECT_EQ(stored["pushToken"], "fcm-token-" + replaced);
 
-    // Through initialisation: the actor and the application name.
+    // Through initialisation: the stored actor is replaced, the application name kept.
     test::writeServiceFile(
         bundleDir(),
         {{"DOMAIN", "http://127.0.0.1:1"}, {"CLIENT_ID", "id"}, {"CLIENT_SECRET", "secret"}});
@@ -169,21 +171,26 @@ TEST_F(HostileInputTest, HostStringsThatAreNotUtf8AreReplacedNotThrown) {
                                              "http://host-value", std::nullopt, "id", "secret",
                                              false, false, true));
     EXPECT_EQ(prefs()->stringValue(PreferenceKey::actorId), "host-" + replaced);
-    EXPECT_EQ(Tarn::shared().configuration.get()->applicationName, "App" + replaced);
+    EXPECT_EQ(Tarn::shared().configuration.get()->applicationName, "App\xfe");
 }
 
-TEST_F(HostileInputTest, ServerTuningValuesAreClampedBeforeUse) {
+TEST_F(HostileInputTest, ServerTuningValuesAreBoundedOnlyWhereTheyWouldHangOrOverflow) {
     Tarn::shared().configuration =
         TarnInitConfig(Bundle::main(), "App", "actor", "http://x", std::nullopt, "id", "secret",
                        false, false, false);
     auto& settings = processSettings();
     settings.configurationFetched = true;  // as after the configuration fetch has answered
     // In: eventQueueDelay, apiRequestTimeout, apiRequestRetryCount, conversionTimeout. Out: the
-    // queue delay, time-out, retry budget and conversion offset in force.
+    // queue delay, time-out, retry budget and conversion offset in force. The retry budget is
+    // used as given; a time-out of zero or below counts as one second; the conversion offset
+    // keeps its sign rule and is bounded to ten years either way.
+    constexpr double kMax = 9223372036854775807.0;
+    constexpr double kTenYears = 10.0 * 366 * 86400;
     for (const auto& [in, out] : std::vector<std::pair<std::string, std::vector<double>>>{
              {"1e10, 9223372036854775807, 9223372036854775807, 9223372036854775807",
-              {86400, 86400, 10, -10.0 * 366 * 86400}},
-             {"-3, -1, -5, -9223372036854775807", {0.001, 1, 0, 0}},
+              {86400, kMax, kMax, -kTenYears}},
+             {"-3, -1, -5, -9223372036854775807", {0.001, 1, -5, kTenYears}},
+             {"0.5, 0, 2, -1999", {0.5, 1, 2, 1}},
              {"0.05, 7, 0, 1500", {0.05, 7, 0, -1}}}) {  // in range: used as given
         SCOPED_TRACE(in);
         auto v = nlohmann::json::parse("[" + in + "]");

@@ -52,6 +52,18 @@ TEST_F(ServiceClientTest, FramesEveryRequestKeepsNoCookiesAndRefusesAnUnwritable
     for (const auto& request : seen)
         EXPECT_EQ(request.header("cache-control"), "no-cache");
 
+    // App info that cannot be encoded (a bundle identifier that is not UTF-8): the failure is
+    // logged and the request goes out without the header.
+    writeInfoPlist(bundleDir(), "com.example.\xff");
+    ASSERT_TRUE(post(Endpoint::event, {{"n", 3}}).wait());
+    seen = server_->requests(Endpoint::event);
+    ASSERT_EQ(seen.size(), 4u);
+    EXPECT_FALSE(seen[3].header("App-Info"));
+    EXPECT_EQ(seen[3].header("Content-Type"), "application/json");
+    EXPECT_EQ(nlohmann::json::parse(seen[3].body), nlohmann::json({{"n", 3}}));
+    EXPECT_TRUE(
+        logs_->contains(line(kTag, "Failed to encode app info: a field is not valid UTF-8")));
+
     // A body JSON cannot write completes at once, on the caller's thread, and sends nothing.
     const std::string message = "Invalid number value (infinite or NaN) in JSON write";
     auto pending = post(Endpoint::event, {{"nested", {{"x", std::nan("")}}}});
@@ -61,7 +73,7 @@ TEST_F(ServiceClientTest, FramesEveryRequestKeepsNoCookiesAndRefusesAnUnwritable
     ASSERT_TRUE(outcome->networkError());
     EXPECT_EQ(*outcome->networkError(), NetworkError::serializationError(message));
     EXPECT_TRUE(logs_->contains(line(kTag, message)));
-    EXPECT_EQ(server_->totalCount(), 3u);
+    EXPECT_EQ(server_->totalCount(), 4u);
 }
 
 TEST_F(ServiceClientTest, OnlyStatus200IsSuccessRedirectsAreNotFollowedAndA5xxWithBudgetWaits) {

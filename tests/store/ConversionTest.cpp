@@ -1,9 +1,12 @@
 // Conversion markers: the look-up's period and order, consumption, the purge, arming on the
-// millisecond-as-second scale, markers of another connection, and the conversion key in a body.
+// millisecond-as-second scale, markers of another connection, the period from the server's
+// configuration block, and the conversion key in a body.
 #include "support/RawDatabase.h"
 #include "support/TestSupport.h"
 #include "tarn/core/Settings.h"
 #include "tarn/core/Tarn.h"
+#include "tarn/inapp/AppCommunicationCoding.h"
+#include "tarn/platform/Bundle.h"
 #include "tarn/store/ConversionManager.h"
 #include "tarn/store/CoreDataManager.h"
 
@@ -85,6 +88,35 @@ TEST_F(ConversionTest, NewestMarkerInsideThePeriodIsConsumedFirstAndArmedMarkers
     EXPECT_EQ(conversions.checkConversion("login"), std::nullopt);
     processSettings().conversionOffset = -7200.0;
     EXPECT_EQ(conversions.checkConversion("login"), "hour-old");
+    EXPECT_EQ(storedCodes(), Codes{"at-cutoff"});
+
+    // The period comes from the server's configuration block as whole seconds, truncated toward
+    // zero and negated: a negative period moves the cutoff past now (-1999 ms: one second ahead),
+    // so only a marker stamped later than that counts. Only the offset's size is bounded.
+    Tarn::shared().configuration =
+        TarnInitConfig(Bundle::main(), "App", "alice", "http://x", std::nullopt, "id", "secret",
+                       false, false, false);
+    auto fromServer = [](const std::string& conversionTimeout) {
+        auto answer = decodeAppCommunication(
+            R"({"configuration": {"conversionTimeout": )" + conversionTimeout + "}}");
+        EXPECT_TRUE(answer.ok()) << answer.error().localizedDescription();
+        TarnSession::shared().setAppCommunication(answer.value());
+        Tarn::shared().loadState();
+        Tarn::shared().actorId = "alice";
+        return processSettings().conversionOffset.load();
+    };
+    constexpr double kTenYears = 10.0 * 366 * 86400;
+    EXPECT_EQ(fromServer("1500"), -1.0);
+    EXPECT_EQ(fromServer("-9223372036854775807"), kTenYears);
+    EXPECT_EQ(fromServer("9223372036854775807"), -kTenYears);
+    EXPECT_EQ(fromServer("-999"), 0.0);
+    EXPECT_EQ(fromServer("-1999"), 1.0);
+    arm("alice", "half-a-second-ahead", "login", Date{kNow + 0.5});
+    arm("alice", "two-seconds-ahead", "login", Date{kNow + 2});
+    EXPECT_EQ(conversions.checkConversion("login"), "two-seconds-ahead");
+    EXPECT_EQ(conversions.checkConversion("login"), std::nullopt);
+    processSettings().conversionOffset = -86400.0;
+    EXPECT_EQ(conversions.checkConversion("login"), "half-a-second-ahead");
     EXPECT_EQ(storedCodes(), Codes{"at-cutoff"});
 
     // Arming pins the time in whole milliseconds read as seconds, so the purge, which takes

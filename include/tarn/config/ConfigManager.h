@@ -30,7 +30,8 @@ class ConfigManager {
     /// the in-memory identifier changes from a non-empty one, then stores the identifier untrimmed.
     /// An identifier (host or guest) that cannot be written to the preference store is still kept
     /// for this process, and every event carries it; one line says so, once per process.
-    /// Bytes that are not UTF-8 are replaced by U+FFFD first.
+    /// The in-memory identifier keeps the bytes as given; only the stored copy has bytes that are
+    /// not UTF-8 replaced by U+FFFD (see `PreferencesManager::set`).
     void updateActorId(const std::string& actorId);
 
   private:

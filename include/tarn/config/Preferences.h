@@ -34,7 +34,8 @@ class PreferencesManager {
     /// The stored "actorId", else the stored "guestActorId", else "".
     std::string storedActorId() const;
 
-    /// Stores `value` under `key`, bytes that are not UTF-8 replaced by U+FFFD; true when it
+    /// Stores `value` under `key`, bytes that are not UTF-8 replaced by U+FFFD (the store's file is
+    /// JSON text, which cannot carry them); true when it
     /// reached the file, false when the store keeps it in memory for this process only (the file
     /// could not be written).
     bool set(PreferenceKey key, const std::string& value) const;

@@ -24,10 +24,10 @@ struct ProcessSettings {
 
     /// The server's base address; unset until initialisation reads the service file.
     Locked<std::optional<std::string>> baseUrl;
-    /// Retry budget of the service client for 5xx answers; a server value is clamped to 0...10.
+    /// Retry budget of the service client for 5xx answers.
     std::atomic<std::int64_t> requestRetryCount{kStartupRequestRetryCount};
     /// Request time-out in seconds: 3000 until the configuration fetch has answered, then the
-    /// server's value (clamped to 1...86400) or 3.
+    /// server's value (one second when it is zero or below) or 3.
     std::atomic<std::int64_t> requestTimeout{kStartupRequestTimeout};
     /// Whether the configuration fetch of the current initialisation has answered. Every
     /// initialisation, a forced one included, clears it before its first `loadState`, so the
@@ -38,8 +38,8 @@ struct ProcessSettings {
     /// Period of the offline queue's timer, in seconds; a server value is clamped to
     /// 0.001...86400 (NaN reads as the default 0.5).
     std::atomic<double> queueDelay{0.5};
-    /// Conversion offset in seconds: minus the conversion period (a server period is clamped to
-    /// 0...10 years).
+    /// Conversion offset in seconds: minus the conversion period in whole seconds (truncated
+    /// toward zero, so a negative period gives a positive offset), bounded to ten years either way.
     std::atomic<double> conversionOffset{-86400.0};
     /// The journeys list that every event record carries. The library has no source of journeys
     /// of its own, so it stays empty unless the host sets it.

@@ -10,8 +10,8 @@ namespace tarn {
 
 /// Parses a property list in XML or binary form. Strings, integers, reals, booleans, arrays and
 /// dictionaries map to the JSON values of the same kind; a data item becomes {"$data": base64
-/// text} and a date {"$date": seconds since 1970}, so that neither reads as a string. Bytes of a
-/// string or key that are not UTF-8 are replaced by U+FFFD. Returns none when the bytes are not a
+/// text} and a date {"$date": seconds since 1970}, so that neither reads as a string. The bytes of
+/// strings and keys are kept as the file holds them, UTF-8 or not. Returns none when the bytes are not a
 /// property list, when a string or key holds a NUL character, or when arrays and dictionaries nest
 /// more than 128 deep (`kMaxNestingDepth`); `error` then says why. Never throws.
 std::optional<nlohmann::json> parsePropertyList(const std::string& bytes,
