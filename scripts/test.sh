@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs every test: the optimised build (and a two-minute soak
 # with it), then under AddressSanitizer with UndefinedBehaviorSanitizer, then the thread-heavy
-# suites under ThreadSanitizer, and last the fuzz targets for a short run. TARN_TEST_PRESETS overrides the list
-# ("default asan tsan").
+# suites under ThreadSanitizer, and last the fuzz targets for a short run. TARN_TEST_PRESETS
+# overrides the list ("default asan tsan").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
