@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"

@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 
 namespace tarn {
 
