@@ -1,7 +1,7 @@
 // A record of the offline queue as read back from the store, on its way to the request body: the
 // bounded parse refuses or accepts it, and an accepted object serialises without throwing.
 #include "FuzzSupport.h"
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 #include "tarn/network/ServiceClient.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,35 +1,27 @@
+// The popup: its card and rows, what the user does with them, and the auto-dismiss timer. The
+// image row is the slider (ImageSlider.cpp), whose images come from its loader (ImageLoader.cpp).
+
 #include "tarn/qt/InAppPopup.h"
 
-#include <QBuffer>
 #include <QEvent>
 #include <QHBoxLayout>
-#include <QImageReader>
 #include <QKeyEvent>
 #include <QLabel>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
 #include <QPainter>
 #include <QPushButton>
-#include <QThreadPool>
 #include <QTimer>
 #include <QToolButton>
 #include <QVBoxLayout>
 #include <algorithm>
-#include <mutex>
 
 #include "Internal.h"
-#include "tarn/core/Log.h"
-#include "tarn/push/TarnSliderPushHelper.h"
 
 namespace tarn::qt {
 
 namespace {
 
-constexpr qint64 kMaxImageBytes = 8 * 1024 * 1024;
-constexpr qint64 kMaxImagePixels = 40'000'000;
-constexpr int kCardMaxWidth = 400;
+using detail::kCardMaxWidth;
 constexpr int kCardMargin = 24;
-constexpr int kSwipeDistance = 40;
 
 QString css(const Color& c) {
     return QStringLiteral("rgba(%1,%2,%3,%4)").arg(c.red).arg(c.green).arg(c.blue).arg(c.alpha);
@@ -64,286 +56,7 @@ class Card final : public QFrame {
     bool pressed_ = false;
 };
 
-/// The slider as the rich-push helper's collection view, so both move by the same index rules.
-class SliderView final : public SliderCollectionView {
-  public:
-    explicit SliderView(ImageSlider& slider) : slider_(slider) {}
-    double frameWidth() const override { return slider_.width(); }
-    void setPagingEnabled(bool) override {}
-    void scrollToItem(IndexPath indexPath, SliderScrollPosition, bool) override {
-        slider_.showIndex(static_cast<int>(indexPath.item));
-    }
-
-  private:
-    ImageSlider& slider_;
-};
-
 }  // namespace
-
-/// The slider's picture: paints the current image (or the placeholder) itself, so an arriving
-/// image costs a repaint of this widget only, never a layout pass of the popup.
-class PictureView final : public QWidget {
-  public:
-    explicit PictureView(QWidget* parent) : QWidget(parent) {
-        setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
-    }
-    void showPixmap(const QPixmap& pixmap, const QString& placeholder) {
-        pixmap_ = pixmap;
-        placeholder_ = placeholder;
-        update();
-    }
-
-  protected:
-    void paintEvent(QPaintEvent*) override {
-        QPainter painter(this);
-        painter.setRenderHint(QPainter::Antialiasing);
-        if (pixmap_.isNull()) {
-            painter.setPen(Qt::NoPen);
-            painter.setBrush(QColor(128, 128, 128, 40));
-            painter.drawRoundedRect(rect(), 8, 8);
-            painter.setPen(QColor(60, 60, 60, 200));
-            painter.drawText(rect(), Qt::AlignCenter, placeholder_);
-            return;
-        }
-        QSizeF size = pixmap_.deviceIndependentSize();
-        QPointF at((width() - size.width()) / 2, (height() - size.height()) / 2);
-        painter.drawPixmap(at, pixmap_);
-    }
-
-  private:
-    QPixmap pixmap_;
-    QString placeholder_;
-};
-
-// ---- ImageSlider
-
-/// The slider as seen by decoding tasks on the thread pool: cleared when the slider goes, so a
-/// late decode result is dropped instead of reaching a dead widget.
-struct ImageSlider::Alive {
-    std::mutex mutex;
-    ImageSlider* slider = nullptr;
-};
-
-ImageSlider::ImageSlider(std::vector<std::string> urls, int maxImages, int timeoutSeconds,
-                         QWidget* parent)
-    : QWidget(parent), alive_(std::make_shared<Alive>()) {
-    alive_->slider = this;
-    setProperty("tarnRow", "images");
-    setObjectName("tarnSlider");
-    // Its own sheet, so a host's sheet that paints every widget stays out of the card.
-    setStyleSheet("QWidget#tarnSlider, QLabel { background: transparent; }");
-    maxImages = std::max(1, maxImages);
-    if (urls.size() > static_cast<std::size_t>(maxImages)) {
-        log("popup carries " + std::to_string(urls.size()) + " images; showing the first " +
-                std::to_string(maxImages),
-            detail::kViewTag);
-        urls.resize(static_cast<std::size_t>(maxImages));
-    }
-    for (auto& url : urls) {
-        slots_.push_back(Slot{std::move(url), SlotState::loading, {}});
-    }
-
-    picture_ = new PictureView(this);
-    picture_->setObjectName("tarnPicture");
-    page_ = new QLabel(this);
-    page_->setAlignment(Qt::AlignCenter);
-    page_->setStyleSheet("color: rgba(90,90,90,255); font-size: 11px; background: transparent;");
-    auto makeArrow = [this](const QString& text, const QString& name) {
-        auto* button = new QToolButton(this);
-        button->setText(text);
-        button->setObjectName(name);
-        button->setCursor(Qt::PointingHandCursor);
-        button->setStyleSheet(
-            "QToolButton { background: rgba(0,0,0,90); color: white;"
-            " border: none; border-radius: 14px; font-size: 16px;"
-            " font-weight: bold; }"
-            "QToolButton:hover { background: rgba(0,0,0,140); }");
-        button->setFixedSize(28, 28);
-        return button;
-    };
-    previous_ = makeArrow(QStringLiteral("\u2039"), "tarnPrevious");
-    next_ = makeArrow(QStringLiteral("\u203A"), "tarnNext");
-    connect(previous_, &QToolButton::clicked, this, [this] { previous(); });
-    connect(next_, &QToolButton::clicked, this, [this] { next(); });
-    previous_->setVisible(slots_.size() > 1);
-    next_->setVisible(slots_.size() > 1);
-
-    auto* layout = new QVBoxLayout(this);
-    layout->setContentsMargins(0, 0, 0, 0);
-    layout->setSpacing(4);
-    layout->addWidget(picture_);
-    layout->addWidget(page_);
-
-    network_ = new QNetworkAccessManager(this);
-    for (int i = 0; i < count(); ++i) {
-        load(i, timeoutSeconds);
-    }
-    refresh();
-}
-
-ImageSlider::~ImageSlider() {
-    std::lock_guard lock(alive_->mutex);
-    alive_->slider = nullptr;
-}
-
-void ImageSlider::load(int index, int timeoutSeconds) {
-    QUrl url(QString::fromStdString(slots_[index].url), QUrl::StrictMode);
-    if (!url.isValid() || (url.scheme() != "http" && url.scheme() != "https")) {
-        slots_[index].state = SlotState::failed;
-        return;
-    }
-    QNetworkRequest request(url);
-    request.setTransferTimeout(std::max(1, timeoutSeconds) * 1000);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         QNetworkRequest::NoLessSafeRedirectPolicy);
-    QNetworkReply* reply = network_->get(request);
-    reply->setParent(this);
-    connect(reply, &QNetworkReply::downloadProgress, reply, [reply](qint64 received, qint64 total) {
-        if (received > kMaxImageBytes || total > kMaxImageBytes) {
-            reply->abort();
-        }
-    });
-    connect(reply, &QNetworkReply::finished, this, [this, reply, index] {
-        reply->deleteLater();
-        if (reply->error() != QNetworkReply::NoError) {
-            finished(index, QImage());
-            return;
-        }
-        QByteArray data = reply->read(kMaxImageBytes + 1);
-        if (data.size() > kMaxImageBytes) {
-            finished(index, QImage());
-            return;
-        }
-        QSize target = picture_->size().isEmpty() ? QSize(kCardMaxWidth, kCardMaxWidth * 9 / 16)
-                                                  : picture_->size();
-        target *= devicePixelRatioF();
-        QThreadPool::globalInstance()->start(
-            [alive = alive_, data = std::move(data), target, index]() mutable {
-                QBuffer buffer(&data);
-                buffer.open(QIODevice::ReadOnly);
-                QImageReader reader(&buffer);
-                QSize size = reader.size();
-                QImage image;
-                if (size.isValid() &&
-                    static_cast<qint64>(size.width()) * size.height() <= kMaxImagePixels) {
-                    image = reader.read();
-                    if (!image.isNull()) {
-                        image = image.scaled(target, Qt::KeepAspectRatio, Qt::SmoothTransformation);
-                    }
-                }
-                std::lock_guard lock(alive->mutex);
-                if (alive->slider) {
-                    QMetaObject::invokeMethod(
-                        alive->slider,
-                        [slider = alive->slider, index, image = std::move(image)] {
-                            slider->finished(index, image);
-                        },
-                        Qt::QueuedConnection);
-                }
-            });
-    });
-}
-
-void ImageSlider::finished(int index, const QImage& image) {
-    if (index < 0 || index >= count()) {
-        return;
-    }
-    auto& slot = slots_[index];
-    if (image.isNull()) {
-        slot.state = SlotState::failed;
-        log("image " + std::to_string(index + 1) + " could not be shown", detail::kViewTag);
-    } else {
-        slot.state = SlotState::loaded;
-        slot.pixmap = QPixmap::fromImage(image);
-        slot.pixmap.setDevicePixelRatio(devicePixelRatioF());
-    }
-    if (index == index_) {
-        refresh();
-    }
-}
-
-int ImageSlider::settledCount() const {
-    return static_cast<int>(std::count_if(
-        slots_.begin(), slots_.end(), [](const Slot& s) { return s.state != SlotState::loading; }));
-}
-
-int ImageSlider::next() {
-    if (count() > 0) {
-        SliderView view(*this);
-        TarnSliderPushHelper::scrollNextItem(&view, index_, count());
-    }
-    return index_;
-}
-
-int ImageSlider::previous() {
-    if (count() > 0) {
-        SliderView view(*this);
-        TarnSliderPushHelper::scrollPreviousItem(&view, index_, count());
-    }
-    return index_;
-}
-
-void ImageSlider::showIndex(int index) {
-    if (index >= 0 && index < count()) {
-        index_ = index;
-        refresh();
-    }
-}
-
-void ImageSlider::refresh() {
-    if (slots_.empty()) {
-        return;
-    }
-    const auto& slot = slots_[index_];
-    switch (slot.state) {
-        case SlotState::loaded:
-            picture_->showPixmap(slot.pixmap, {});
-            break;
-        case SlotState::loading:
-            picture_->showPixmap({}, tr("Loading\u2026"));
-            break;
-        case SlotState::failed:
-            picture_->showPixmap({}, tr("Image unavailable"));
-            break;
-    }
-    page_->setText(count() > 1 ? QStringLiteral("%1 / %2").arg(index_ + 1).arg(count())
-                               : QString());
-    page_->setVisible(count() > 1);
-}
-
-void ImageSlider::setPictureWidth(int width) {
-    picture_->setFixedHeight(std::max(1, width) * 9 / 16);
-}
-
-void ImageSlider::resizeEvent(QResizeEvent* event) {
-    QWidget::resizeEvent(event);
-    int y = (picture_->height() - previous_->height()) / 2;
-    previous_->move(8, y);
-    next_->move(width() - next_->width() - 8, y);
-    previous_->raise();
-    next_->raise();
-}
-
-void ImageSlider::mousePressEvent(QMouseEvent* event) {
-    pressed_ = event->button() == Qt::LeftButton;
-    pressAt_ = event->position().toPoint();
-    event->accept();
-}
-
-void ImageSlider::mouseReleaseEvent(QMouseEvent* event) {
-    if (pressed_ && event->button() == Qt::LeftButton) {
-        int dx = event->position().toPoint().x() - pressAt_.x();
-        if (dx <= -kSwipeDistance) {
-            next();
-        } else if (dx >= kSwipeDistance) {
-            previous();
-        }
-    }
-    pressed_ = false;
-    event->accept();
-}
-
-// ---- InAppPopup
 
 InAppPopup::InAppPopup(QWidget* host, std::shared_ptr<InAppViewController> screen, int maxImages,
                        int imageTimeoutSeconds)

@@ -12,6 +12,9 @@
 namespace tarn::qt::detail {
 
 inline constexpr const char* kViewTag = "Tarn-InappView:";
+/// The popup card's widest width in pixels; the image loader scales to it while the picture has no
+/// size yet.
+inline constexpr int kCardMaxWidth = 400;
 
 struct Integration {
     std::mutex mutex;

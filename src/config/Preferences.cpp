@@ -1,6 +1,6 @@
 #include "tarn/config/Preferences.h"
 
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 
 namespace tarn {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 #include "tarn/config/ConfigurationManager.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Fatal.h"

@@ -15,7 +15,7 @@
 #include <fstream>
 #include <string_view>
 
-#include "core/ForkGeneration.h"
+#include "base/ForkGeneration.h"
 
 namespace tarn::detail {
 

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <typeinfo>
 
-#include "core/LogLineBatch.h"
+#include "base/LogLineBatch.h"
 #include "tarn/config/ConfigManager.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Log.h"

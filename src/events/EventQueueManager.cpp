@@ -1,6 +1,6 @@
 #include "tarn/events/EventQueueManager.h"
 
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 #include "tarn/config/ConfigManager.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"

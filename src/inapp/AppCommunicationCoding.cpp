@@ -1,3 +1,9 @@
+// The wire coding of the in-app records, both ways: strict readers with a failure path that names
+// the offending value, then encoding through one field list per record for two sinks (a JSON value
+// and JSON text). It is one idea, each record's wire keys and types, and stays one file, longer
+// than most, so that a field is added to its reader and to its field list side by side and the
+// round trip (decoding what was encoded gives the record back) is kept in one place.
+
 #include "tarn/inapp/AppCommunicationCoding.h"
 
 #include <charconv>
@@ -6,7 +12,7 @@
 #include <optional>
 #include <vector>
 
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 
 namespace tarn {
 

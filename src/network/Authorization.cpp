@@ -3,7 +3,7 @@
 #include <cmath>
 #include <limits>
 
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"

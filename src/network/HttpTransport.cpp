@@ -1,3 +1,9 @@
+// The HTTP transport over libcurl: the small methods of the request and answer values, the curl
+// session with its worker thread, and the process's shared session. It is one idea, how a request
+// goes over the wire, and stays one file: the worker's loop, the transfer's callbacks and the
+// classification of a finished transfer all work on the transfer's state, which nothing outside
+// needs to see.
+
 #include "tarn/network/HttpTransport.h"
 
 #include <curl/curl.h>

@@ -1,12 +1,33 @@
 #include "tarn/platform/NotificationCenter.h"
 
 #include <algorithm>
+#include <chrono>
 
+#include "base/LogRecordSink.h"
+#include "tarn/core/Log.h"
 #include "tarn/core/Shared.h"
 
 namespace tarn {
 
+namespace {
+
+/// The logger's records, posted as "TarnLogNotification" when anyone observes that name.
+void postLogRecord(const std::string& message, std::optional<std::string_view> tag) {
+    auto& center = NotificationCenter::defaultCenter();
+    if (center.hasObservers(kTarnLogNotification)) {
+        TarnLog record{message, tag ? std::optional<std::string>(*tag) : std::nullopt,
+                       std::chrono::system_clock::now()};
+        center.post(kTarnLogNotification, record);
+    }
+}
+
+}  // namespace
+
 NotificationCenter& NotificationCenter::defaultCenter() {
+    // The logger (below this layer) posts its records here from the first use of the centre on,
+    // which comes before anyone can observe them.
+    static const bool logRecordsPosted = (detail::setLogRecordSink(&postLogRecord), true);
+    (void)logRecordsPosted;
     // Reset late, after the components that observe it.
     return detail::SharedInstance<NotificationCenter, 900>::get();
 }

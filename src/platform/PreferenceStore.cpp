@@ -14,7 +14,7 @@
 #include <mutex>
 #include <set>
 
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 #include "tarn/core/Shared.h"
 #include "tarn/platform/DataDirectory.h"
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string_view>
 
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 
 namespace tarn {
 

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 #include "support/TestSupport.h"
 #include "tarn/config/ConfigManager.h"
 #include "tarn/config/ConfigurationManager.h"

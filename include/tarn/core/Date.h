@@ -5,6 +5,9 @@
 // 2262; the conversion markers of the local store carry times on a millisecond-as-second scale
 // (about 1.7e12 seconds since 1970), which that type cannot hold. A double holds every whole
 // second up to 2^53 exactly, so such a value survives storing and reading unchanged.
+//
+// One of the base utilities under every subsystem (sources in src/base/); it includes nothing
+// of the library above that layer.
 
 #include <compare>
 #include <optional>

@@ -1,5 +1,8 @@
 #pragma once
 // Programming errors end the process: the message and its source go to standard error, then abort.
+//
+// One of the base utilities under every subsystem (sources in src/base/); it includes nothing
+// of the library above that layer.
 
 #include <string>
 #include <string_view>

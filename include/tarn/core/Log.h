@@ -4,6 +4,9 @@
 // Every call posts a `TarnLog` record as the notification "TarnLogNotification" (object: the
 // record) on `NotificationCenter::defaultCenter()`, synchronously on the calling thread, and then
 // prints the line "<tag> <message>;" to standard output. There are no levels and no switch.
+//
+// One of the base utilities under every subsystem (sources in src/base/); it includes nothing
+// of the library above that layer.
 
 #include <chrono>
 #include <optional>

@@ -1,6 +1,10 @@
 #pragma once
 // Process-wide settings that initialisation fills from the service file and the server's
 // configuration block, and that the subsystems read on every use.
+//
+// One of the base utilities under every subsystem (sources in src/base/). Its one include above
+// that layer is the in-app wire model, for the answer `TarnSession` holds (see
+// scripts/check-layers.sh).
 
 #include <atomic>
 #include <cstdint>

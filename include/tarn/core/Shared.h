@@ -19,6 +19,9 @@
 // Test programs may call `resetSharedInstancesForTesting()` between cases while no library work is
 // in flight; it destroys every instance (the main queue first), so the next `shared()` call builds
 // a fresh one.
+//
+// One of the base utilities under every subsystem (sources in src/base/); it includes nothing
+// of the library above that layer.
 
 #include <functional>
 #include <memory>

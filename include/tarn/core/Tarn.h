@@ -1,6 +1,13 @@
 #pragma once
 // The facade through which a host drives the library.
 //
+// Layers: the facade and its initialisation (src/core/) sit on top of every subsystem. Below them,
+// each layer including only itself and those beneath: events; inapp and push; network; store,
+// config and device; platform (the seams to the system); and the base utilities (src/base/:
+// logging, shared instances, dates, settings). The Qt integration (qt/) and the tools sit above
+// the facade. The subsystems still read the identity, token and switch fields of `Tarn::shared()`;
+// scripts/check-layers.sh lists those includes and fails on any new upward one.
+//
 // Threads: `initialize` and the other calls run on the caller's thread and never block on the
 // network. The token answer arrives on the HTTP transport's callback thread; the in-app fetch and
 // the rest of initialisation run on the main queue (`tarn/platform/MainQueue.h`).

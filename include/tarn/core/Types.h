@@ -1,5 +1,9 @@
 #pragma once
 // Values shared by the facade and the subsystems.
+//
+// One of the base utilities under every subsystem (sources in src/base/). Its one include above
+// that layer is the platform's `Bundle`, which `TarnInitConfig` holds (see
+// scripts/check-layers.sh).
 
 #include <optional>
 #include <string>

@@ -1,6 +1,11 @@
 #pragma once
 // The library's one on-device database: events waiting to be sent and conversion markers.
 //
+// Sources (src/store/): CoreDataManager.cpp holds these operations; StoreConnection the SQLite
+// connection, its prepared statements and write transactions; Checkpointer the checkpoint thread;
+// StoreRecovery the handling of an unreadable file. The store sits on the platform seams and the
+// base utilities, beside config and device, under the network.
+//
 // Storage. One SQLite file, "TarnDatabase.sqlite" in the library's data folder (`dataDirectory()`,
 // the folder of the preference stores), with two tables: `EventQueue` (`event` text, `timestamp`)
 // and `ConversionEntity` (`actorId`, `communicationCode`, `convertionName`, `time`). Dates

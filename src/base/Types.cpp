@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/ForkGeneration.h"
+#include "base/ForkGeneration.h"
 
 namespace tarn {
 

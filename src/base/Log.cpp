@@ -4,13 +4,14 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <string_view>
 
-#include "core/LogLineBatch.h"
-#include "tarn/platform/NotificationCenter.h"
+#include "base/LogLineBatch.h"
+#include "base/LogRecordSink.h"
 
 namespace tarn {
 
@@ -111,12 +112,12 @@ void printLine(const std::string& line) {
 
 namespace {
 
+/// Where the records go before the line is printed; none until the notification centre exists.
+std::atomic<detail::LogRecordSink> recordSink{nullptr};
+
 void logLine(const std::string& message, std::optional<std::string_view> tag) {
-    auto& center = NotificationCenter::defaultCenter();
-    if (center.hasObservers(kTarnLogNotification)) {
-        TarnLog record{message, tag ? std::optional<std::string>(*tag) : std::nullopt,
-                       std::chrono::system_clock::now()};
-        center.post(kTarnLogNotification, record);
+    if (auto sink = recordSink.load(std::memory_order_acquire)) {
+        sink(message, tag);
     }
     // The printed line, as `TarnLog::getFullMessage` words it, written straight into the held
     // text when a batch is open.
@@ -132,6 +133,10 @@ void logLine(const std::string& message, std::optional<std::string_view> tag) {
 }
 
 }  // namespace
+
+void detail::setLogRecordSink(LogRecordSink sink) {
+    recordSink.store(sink, std::memory_order_release);
+}
 
 void log(const std::string& message, const std::optional<std::string>& tag) {
     logLine(message, tag ? std::optional<std::string_view>(*tag) : std::nullopt);

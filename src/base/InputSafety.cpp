@@ -1,4 +1,4 @@
-#include "core/InputSafety.h"
+#include "base/InputSafety.h"
 
 #include <cmath>
 

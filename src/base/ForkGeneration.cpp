@@ -1,4 +1,4 @@
-#include "core/ForkGeneration.h"
+#include "base/ForkGeneration.h"
 
 #include <pthread.h>
 
