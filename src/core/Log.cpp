@@ -85,6 +85,10 @@ LogLineBatch::~LogLineBatch() {
     }
 }
 
+LogLineBatch::Held LogLineBatch::heldOnThisThread() {
+    return {held.text.size(), held.text.capacity()};
+}
+
 }  // namespace detail
 
 std::string TarnLog::getFullMessage() const {
