@@ -47,7 +47,8 @@ TEST_F(LogTest, RepeatedBatchesWriteEachLineOnceAndKeepNoMoreRoomThanOne) {
             log(text, std::string("Tarn:"));
             expectedBytes += text.size() + 8;  // "Tarn: " ... ";\n"
         }
-        EXPECT_EQ(LogLineBatch::heldOnThisThread().bytes, static_cast<std::size_t>(lines) * (text.size() + 8));
+        EXPECT_EQ(LogLineBatch::heldOnThisThread().bytes,
+                  static_cast<std::size_t>(lines) * (text.size() + 8));
     };
     auto round = [&] {
         batch(20);  // 20 KB held: more than is kept between batches

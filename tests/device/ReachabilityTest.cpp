@@ -169,8 +169,8 @@ TEST_F(ReachabilityTest, RepeatedMonitorsAndNotifierStartsHoldWhatOneDid) {
         return threadsAndDescriptors();
     };
     auto cycle = [&](int kind) {
-        auto monitor = kind == 3 ? Reachability::create(std::string("127.0.0.1"))
-                                 : Reachability::create();
+        auto monitor =
+            kind == 3 ? Reachability::create(std::string("127.0.0.1")) : Reachability::create();
         if (kind != 2)
             monitor->startNotifier();  // a watcher thread, a netlink socket, a wake-up descriptor
         (void)monitor->connection();

@@ -27,7 +27,8 @@ struct Held {
 
 Held held() {
     Held h;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+    for ([[maybe_unused]] const auto& entry :
+         std::filesystem::directory_iterator("/proc/self/task"))
         ++h.threads;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code ec;
@@ -88,8 +89,8 @@ TEST_F(RepeatedRequestsTest, ManyRequestsAndSessionsHoldWhatOneDid) {
         auto session = CurlHttpSession::make("probe-" + std::to_string(i));
         Pending answered;
         auto completion = [c = answered.completion()](auto data, auto response, auto) {
-            c(std::move(data), std::nullopt, response ? std::optional(response->statusCode)
-                                                      : std::nullopt);
+            c(std::move(data), std::nullopt,
+              response ? std::optional(response->statusCode) : std::nullopt);
         };
         // Three sessions are released with a transfer held by the server (each holds one of the
         // server's few threads until it stops); the others are used or left unused.
@@ -120,7 +121,8 @@ TEST_F(RepeatedRequestsTest, ManyRequestsAndSessionsHoldWhatOneDid) {
         return now.easyHandles == 0 && now.multiHandles == transportAfterOne.multiHandles &&
                now.workerThreads == transportAfterOne.workerThreads &&
                held().threads == afterOne.threads;
-    })) << "easy " << CurlHttpSession::liveResources().easyHandles << ", multi "
+    })) << "easy "
+        << CurlHttpSession::liveResources().easyHandles << ", multi "
         << CurlHttpSession::liveResources().multiHandles << ", workers "
         << CurlHttpSession::liveResources().workerThreads << ", threads " << held().threads
         << " (after one " << afterOne.threads << ")";

@@ -158,7 +158,9 @@ TEST(RepeatingTimer, StartStopCyclesOnARealThreadLeaveNoTimerBehind) {
 
     // Released without invalidate: the executor keeps it, as a run loop keeps a scheduled timer.
     std::atomic<int> orphanTicks{0};
-    RepeatingTimer::scheduled(0.002, [&] { ++orphanTicks; }, executor).reset();
+    RepeatingTimer::scheduled(
+        0.002, [&] { ++orphanTicks; }, executor)
+        .reset();
     EXPECT_EQ(RepeatingTimer::liveCount(), afterOne + 1);
     while (orphanTicks < 3)
         std::this_thread::sleep_for(1ms);

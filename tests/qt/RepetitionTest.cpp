@@ -55,7 +55,8 @@ class LiveObjects {
 
 std::size_t processThreads() {
     std::size_t n = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+    for ([[maybe_unused]] const auto& entry :
+         std::filesystem::directory_iterator("/proc/self/task"))
         ++n;
     return n;
 }
@@ -179,7 +180,7 @@ TEST_F(RepetitionTest, PopupsShownAndClosedAgainAndAgainLeaveNothingBehind) {
     QWidget* window = showWindow("ShopWindow");
     ASSERT_EQ(initializeQt(hostConfig("user-1")), InitializeStatusType::initialized);
 
-    auto popup = [] () -> qt::InAppPopup* {
+    auto popup = []() -> qt::InAppPopup* {
         for (auto* widget : QApplication::allWidgets())
             if (auto* shown = dynamic_cast<qt::InAppPopup*>(widget); shown && shown->isVisible())
                 return shown;
