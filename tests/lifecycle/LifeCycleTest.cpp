@@ -6,6 +6,8 @@
 #include "tarn/events/TarnEvent.h"
 #include "tarn/network/HttpTransport.h"
 
+#include <algorithm>
+#include <atomic>
 #include <thread>
 
 using namespace tarn;
@@ -126,16 +128,27 @@ TEST_F(LifeCycleTest, RepeatedInitialisationsAndStartsLeaveOneRegistrationPerNam
     EXPECT_EQ(server_->count(kInAppPath), static_cast<std::size_t>(kInitialisations + 1));
     EXPECT_EQ(center().observerCount(kApplicationWillTerminateNotification), 3u);  // queue, both
 
+    // While two threads start the trackers again and again, no moment has two registrations of
+    // one tracker for one name (a page would then be reported twice).
+    std::atomic<bool> starting{true};
+    std::size_t mostSeen = 0;
+    std::jthread watcher([&] {
+        while (starting)
+            mostSeen = std::max(mostSeen, center().observerCount(kTarnPageInNotification));
+    });
     std::vector<std::jthread> starters;
     for (int t = 0; t < 2; ++t) {
         starters.emplace_back([] {
-            for (int i = 0; i < 200; ++i) {
+            for (int i = 0; i < 2000; ++i) {
                 AutoLifeCyle::shared().start();
                 ActivityLifeCycle::shared().start();
             }
         });
     }
     starters.clear();  // joins
+    starting = false;
+    watcher.join();
+    EXPECT_EQ(mostSeen, 1u);
     EXPECT_EQ(center().observerCount(), observersAfterOne);
     // The queue's and the tracker's; the page notifications only the tracker's.
     EXPECT_EQ(center().observerCount(kApplicationDidEnterBackgroundNotification), 2u);
