@@ -38,6 +38,16 @@ QtMainQueue::QtMainQueue(QCoreApplication& app) : state_(std::make_shared<State>
     });
 }
 
+QtMainQueue::~QtMainQueue() {
+    std::lock_guard lock(state_->mutex);
+    if (state_->context) {
+        // Not `delete`: this may run on any thread, and Qt objects are deleted on their own.
+        // Until the deletion the object is unreachable: no post finds it any more.
+        state_->context->deleteLater();
+        state_->context = nullptr;
+    }
+}
+
 void QtMainQueue::async(Task task) {
     std::lock_guard lock(state_->mutex);
     if (!state_->context) {

@@ -86,6 +86,10 @@ LogLineBatch::~LogLineBatch() {
     }
 }
 
+LogLineBatch::Held LogLineBatch::heldOnThisThread() {
+    return {held.text.size(), held.text.capacity()};
+}
+
 }  // namespace detail
 
 std::string TarnLog::getFullMessage() const {

@@ -1,6 +1,8 @@
 #pragma once
 // Lines printed by one host call, written together.
 
+#include <cstddef>
+
 namespace tarn::detail {
 
 /// While a batch lives, the lines this thread prints (`printLine`, and so `log`) are held back
@@ -15,6 +17,13 @@ class LogLineBatch {
     ~LogLineBatch();
     LogLineBatch(const LogLineBatch&) = delete;
     LogLineBatch& operator=(const LogLineBatch&) = delete;
+
+    /// Diagnostics for this thread: the bytes of lines held back now, and the room kept for them.
+    struct Held {
+        std::size_t bytes;
+        std::size_t capacity;
+    };
+    static Held heldOnThisThread();
 };
 
 }  // namespace tarn::detail

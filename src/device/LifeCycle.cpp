@@ -58,7 +58,12 @@ AutoLifeCyle::~AutoLifeCyle() {
 
 void AutoLifeCyle::start() {
     auto& center = NotificationCenter::defaultCenter();
-    stop();  // one registration per name, whatever the number of starts
+    // One registration per name, whatever the number of starts, also of starts on two threads at
+    // once: removing the old ones and adding the new ones is one step.
+    std::lock_guard lock(registrationMutex_);
+    for (const char* name : kAutoNames) {
+        center.removeObserver(this, name);
+    }
     center.addObserver(this, kAutoNames[0],
                        [](const Notification&) { AutoLifeCyle::shared().didEnterBackground(); });
     center.addObserver(this, kAutoNames[1],
@@ -68,6 +73,7 @@ void AutoLifeCyle::start() {
 }
 
 void AutoLifeCyle::stop() {
+    std::lock_guard lock(registrationMutex_);
     for (const char* name : kAutoNames) {
         NotificationCenter::defaultCenter().removeObserver(this, name);
     }
@@ -101,7 +107,10 @@ ActivityLifeCycle::~ActivityLifeCycle() {
 
 void ActivityLifeCycle::start() {
     auto& center = NotificationCenter::defaultCenter();
-    stop();
+    std::lock_guard lock(registrationMutex_);  // as in AutoLifeCyle::start
+    for (const char* name : kActivityNames) {
+        center.removeObserver(this, name);
+    }
     center.addObserver(this, kActivityNames[0], [](const Notification& n) {
         ActivityLifeCycle::shared().pageIn(screenOf(n));
     });
@@ -113,6 +122,7 @@ void ActivityLifeCycle::start() {
 }
 
 void ActivityLifeCycle::stop() {
+    std::lock_guard lock(registrationMutex_);
     for (const char* name : kActivityNames) {
         NotificationCenter::defaultCenter().removeObserver(this, name);
     }

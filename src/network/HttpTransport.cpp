@@ -12,6 +12,7 @@
 #endif
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <condition_variable>
 #include <cstring>
@@ -284,6 +285,11 @@ class BodyBuffer {
     std::size_t size_ = 0;
 };
 
+/// The live counts behind `CurlHttpSession::liveResources`.
+std::atomic<std::size_t> liveEasyHandles{0};
+std::atomic<std::size_t> liveMultiHandles{0};
+std::atomic<std::size_t> liveWorkers{0};
+
 /// One transfer in flight: the easy handle and everything its callbacks write into.
 struct Transfer {
     CURL* easy = nullptr;
@@ -301,6 +307,7 @@ struct Transfer {
     ~Transfer() {
         if (easy) {
             curl_easy_cleanup(easy);
+            liveEasyHandles.fetch_sub(1, std::memory_order_relaxed);
         }
         if (headerList) {
             curl_slist_free_all(headerList);
@@ -373,11 +380,13 @@ struct CurlHttpSession::Impl {
         if (!multi) {
             fatalError("libcurl could not create a multi handle", __FILE__, __LINE__);
         }
+        liveMultiHandles.fetch_add(1, std::memory_order_relaxed);
     }
 
     ~Impl() {
         if (multi) {
             curl_multi_cleanup(multi);
+            liveMultiHandles.fetch_sub(1, std::memory_order_relaxed);
         }
     }
 
@@ -389,7 +398,11 @@ struct CurlHttpSession::Impl {
         }
         incoming.push_back(std::move(transfer));
         if (!worker.joinable()) {
-            worker = std::thread([self] { self->run(); });
+            liveWorkers.fetch_add(1, std::memory_order_relaxed);
+            worker = std::thread([self] {
+                self->run();
+                liveWorkers.fetch_sub(1, std::memory_order_relaxed);
+            });
             workerId = worker.get_id();
         }
         curl_multi_wakeup(multi);
@@ -430,6 +443,7 @@ struct CurlHttpSession::Impl {
             return false;
         }
         t.easy = easy;
+        liveEasyHandles.fetch_add(1, std::memory_order_relaxed);
         const auto& r = t.request;
         curl_easy_setopt(easy, CURLOPT_PRIVATE, &t);
         curl_easy_setopt(easy, CURLOPT_URL, r.url.c_str());
@@ -588,6 +602,12 @@ void CurlHttpSession::send(HttpRequest request, DataTaskCompletion completion) {
 
 void CurlHttpSession::invalidate() {
     impl_->stop();
+}
+
+CurlHttpSession::Resources CurlHttpSession::liveResources() {
+    return {liveEasyHandles.load(std::memory_order_relaxed),
+            liveMultiHandles.load(std::memory_order_relaxed),
+            liveWorkers.load(std::memory_order_relaxed)};
 }
 
 // ---- the shared session --------------------------------------------------------------------

@@ -183,9 +183,38 @@ std::size_t ManualExecutor::advance(double seconds) {
 
 // ---- RepeatingTimer
 
+// The executor's side of a timer: each waiting tick holds this, and this holds the timer until it
+// is invalidated. The timer itself only points back weakly, so nothing keeps an invalidated timer
+// alive but its owner, and a timer whose executor dropped its tick goes with the tick.
+struct RepeatingTimer::Schedule {
+    std::mutex mutex;
+    std::shared_ptr<RepeatingTimer> timer;
+
+    std::shared_ptr<RepeatingTimer> get() {
+        std::lock_guard lock(mutex);
+        return timer;
+    }
+};
+
+namespace {
+
+std::atomic<std::size_t> liveTimers{0};
+
+}  // namespace
+
 RepeatingTimer::RepeatingTimer(double interval, std::function<void()> action,
                                std::shared_ptr<Executor> executor)
-    : interval_(interval), action_(std::move(action)), executor_(executor) {}
+    : interval_(interval), action_(std::move(action)), executor_(executor) {
+    liveTimers.fetch_add(1, std::memory_order_relaxed);
+}
+
+RepeatingTimer::~RepeatingTimer() {
+    liveTimers.fetch_sub(1, std::memory_order_relaxed);
+}
+
+std::size_t RepeatingTimer::liveCount() {
+    return liveTimers.load(std::memory_order_relaxed);
+}
 
 std::shared_ptr<RepeatingTimer> RepeatingTimer::scheduled(double interval,
                                                           std::function<void()> action,
@@ -196,11 +225,14 @@ std::shared_ptr<RepeatingTimer> RepeatingTimer::scheduled(double interval,
     }
     std::shared_ptr<RepeatingTimer> timer(
         new RepeatingTimer(interval, std::move(action), std::move(executor)));
-    timer->scheduleNext();
+    auto schedule = std::make_shared<Schedule>();
+    schedule->timer = timer;
+    timer->schedule_ = schedule;
+    timer->scheduleNext(schedule);
     return timer;
 }
 
-void RepeatingTimer::scheduleNext() {
+void RepeatingTimer::scheduleNext(const std::shared_ptr<Schedule>& schedule) {
     auto executor = executor_.lock();
     if (!executor) {
         return;
@@ -215,19 +247,27 @@ void RepeatingTimer::scheduleNext() {
             nextDue_ += std::ceil((now - nextDue_) / interval_) * interval_;
         }
     }
-    executor->asyncAfter(nextDue_ - now, [self = shared_from_this()] {
-        if (!self->valid_.load()) {
+    executor->asyncAfter(nextDue_ - now, [schedule] {
+        auto self = schedule->get();
+        if (!self || !self->valid_.load()) {
             return;
         }
         self->action_();
         if (self->valid_.load()) {
-            self->scheduleNext();
+            self->scheduleNext(schedule);
         }
     });
 }
 
 void RepeatingTimer::invalidate() {
     valid_.store(false);
+    std::shared_ptr<RepeatingTimer> released;
+    if (auto schedule = schedule_.lock()) {
+        std::lock_guard lock(schedule->mutex);
+        released = std::move(schedule->timer);
+    }
+    // `released` may be the last reference when the caller holds none of its own: it goes here,
+    // after the last use of a member.
 }
 
 bool RepeatingTimer::isValid() const {

@@ -80,6 +80,11 @@ std::size_t NotificationCenter::observerCount(const std::string& name) const {
                                                   [&](const Entry& e) { return e.name == name; }));
 }
 
+std::size_t NotificationCenter::observerCount() const {
+    std::lock_guard lock(mutex_);
+    return entries_.size();
+}
+
 }  // namespace tarn
 
 namespace tarn {

@@ -1,5 +1,6 @@
 #include <ctime>
 
+#include "core/LogLineBatch.h"
 #include "support/TestSupport.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
@@ -30,4 +31,41 @@ TEST_F(LogTest, PostsTheRecordPrintsTheLineDatesItInLocalTimeAndFatalErrorsAbort
     EXPECT_EQ(records[2].getFullMessageWithDate(), "01-02-2024 09:05:03 --- Tarn: checkAuthToken;");
     EXPECT_DEATH(fatalError("Invalid url", "TarniOSCommonKit/Endpoint", 23),
                  "TarniOSCommonKit/Endpoint:23: Fatal error: Invalid url");
+}
+
+// Batches of log lines opened again and again, large and small and nested: every line is written
+// exactly once, nothing stays held between batches, and the room a thread keeps for held lines
+// after 200 rounds is what it was after one, and never more than the kept bound.
+TEST_F(LogTest, RepeatedBatchesWriteEachLineOnceAndKeepNoMoreRoomThanOne) {
+    using detail::LogLineBatch;
+    const std::string text(1000, 'a');
+    std::size_t expectedBytes = 0;
+    auto batch = [&](int lines) {
+        LogLineBatch outer;
+        for (int i = 0; i < lines; ++i) {
+            LogLineBatch inner;  // nested: written when the outer one ends
+            log(text, std::string("Tarn:"));
+            expectedBytes += text.size() + 8;  // "Tarn: " ... ";\n"
+        }
+        EXPECT_EQ(LogLineBatch::heldOnThisThread().bytes,
+                  static_cast<std::size_t>(lines) * (text.size() + 8));
+    };
+    auto round = [&] {
+        batch(20);  // 20 KB held: more than is kept between batches
+        EXPECT_EQ(LogLineBatch::heldOnThisThread().bytes, 0u);
+        EXPECT_LE(LogLineBatch::heldOnThisThread().capacity, 16u * 1024);
+        batch(3);
+        EXPECT_EQ(LogLineBatch::heldOnThisThread().bytes, 0u);
+    };
+    testing::internal::CaptureStdout();
+    round();
+    const auto afterOne = LogLineBatch::heldOnThisThread();
+    for (int i = 0; i < 200; ++i)
+        round();
+    const auto afterMany = LogLineBatch::heldOnThisThread();
+    auto written = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(afterMany.bytes, 0u);
+    EXPECT_EQ(afterMany.capacity, afterOne.capacity);
+    EXPECT_LE(afterMany.capacity, 16u * 1024);
+    EXPECT_EQ(written.size(), expectedBytes);
 }

@@ -8,6 +8,8 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
+#include <thread>
 
 #include "support/TestSupport.h"
 #include "tarn/device/Reachability.h"
@@ -138,6 +140,69 @@ TEST_F(ReachabilityTest, FlagTextAndConnectionRule) {
     auto loopback = Reachability::create(std::string("127.0.0.1"));
     EXPECT_EQ(loopback->connection(), Connection::wifi);
     EXPECT_EQ(loopback->description(), "-R -----ld");
+}
+
+namespace {
+
+/// Threads of this process and its open descriptors.
+std::pair<std::size_t, std::size_t> threadsAndDescriptors() {
+    auto count = [](const char* folder) {
+        std::size_t n = 0;
+        for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder))
+            ++n;
+        return n;
+    };
+    return {count("/proc/self/task"), count("/proc/self/fd")};
+}
+
+}  // namespace
+
+// Monitors made, started, stopped and released 200 times on the machine's own routing state, and
+// one monitor's notifier started and stopped 200 times: the process then has the threads (each
+// monitor's queue, each running notifier's watcher) and descriptors (each watcher's netlink socket
+// and wake-up descriptor) it had after one such cycle.
+TEST_F(ReachabilityTest, RepeatedMonitorsAndNotifierStartsHoldWhatOneDid) {
+    auto settled = [](std::size_t threads) {
+        // A released monitor's queue thread ends on its own, shortly after.
+        for (int i = 0; i < 500 && threadsAndDescriptors().first != threads; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return threadsAndDescriptors();
+    };
+    auto cycle = [&](int kind) {
+        auto monitor =
+            kind == 3 ? Reachability::create(std::string("127.0.0.1")) : Reachability::create();
+        if (kind != 2)
+            monitor->startNotifier();  // a watcher thread, a netlink socket, a wake-up descriptor
+        (void)monitor->connection();
+        if (kind == 0)
+            monitor->stopNotifier();
+        // kind 1 and 3: released while running, the destructor stops it; kind 2: never started.
+    };
+    std::thread([] {}).join();  // a sanitizer's helper thread, if any, starts with the first one
+    const auto before = threadsAndDescriptors();
+    cycle(0);
+    queue().runPending();  // the first reading's announcement, for a monitor already gone
+    // The process's one routing reading keeps a socket of its own from the first use on.
+    const auto afterOne = settled(before.first);
+    EXPECT_EQ(afterOne.first, before.first);
+    for (int i = 0; i < 200; ++i)
+        cycle(i % 4);
+    queue().runPending();
+    EXPECT_EQ(settled(afterOne.first), afterOne);
+
+    auto monitor = Reachability::create();
+    const auto withMonitor = settled(afterOne.first + 1);  // the monitor's queue
+    for (int i = 0; i < 200; ++i) {
+        monitor->startNotifier();
+        monitor->startNotifier();  // running: nothing more is made
+        ASSERT_TRUE(monitor->notifierRunning());
+        monitor->stopNotifier();
+    }
+    queue().runPending();
+    EXPECT_EQ(threadsAndDescriptors(), withMonitor);
+    monitor.reset();
+    EXPECT_EQ(settled(afterOne.first), afterOne);
+    EXPECT_EQ(queue().pendingCount(), 0u);
 }
 
 namespace {

@@ -4,6 +4,11 @@
 #include "tarn/device/LifeCycle.h"
 #include "tarn/events/EventQueueManager.h"
 #include "tarn/events/TarnEvent.h"
+#include "tarn/network/HttpTransport.h"
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
 
 using namespace tarn;
 using namespace tarn::test;
@@ -99,4 +104,64 @@ TEST_F(LifeCycleTest, WithTrackingOffScreensPostOnlyTheManualCallsAreStored) {
     TarnEvent::shared().sendPageInEvent(named("Detail"));
     TarnEvent::shared().sendAppBackgroundEvent(named("Detail"));
     EXPECT_EQ(stored("pageName"), (Names{"page_in Detail", "app_background Detail"}));
+}
+
+// Forced initialisations one after another, each starting both trackers and fetching the in-app
+// answer once, and starts from two threads at once: the notification centre ends up with the
+// observers it had after the first initialisation, one fetch was made per initialisation, and the
+// transport holds no handle or thread more than after the first.
+TEST_F(LifeCycleTest, RepeatedInitialisationsAndStartsLeaveOneRegistrationPerName) {
+    initializeWithTracking(true, true);
+    const std::size_t observersAfterOne = center().observerCount();
+    ASSERT_TRUE(AutoLifeCyle::shared().isObserving());
+    ASSERT_TRUE(ActivityLifeCycle::shared().isObserving());
+    auto transportAfterOne = CurlHttpSession::liveResources();
+    EXPECT_EQ(transportAfterOne.easyHandles, 0u);
+
+    constexpr int kInitialisations = 30;
+    for (int i = 1; i <= kInitialisations; ++i) {
+        ASSERT_EQ(initializeAndWait(hostConfig("actor-1", true, true, true)),
+                  InitializeStatusType::initialized);
+        ASSERT_TRUE(drainUntil(2 + static_cast<std::size_t>(i)));  // its sdk_initialize
+        EXPECT_EQ(center().observerCount(), observersAfterOne) << "initialisation " << i;
+    }
+    EXPECT_EQ(server_->count(kInAppPath), static_cast<std::size_t>(kInitialisations + 1));
+    EXPECT_EQ(center().observerCount(kApplicationWillTerminateNotification), 3u);  // queue, both
+
+    // While two threads start the trackers again and again, no moment has two registrations of
+    // one tracker for one name (a page would then be reported twice).
+    std::atomic<bool> starting{true};
+    std::size_t mostSeen = 0;
+    std::jthread watcher([&] {
+        while (starting)
+            mostSeen = std::max(mostSeen, center().observerCount(kTarnPageInNotification));
+    });
+    std::vector<std::jthread> starters;
+    for (int t = 0; t < 2; ++t) {
+        starters.emplace_back([] {
+            for (int i = 0; i < 2000; ++i) {
+                AutoLifeCyle::shared().start();
+                ActivityLifeCycle::shared().start();
+            }
+        });
+    }
+    starters.clear();  // joins
+    starting = false;
+    watcher.join();
+    EXPECT_EQ(mostSeen, 1u);
+    EXPECT_EQ(center().observerCount(), observersAfterOne);
+    // The queue's and the tracker's; the page notifications only the tracker's.
+    EXPECT_EQ(center().observerCount(kApplicationDidEnterBackgroundNotification), 2u);
+    EXPECT_EQ(center().observerCount(kApplicationWillEnterForegroundNotification), 2u);
+    EXPECT_EQ(center().observerCount(kTarnPageInNotification), 1u);
+    EXPECT_EQ(center().observerCount(kTarnPageOutNotification), 1u);
+
+    ASSERT_TRUE(pumpUntil([] { return CurlHttpSession::liveResources().easyHandles == 0; }));
+    auto transport = CurlHttpSession::liveResources();
+    EXPECT_EQ(transport.multiHandles, transportAfterOne.multiHandles);
+    EXPECT_EQ(transport.workerThreads, transportAfterOne.workerThreads);
+
+    AutoLifeCyle::shared().stop();
+    ActivityLifeCycle::shared().stop();
+    EXPECT_EQ(center().observerCount(), observersAfterOne - 6);
 }

@@ -10,6 +10,7 @@
 // starts them when the host's configuration asks for them; the termination notification stops both.
 
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "tarn/core/Shared.h"
@@ -39,24 +40,36 @@ class AutoLifeCyle {
   public:
     static AutoLifeCyle& shared();
     ~AutoLifeCyle();
+    /// Registers the handlers with the default notification centre, one registration per name
+    /// however often (and from however many threads at once) it is called. Any thread.
     void start();
+    /// Removes the registrations. Any thread.
     void stop();
     void didEnterBackground();
     void willEnterForeground();
     void willTerminate() { stop(); }
     bool isObserving() const;
+
+  private:
+    std::mutex registrationMutex_;  // makes a start's remove-then-add one step
 };
 
 class ActivityLifeCycle {
   public:
     static ActivityLifeCycle& shared();
     ~ActivityLifeCycle();
+    /// Registers the handlers with the default notification centre, one registration per name
+    /// however often (and from however many threads at once) it is called. Any thread.
     void start();
+    /// Removes the registrations. Any thread.
     void stop();
     void pageIn(const ScreenRef& screen);
     void pageOut(const ScreenRef& screen);
     void willTerminate() { stop(); }
     bool isObserving() const;
+
+  private:
+    std::mutex registrationMutex_;  // makes a start's remove-then-add one step
 };
 
 /// A screen base class that reports its appearance: `viewDidAppear` posts "TarnPageInNotification"

@@ -156,6 +156,19 @@ class CurlHttpSession final : public HttpSession {
     void invalidate() override;
     const std::string& name() const { return name_; }
 
+    /// Diagnostics: what the libcurl sessions of the whole process hold at this moment.
+    struct Resources {
+        /// Easy handles: one per transfer from its start until its completion has returned (or
+        /// it was abandoned).
+        std::size_t easyHandles = 0;
+        /// Multi handles: one per session until the session and its worker are gone.
+        std::size_t multiHandles = 0;
+        /// Worker threads that have not yet ended.
+        std::size_t workerThreads = 0;
+    };
+    /// Any thread.
+    static Resources liveResources();
+
     struct Impl;
 
   private:

@@ -93,20 +93,35 @@ class ManualExecutor final : public Executor {
 /// every `interval` seconds until `invalidate` is called. Ticks keep a fixed rate: each is due one
 /// interval after the previous one was due, however long the action took; a tick that would fall
 /// in the past is skipped, as a run-loop timer skips the firings it missed.
+///
+/// Like a run-loop timer, a scheduled timer is kept by its executor until it is invalidated: one
+/// that is released without `invalidate` goes on firing for as long as the executor lives. Once
+/// invalidated, the executor lets go of it at once (its waiting tick holds no reference), so the
+/// timer and its action's captures go as soon as the caller drops its own reference.
 class RepeatingTimer : public std::enable_shared_from_this<RepeatingTimer> {
   public:
     /// Creates and schedules a timer; the first tick comes one interval from now.
     static std::shared_ptr<RepeatingTimer> scheduled(double interval, std::function<void()> action,
                                                      std::shared_ptr<Executor> executor);
+    ~RepeatingTimer();
     /// Stops the timer: no tick starts after this returns (a tick already running finishes).
+    /// Any thread.
     void invalidate();
     bool isValid() const;
     double interval() const { return interval_; }
 
+    /// Diagnostics: the number of timers in the process that exist, that is, timers created and not
+    /// yet both invalidated (or dropped with their executor) and released. A timer that is released
+    /// but never invalidated stays counted, since it goes on firing. Any thread.
+    static std::size_t liveCount();
+
   private:
+    /// What a waiting tick holds: the timer while it is scheduled, cleared by `invalidate`.
+    struct Schedule;
+
     RepeatingTimer(double interval, std::function<void()> action,
                    std::shared_ptr<Executor> executor);
-    void scheduleNext();
+    void scheduleNext(const std::shared_ptr<Schedule>& schedule);
 
     double interval_;
     double nextDue_ = 0;
@@ -114,6 +129,7 @@ class RepeatingTimer : public std::enable_shared_from_this<RepeatingTimer> {
     std::function<void()> action_;
     std::weak_ptr<Executor> executor_;
     std::atomic<bool> valid_{true};
+    std::weak_ptr<Schedule> schedule_;
 };
 
 /// The current main queue (created on first use as a `ThreadExecutor`). The installed queue is

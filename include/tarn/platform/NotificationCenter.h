@@ -62,7 +62,10 @@ class NotificationCenter {
         post(Notification{std::move(name), std::move(object), std::move(userInfo)});
     }
 
+    /// The number of observers of `name`.
     std::size_t observerCount(const std::string& name) const;
+    /// Diagnostics: the number of observers registered for any name.
+    std::size_t observerCount() const;
     /// Whether anyone observes `name`: a poster may skip building a notification nobody reads.
     bool hasObservers(std::string_view name) const;
     /// Whether `owner` observes `name`.

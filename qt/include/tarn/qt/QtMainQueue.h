@@ -14,9 +14,15 @@ namespace tarn::qt {
 /// from any thread. Once the application object is destroyed, tasks are dropped: the library may
 /// keep this queue beyond the application's lifetime without ever touching a dead Qt object. A
 /// task that throws is caught and dropped, so nothing is thrown into Qt's event loop.
+///
+/// The queue posts through a small object of its own, a child of `app`. Destroying the queue
+/// deletes that object (from any thread; the deletion happens on the GUI thread), so tasks not yet
+/// run are dropped, as a `ThreadExecutor`'s are, and a host that installs the integration again
+/// does not collect one such object per install.
 class QtMainQueue final : public Executor {
   public:
     explicit QtMainQueue(QCoreApplication& app);
+    ~QtMainQueue() override;
     void async(Task task) override;
     void asyncAfter(double seconds, Task task) override;
     bool isCurrent() const override;
