@@ -5,8 +5,8 @@
 // the event endpoint, a short queue delay in the in-app configuration block), initialises the
 // library against it and sends custom events from several threads at a fixed rate. Every interval
 // it prints one row: events sent, delivered, failed (each failure counted by the status or error
-// the library logged), the host's CPU time and anonymous memory, and the server's anonymous
-// memory. Delivered and failed are counted from the library's own log records ("Sent event" and
+// the library logged), the host's CPU time and anonymous memory, the server's anonymous memory and
+// the repeating timers alive in the host. Delivered and failed are counted from the library's own log records ("Sent event" and
 // "An error occurred"), observed through the log notification as any host may.
 //
 // At the end it waits for the queue to drain and checks the run as a whole: every event sent was
@@ -50,6 +50,7 @@
 #include "tarn/events/TarnEvent.h"
 #include "tarn/platform/Bundle.h"
 #include "tarn/platform/DataDirectory.h"
+#include "tarn/platform/MainQueue.h"
 #include "tarn/platform/NotificationCenter.h"
 #include "tarn/platform/PropertyList.h"
 
@@ -241,6 +242,7 @@ struct Row {
     std::uint64_t sent = 0, delivered = 0, failed = 0;
     double cpu = 0;  // host CPU seconds used in the interval
     long hostAnon = 0, serverAnon = 0;  // KiB
+    std::size_t timers = 0;             // repeating timers alive at the end of the interval
 };
 
 /// Least-squares slope of `y` over `x`.
@@ -380,8 +382,8 @@ int main(int argc, char** argv) {
         "%.0f%% of events answered %d, %.0f%% held %d ms)\n",
         options.seconds, options.rate, options.threads, url.c_str(), options.queueDelay,
         options.faultShare * 100, options.faultStatus, options.delayShare * 100, options.delayMs);
-    say("%8s %9s %9s %7s %7s %8s %8s %9s %9s\n", "seconds", "sent", "delivered", "failed",
-        "queued", "cpu %", "us/event", "anon KiB", "srv KiB");
+    say("%8s %9s %9s %7s %7s %8s %8s %9s %9s %6s\n", "seconds", "sent", "delivered", "failed",
+        "queued", "cpu %", "us/event", "anon KiB", "srv KiB", "timers");
 
     std::atomic<bool> stop{false};
     auto start = Clock::now();
@@ -409,7 +411,7 @@ int main(int argc, char** argv) {
     std::ofstream csv;
     if (!options.csv.empty()) {
         csv.open(options.csv);
-        csv << "seconds,sent,delivered,failed,cpu_seconds,host_anon_kib,server_anon_kib\n";
+        csv << "seconds,sent,delivered,failed,cpu_seconds,host_anon_kib,server_anon_kib,timers\n";
     }
     auto sample = [&](double at) {
         Row row;
@@ -422,17 +424,19 @@ int main(int argc, char** argv) {
         lastCpu = cpu;
         row.hostAnon = rssAnonKiB("self");
         row.serverAnon = rssAnonKiB(server.pid());
+        row.timers = tarn::RepeatingTimer::liveCount();
         std::uint64_t sentNow = row.sent - lastSent;
         lastSent = row.sent;
         double span = rows.empty() ? at : at - rows.back().at;
-        say("%8.0f %9" PRIu64 " %9" PRIu64 " %7" PRIu64 " %7" PRId64 " %8.2f %8.1f %9ld %9ld\n", at,
-            row.sent, row.delivered, row.failed,
+        say("%8.0f %9" PRIu64 " %9" PRIu64 " %7" PRIu64 " %7" PRId64 " %8.2f %8.1f %9ld %9ld %6zu\n",
+            at, row.sent, row.delivered, row.failed,
             static_cast<std::int64_t>(row.sent - row.delivered - row.failed),
             100 * row.cpu / span, sentNow ? 1e6 * row.cpu / static_cast<double>(sentNow) : 0.0,
-            row.hostAnon, row.serverAnon);
+            row.hostAnon, row.serverAnon, row.timers);
         if (csv.is_open()) {
             csv << at << "," << row.sent << "," << row.delivered << "," << row.failed << ","
-                << row.cpu << "," << row.hostAnon << "," << row.serverAnon << "\n"
+                << row.cpu << "," << row.hostAnon << "," << row.serverAnon << "," << row.timers
+                << "\n"
                 << std::flush;
         }
         rows.push_back(row);
@@ -507,6 +511,19 @@ int main(int argc, char** argv) {
         ok = flat("server anonymous memory", settled,
                   [](const Row& r) { return static_cast<double>(r.serverAnon); }, 4096, "KiB") &&
              ok;
+        // Timers: the queue's comes and goes with the events; any timer more than the warm-up
+        // saw (or than the queue's one) is one that piles up.
+        std::size_t baseline = 1, most = 0;
+        for (int i = 0; i <= options.warmup; ++i) {
+            baseline = std::max(baseline, rows[static_cast<std::size_t>(i)].timers);
+        }
+        for (const auto& row : settled) {
+            most = std::max(most, row.timers);
+        }
+        bool timersFlat = most <= baseline;
+        say("check: live repeating timers  at most %zu up to the warm-up's end, %zu after it: %s\n",
+            baseline, most, timersFlat ? "flat" : "GROWS");
+        ok = timersFlat && ok;
     } else if (options.check) {
         say("check: too few rows after the warm-up to fit a line (need 3)\n");
         ok = false;

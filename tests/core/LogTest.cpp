@@ -1,6 +1,6 @@
 #include <ctime>
 
-#include "core/LogLineBatch.h"
+#include "base/LogLineBatch.h"
 #include "support/TestSupport.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
