@@ -283,7 +283,7 @@ DevServer::Answer DevServer::handle(const std::string& method, const std::string
                 if (!eventsOut_.is_open()) {
                     eventsOut_.open(options_.eventsFile, std::ios::app);
                 }
-                eventsOut_ << event->body.dump() << "\n";
+                eventsOut_ << event->body << "\n";
                 eventsOut_.flush();
             }
         }
@@ -433,7 +433,7 @@ std::optional<ReceivedEvent> DevServer::parseEvent(const std::string& body) {
         received.conversionCode = stringAt(*parameters, "conversionCommunicationCode");
         received.communicationCode = stringAt(*parameters, "communicationCode");
     }
-    received.body = std::move(json);
+    received.body = json.dump();
     return received;
 }
 

@@ -103,7 +103,9 @@ struct ReceivedEvent {
     /// "parameters"."communicationCode", for the in-app events.
     std::optional<std::string> communicationCode;
     std::string requestId;
-    nlohmann::json body;
+    /// The body as compact JSON text (one line). Kept as text, not as a tree: a tree takes
+    /// several times the memory, and the server keeps thousands of these.
+    std::string body;
 };
 
 class DevServer {

@@ -478,7 +478,7 @@ int runDemoJourney(const DemoOptions& options, const fs::path& root, Console& co
     if (options.json) {
         std::string lines;
         for (const auto& event : received) {
-            lines += event.body.dump() + "\n";
+            lines += event.body + "\n";
         }
         console.result(lines);
     } else {

@@ -87,7 +87,7 @@ int runServe(const ServeOptions& options) {
     });
     if (options.json) {
         server.setEventObserver(
-            [](const devserver::ReceivedEvent& event) { emit(stdout, event.body.dump() + "\n"); });
+            [](const devserver::ReceivedEvent& event) { emit(stdout, event.body + "\n"); });
     }
     std::string error;
     if (!server.start(&error)) {
