@@ -24,18 +24,7 @@ class InAppPopupTest : public QtHostTest {
     /// the library.
     QWidget* start(const json& items, const QString& windowName,
                    std::optional<int> maxShowDuration = std::nullopt) {
-        for (int i : {1, 2}) {
-            QImage image(640, 360, QImage::Format_RGB32);
-            image.fill(QColor(i == 1 ? "#F4B400" : "#0F9D58"));
-            QPainter(&image).fillRect(0, 174, 640, 12, Qt::white);
-            QByteArray bytes;
-            QBuffer buffer(&bytes);
-            buffer.open(QIODevice::WriteOnly);
-            image.save(&buffer, "PNG");
-            auto png = ScriptedAnswer::json(200, bytes.toStdString());
-            png.contentType = "image/png";
-            server_->on("/img/" + std::to_string(i) + ".png", png);
-        }
+        serveImages(true);
         json configuration = {
             {"eventQueueDelay", 0.05}, {"apiRequestTimeout", 5}, {"apiRequestRetryCount", 0}};
         if (maxShowDuration)

@@ -50,6 +50,24 @@ inline nlohmann::json popupItem(const std::string& trigger, int buttons,
 
 class QtHostTest : public PipelineTest {
   protected:
+    /// Serves "/img/1.png" (yellow) and "/img/2.png" (green), 640x360 pictures, each with a white
+    /// stripe across its middle when `striped`.
+    void serveImages(bool striped) {
+        for (int i : {1, 2}) {
+            QImage image(640, 360, QImage::Format_RGB32);
+            image.fill(QColor(i == 1 ? "#F4B400" : "#0F9D58"));
+            if (striped)
+                QPainter(&image).fillRect(0, 174, 640, 12, Qt::white);
+            QByteArray bytes;
+            QBuffer buffer(&bytes);
+            buffer.open(QIODevice::WriteOnly);
+            image.save(&buffer, "PNG");
+            auto png = ScriptedAnswer::json(200, bytes.toStdString());
+            png.contentType = "image/png";
+            server_->on("/img/" + std::to_string(i) + ".png", png);
+        }
+    }
+
     void SetUp() override {
         PipelineTest::SetUp();
         qt::InstallOptions options;

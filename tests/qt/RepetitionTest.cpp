@@ -156,17 +156,7 @@ TEST_F(RepetitionTest, InstallingAgainReplacesWhatTheLastInstallMade) {
 // on its way: afterwards the Qt objects (widgets, network managers and replies, single-shot
 // timers), the widgets and the process's threads are what they were after the first.
 TEST_F(RepetitionTest, PopupsShownAndClosedAgainAndAgainLeaveNothingBehind) {
-    for (int i : {1, 2}) {
-        QImage image(640, 360, QImage::Format_RGB32);
-        image.fill(QColor(i == 1 ? "#F4B400" : "#0F9D58"));
-        QByteArray bytes;
-        QBuffer buffer(&bytes);
-        buffer.open(QIODevice::WriteOnly);
-        image.save(&buffer, "PNG");
-        auto png = ScriptedAnswer::json(200, bytes.toStdString());
-        png.contentType = "image/png";
-        server_->on("/img/" + std::to_string(i) + ".png", png);
-    }
+    serveImages(false);
     auto late = ScriptedAnswer::json(404, "");
     late.delay = 300ms;  // still loading when the popup closes
     server_->on("/img/late.png", late);
