@@ -8,9 +8,7 @@
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
-#include "tarn/device/LifeCycle.h"
 #include "tarn/events/EventManager.h"
-#include "tarn/inapp/InAppModel.h"
 #include "tarn/inapp/TarnSession.h"
 #include "tarn/store/CoreDataManager.h"
 
@@ -31,36 +29,10 @@ Tarn& Tarn::shared() {
 }
 
 Tarn::Tarn() {
-    // The layers below call up through these routines; each reaches the current instances when
-    // it runs, so a reset of the instances for tests leaves them valid.
+    // A 401 answer in the network layer runs the token routine through this; it reaches the
+    // current instance when it runs, so a reset of the instances for tests leaves it valid.
     TarnState::setRefreshAccessToken([] { Tarn::shared().requestAccessToken(); });
-    TarnState::setReportActorChange(
-        [](const std::string& oldActorId, const std::string& newActorId) {
-            Tarn::shared().sendActorChangeEvent(oldActorId, newActorId);
-        });
-    setLifeCycleReporter([](LifeCycleMoment moment, const ScreenRef& screen) {
-        auto& events = EventManager::shared();
-        switch (moment) {
-            case LifeCycleMoment::appBackground:
-                events.sendAppBackgroundEvent(screen, std::nullopt);
-                break;
-            case LifeCycleMoment::appForeground:
-                events.sendAppForegroundEvent(screen, std::nullopt);
-                break;
-            case LifeCycleMoment::pageIn:
-                events.sendPageInEvent(screen, std::nullopt);
-                break;
-            case LifeCycleMoment::pageOut:
-                events.sendPageOutEvent(screen, std::nullopt);
-                break;
-        }
-    });
-    setInAppInteractionReporter([](InAppEventType kind, const AppCommunicationItem& communication,
-                                   const std::optional<std::string>& pageName,
-                                   const ScreenRef& controller,
-                                   const std::optional<AppCommunicationButton>& button) {
-        EventManager::shared().sendInAppEvent(kind, communication, pageName, controller, button);
-    });
+    EventManager::connectReporters();
 }
 
 void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::string>& appGroupID) {

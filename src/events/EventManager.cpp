@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 
 #include <cstdlib>
+#include <mutex>
 #include <typeinfo>
 
 #include "base/LogLineBatch.h"
@@ -11,6 +12,7 @@
 #include "tarn/config/TarnState.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"
+#include "tarn/device/LifeCycle.h"
 #include "tarn/events/EventQueueManager.h"
 #include "tarn/events/NotificationSettings.h"
 #include "tarn/inapp/AppCommunicationCoding.h"
@@ -54,6 +56,42 @@ bool eventsBlocked() {
 
 EventManager& EventManager::shared() {
     return detail::SharedInstance<EventManager, 300>::get();
+}
+
+void EventManager::connectReporters() {
+    // The routines are kept for the life of the process and reach the current manager when they
+    // run, so a reset of the instances for tests leaves them valid.
+    static std::once_flag connected;
+    std::call_once(connected, [] {
+        TarnState::setReportActorChange(
+            [](const std::string& oldActorId, const std::string& newActorId) {
+                EventManager::shared().sendActorChangeEvent(oldActorId, newActorId);
+            });
+        setLifeCycleReporter([](LifeCycleMoment moment, const ScreenRef& screen) {
+            auto& events = EventManager::shared();
+            switch (moment) {
+                case LifeCycleMoment::appBackground:
+                    events.sendAppBackgroundEvent(screen, std::nullopt);
+                    break;
+                case LifeCycleMoment::appForeground:
+                    events.sendAppForegroundEvent(screen, std::nullopt);
+                    break;
+                case LifeCycleMoment::pageIn:
+                    events.sendPageInEvent(screen, std::nullopt);
+                    break;
+                case LifeCycleMoment::pageOut:
+                    events.sendPageOutEvent(screen, std::nullopt);
+                    break;
+            }
+        });
+        setInAppInteractionReporter(
+            [](InAppEventType kind, const AppCommunicationItem& communication,
+               const std::optional<std::string>& pageName, const ScreenRef& controller,
+               const std::optional<AppCommunicationButton>& button) {
+                EventManager::shared().sendInAppEvent(kind, communication, pageName, controller,
+                                                      button);
+            });
+    });
 }
 
 template <class Record>
@@ -280,30 +318,29 @@ TarnEvent& TarnEvent::shared() {
     return detail::SharedInstance<TarnEvent, 300>::get();
 }
 
-void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string> pageName,
-                                const std::string& eventName,
-                                std::optional<nlohmann::json> initialParameters,
-                                ActionCallback onActionRequired) {
-    EventManager::shared().sendCustomEvent(controller, pageName, eventName,
-                                           initialParameters ? &*initialParameters : nullptr,
-                                           onActionRequired);
+TarnEvent::TarnEvent() {
+    EventManager::connectReporters();
 }
 
 void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string> pageName,
                                 const std::string& eventName,
-                                const nlohmann::json& initialParameters,
+                                const EventParameters& initialParameters,
                                 ActionCallback onActionRequired) {
-    EventManager::shared().sendCustomEvent(controller, pageName, eventName, &initialParameters,
+    EventManager::shared().sendCustomEvent(controller, pageName, eventName, initialParameters.get(),
                                            onActionRequired);
 }
 
 void TarnEvent::sendLoginEvent(ScreenRef controller, std::optional<std::string> pageName,
                                const std::string& actorID,
-                               std::optional<nlohmann::json> initialParameters) {
+                               const EventParameters& initialParameters) {
     auto& tarn = TarnState::shared();
     tarn.loggedIn = true;
     ConfigManager::shared().updateActorId(actorID);
-    EventManager::shared().sendLoginEvent(controller, pageName, std::move(initialParameters));
+    std::optional<nlohmann::json> parameters;
+    if (const auto* given = initialParameters.get()) {
+        parameters = *given;
+    }
+    EventManager::shared().sendLoginEvent(controller, pageName, std::move(parameters));
 }
 
 void TarnEvent::sendLogoutEvent() {

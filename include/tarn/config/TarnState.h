@@ -4,9 +4,9 @@
 //
 // The subsystems sit below the facade and never include it; they reach this state here instead.
 // `Tarn` refers to each field under the same name, so `Tarn::shared().actorId` and
-// `TarnState::shared().actorId` are one value. The facade also installs the two routines that
-// lower layers trigger but the facade owns: obtaining a new access token after a 401 answer, and
-// reporting a new actor identifier.
+// `TarnState::shared().actorId` are one value. It also holds two routines that lower layers
+// trigger but higher ones own: obtaining a new access token after a 401 answer (installed by the
+// facade) and reporting a new actor identifier (installed by the event manager).
 
 #include <atomic>
 #include <functional>
@@ -46,13 +46,13 @@ class TarnState {
     Locked<std::optional<TarnInitConfig>> configuration;
 
     /// Runs the facade's token routine (after a 401 answer). Any thread; does nothing until the
-    /// facade has installed it.
+    /// facade has been created.
     void refreshAccessToken() const;
-    /// Reports that the actor identifier changed from `oldActorId` to `newActorId` (the facade
-    /// sends "actor_change"). Any thread; does nothing until the facade has installed it.
+    /// Reports that the actor identifier changed from `oldActorId` to `newActorId` ("actor_change"
+    /// is sent). Any thread; does nothing until the event manager has installed the routine.
     void reportActorChange(const std::string& oldActorId, const std::string& newActorId) const;
 
-    /// Installed by the facade when it is first created; kept for the life of the process (a
+    /// Installed once by the facade and the event manager; kept for the life of the process (a
     /// reset of the instances for tests keeps them).
     static void setRefreshAccessToken(std::function<void()> routine);
     static void setReportActorChange(

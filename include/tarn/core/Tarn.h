@@ -6,9 +6,9 @@
 // config and device; platform (the seams to the system); and the base utilities (src/base/:
 // logging, shared instances, dates, settings). The Qt integration (qt/) and the tools sit above
 // the facade. The subsystems read the identity, token and switch fields through `TarnState`, and
-// reach the facade's token and actor-change routines, the event manager's lifecycle and in-app
-// events through routines the facade installs when it is created; scripts/check-layers.sh fails on
-// any include that runs upward.
+// reach the facade's token routine and the event manager (actor change, lifecycle and in-app
+// events) through routines that those install when they are created; scripts/check-layers.sh
+// fails on any include that runs upward.
 //
 // Threads: `initialize` and the other calls run on the caller's thread and never block on the
 // network. The token answer arrives on the HTTP transport's callback thread; the in-app fetch and
@@ -42,7 +42,8 @@ class Tarn {
     /// The one instance, created on first use and never destroyed (usable until the process ends).
     static Tarn& shared();
     /// Use `shared()`. Creating the facade connects the layers below it: the token routine after
-    /// a 401 answer, the actor-change event, and the lifecycle and in-app events.
+    /// a 401 answer, and (`EventManager::connectReporters`) the actor-change, lifecycle and in-app
+    /// events.
     Tarn();
     /// The shared event API.
     static TarnEvent& event();

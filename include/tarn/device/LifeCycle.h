@@ -8,8 +8,8 @@
 // turns "TarnPageInNotification" and "TarnPageOutNotification" (posted by `TarnViewController`)
 // into "page_in" and "page_out". Handlers run synchronously on the posting thread. Initialisation
 // starts them when the host's configuration asks for them; the termination notification stops both.
-// The trackers hand each moment to the lifecycle reporter, which the facade installs when it is
-// created (it sends the event through the event manager); with none installed a moment is not sent.
+// The trackers hand each moment to the lifecycle reporter, which the event manager installs
+// (`EventManager::connectReporters`); with none installed a moment is not sent.
 
 #include <functional>
 #include <memory>

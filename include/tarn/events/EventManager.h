@@ -33,6 +33,11 @@ class EventSendable {
 class EventManager : public EventSendable {
   public:
     static EventManager& shared();
+    /// Connects the layers below to the shared manager: a new actor identifier, a lifecycle or
+    /// page moment and a tap on an in-app screen become events. Runs when the manager, the event
+    /// API or the facade is created; calling it again changes nothing.
+    static void connectReporters();
+    EventManager() { connectReporters(); }
     const std::string logtag = "Tarn-EventManager";
 
     void send(EventRecord& record) override;

@@ -7,6 +7,7 @@
 
 #include <exception>
 #include <functional>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -18,24 +19,62 @@
 
 namespace tarn {
 
+/// The parameters of an event, as a call site writes them:
+/// - `{}`: empty parameters (an empty object);
+/// - `{{"sku", "A-42"}, {"qty", 2}}`: an object written in place;
+/// - a `nlohmann::json` value the host keeps: read during the call, never copied;
+/// - a temporary `nlohmann::json` or a `std::optional<nlohmann::json>`;
+/// - `std::nullopt`: no parameters.
+/// A value of this type only lives for the call it is passed to; never keep one.
+class EventParameters {
+  public:
+    /// Empty parameters (`{}`).
+    EventParameters() : owned_(nlohmann::json::object()), value_(&*owned_) {}
+    /// No parameters.
+    EventParameters(std::nullopt_t) {}  // NOLINT(google-explicit-constructor)
+    /// Parameters the caller keeps until the call returns.
+    EventParameters(const nlohmann::json& parameters)  // NOLINT(google-explicit-constructor)
+        : value_(&parameters) {}
+    EventParameters(nlohmann::json&& parameters)  // NOLINT(google-explicit-constructor)
+        : owned_(std::move(parameters)), value_(&*owned_) {}
+    EventParameters(const std::optional<nlohmann::json>& parameters)  // NOLINT
+        : value_(parameters ? &*parameters : nullptr) {}
+    EventParameters(std::optional<nlohmann::json>&& parameters)  // NOLINT
+        : owned_(std::move(parameters)), value_(owned_ ? &*owned_ : nullptr) {}
+    /// An object (or array) written in place, with nlohmann::json's own rules.
+    EventParameters(nlohmann::json::initializer_list_t init)  // NOLINT
+        : owned_(nlohmann::json(init)), value_(&*owned_) {}
+
+    EventParameters(const EventParameters&) = delete;
+    EventParameters& operator=(const EventParameters&) = delete;
+
+    /// The parameters, or nullptr for none.
+    const nlohmann::json* get() const { return value_; }
+
+  private:
+    std::optional<nlohmann::json> owned_;
+    const nlohmann::json* value_ = nullptr;
+};
+
 class TarnEvent {
   public:
     static TarnEvent& shared();
+    /// Use `shared()`.
+    TarnEvent();
 
-    /// A custom event; it may show the in-app communication that names it.
+    /// A custom event; it may show the in-app communication that names it. `initialParameters`
+    /// takes any of the forms `EventParameters` lists (`{}`, `{{"sku", "A-42"}}`, a json value,
+    /// `std::nullopt`). `onActionRequired` gets the action a user picks in that communication, on
+    /// the thread the in-app screen reports it (the GUI thread with the Qt integration).
     void sendCustomEvent(ScreenRef controller, std::optional<std::string> pageName,
                          const std::string& eventName,
-                         std::optional<nlohmann::json> initialParameters = std::nullopt,
-                         ActionCallback onActionRequired = nullptr);
-    /// As above, with parameters the host keeps: they are read during the call, never copied.
-    void sendCustomEvent(ScreenRef controller, std::optional<std::string> pageName,
-                         const std::string& eventName, const nlohmann::json& initialParameters,
+                         const EventParameters& initialParameters = std::nullopt,
                          ActionCallback onActionRequired = nullptr);
     /// Logs the actor in: marks the session logged in, switches the actor to `actorID` (blank
     /// identifiers are refused) and sends "login".
     void sendLoginEvent(ScreenRef controller, std::optional<std::string> pageName,
                         const std::string& actorID,
-                        std::optional<nlohmann::json> initialParameters = std::nullopt);
+                        const EventParameters& initialParameters = std::nullopt);
     /// Sends "logout" for the current actor, then switches to the stored guest identifier.
     void sendLogoutEvent();
     /// Manual page tracking; ignored while automatic page tracking is on or without a screen.

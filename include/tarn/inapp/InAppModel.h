@@ -54,9 +54,9 @@ struct InAppModel {
 /// `InAppManager::registerInAppScreen`; for each presentation the library makes one screen, sets
 /// `actionItem` and `inApp`, then calls `present` on the main queue. The screen reports what the
 /// user does with the `report...` calls (from any thread), which send the in-app events.
-/// Turns what the user did with an in-app screen into its event. Installed by the facade when it
-/// is created (it sends the event through the event manager) and kept for the life of the
-/// process; it runs synchronously on the thread that reports.
+/// Turns what the user did with an in-app screen into its event. Installed by the event manager
+/// (`EventManager::connectReporters`) and kept for the life of the process; it runs
+/// synchronously on the thread that reports.
 using InAppInteractionReporter =
     std::function<void(InAppEventType kind, const AppCommunicationItem& communication,
                        const std::optional<std::string>& pageName, const ScreenRef& controller,
