@@ -1,4 +1,6 @@
 // `tarn check service` and `tarn check inapp` on good and broken files, run as a user would.
+#include <sys/stat.h>
+
 #include <fstream>
 
 #include <nlohmann/json.hpp>
@@ -146,6 +148,58 @@ TEST_F(CheckCommand, InAppAnswerWithEveryBrokenItemOnItsOwnLineAndASummaryTable)
           {"error: inAppCommunicationCommands: expected an array but found a dictionary"});
     check({"inapp"}, "empty.json", "{}", 0,
           {"warning: configuration: absent, so the library shows no communication"});
+}
+
+TEST_F(CheckCommand, InitServiceWritesAPrivateFileThatTheCheckAcceptsAndRefusesBadInput) {
+    struct stat info {};
+    for (bool binary : {false, true}) {
+        auto file = (dir_.path() / (binary ? "bin.plist" : "xml.plist")).string();
+        std::vector<std::string> args{"init-service",      "--domain", "https://api.example.com",
+                                      "--client-id",       "client-7", "--client-secret",
+                                      "very-secret-value", file};
+        if (binary)
+            args.push_back("--binary");
+        auto run = runTarn(args);
+        EXPECT_EQ(run->wait(), 0) << run->err;
+        EXPECT_THAT(run->out, Not(HasSubstr("very-secret-value")));
+        ASSERT_EQ(::stat(file.c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, 0600u);
+        std::ifstream in(file, std::ios::binary);
+        std::string bytes((std::istreambuf_iterator<char>(in)), {});
+        EXPECT_EQ(bytes.rfind("bplist00", 0) == 0, binary);
+        auto parsed = parsePropertyList(bytes);
+        ASSERT_TRUE(parsed);
+        EXPECT_EQ(*parsed, (json{{"DOMAIN", "https://api.example.com"},
+                                 {"CLIENT_ID", "client-7"},
+                                 {"CLIENT_SECRET", "very-secret-value"}}));
+        auto checked = runTarn({"check", "service", file});
+        EXPECT_EQ(checked->wait(), 0) << checked->out;
+
+        // An existing file stays as it is unless --force is given.
+        auto again = runTarn(args);
+        EXPECT_EQ(again->wait(), 1);
+        EXPECT_THAT(again->err, HasSubstr("add --force"));
+        args.push_back("--force");
+        EXPECT_EQ(runTarn(args)->wait(), 0);
+    }
+
+    // A domain the check would refuse, empty credentials, and a planted link are refused, and
+    // nothing is written.
+    auto refused = (dir_.path() / "refused.plist").string();
+    auto slash = runTarn({"init-service", "--domain", "https://api.example.com/", "--client-id",
+                          "c", "--client-secret", "s", refused});
+    EXPECT_EQ(slash->wait(), 1);
+    EXPECT_THAT(slash->err, HasSubstr("ends with \"/\""));
+    auto empty = runTarn({"init-service", "--domain", "https://api.example.com", "--client-id", "",
+                          "--client-secret", "s", refused});
+    EXPECT_EQ(empty->wait(), 1);
+    EXPECT_FALSE(std::filesystem::exists(refused));
+    auto target = dir_.path() / "elsewhere";
+    std::filesystem::create_symlink(target, refused);
+    auto planted = runTarn({"init-service", "--domain", "https://api.example.com", "--client-id",
+                            "c", "--client-secret", "s", "--force", refused});
+    EXPECT_EQ(planted->wait(), 1);
+    EXPECT_FALSE(std::filesystem::exists(target));
 }
 
 }  // namespace

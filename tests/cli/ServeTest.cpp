@@ -24,7 +24,15 @@ class ServeCommand : public CliTest {
     std::unique_ptr<ChildProcess> start(std::vector<std::string> args) {
         args.insert(args.begin(), {tarnExecutable(), "serve", "--port", "0"});
         auto process = std::make_unique<ChildProcess>(args);
+        const bool jsonLines = std::find(args.begin(), args.end(), "--json") != args.end();
         auto first = process->readLine(10s).value_or("");
+        if (jsonLines) {
+            // Standard output carries JSON lines only; the first names the address.
+            auto address = json::parse(first, nullptr, false);
+            first = address.is_object()
+                        ? "tarn serve: listening on " + address.value("listening", std::string())
+                        : first;
+        }
         const std::string prefix = "tarn serve: listening on http://127.0.0.1:";
         EXPECT_THAT(first, StartsWith(prefix)) << process->err;
         port_ = std::atoi(first.c_str() + std::min(first.size(), prefix.size()));
@@ -56,11 +64,10 @@ TEST_F(ServeCommand, TokensInAppFileEventsAndEveryThirdEventFailing) {
     auto events = dir_.path() / "events.jsonl";
     std::ofstream(inapp) << R"({"configuration":{}})";
     // 2 token requests, 3 in-app requests, 6 events.
-    auto serve =
-        start({"--client-id", "host-app", "--client-secret", "s3cr3t-value", "--inapp",
-               inapp.string(), "--events-file", events.string(), "--fault-share", "0.34",
-               "--fault-status", "500", "--fault-path", kEventPath, "--max-requests", "11",
-               "--keep", "3"});
+    auto serve = start({"--client-id", "host-app", "--client-secret", "s3cr3t-value", "--inapp",
+                        inapp.string(), "--events-file", events.string(), "--fault-share", "0.34",
+                        "--fault-status", "500", "--fault-path", kEventPath, "--max-requests", "11",
+                        "--keep", "3"});
 
     EXPECT_EQ(status(post(kTokenPath, {{"clientId", "host-app"}, {"clientSecret", "wrong"}})), 401);
     auto granted = post(kTokenPath, {{"clientId", "host-app"}, {"clientSecret", "s3cr3t-value"}});
@@ -127,7 +134,8 @@ TEST_F(ServeCommand, DelaysJsonOutputSignalsCompressionAndBounds) {
     EXPECT_EQ(status(client.Post(kEventPath, "[1,2]", "application/json")), 400);
     EXPECT_EQ(status(client.Post("/elsewhere", "{}", "application/json")), 404);
 
-    // In --json mode standard output holds only the address line and the events.
+    // In --json mode standard output holds only JSON lines: the address line (read above) and
+    // the events; the human lines went to standard error.
     auto line1 = serve->readLine(5s);
     auto line2 = serve->readLine(5s);
     ASSERT_TRUE(line1 && line2);
@@ -136,6 +144,8 @@ TEST_F(ServeCommand, DelaysJsonOutputSignalsCompressionAndBounds) {
     serve->signal(SIGTERM);
     EXPECT_EQ(serve->wait(10s), 0);
     EXPECT_THAT(serve->err, HasSubstr("stopped (SIGTERM) after 4 requests, 2 events"));
+    EXPECT_THAT(serve->err, HasSubstr("tarn serve: listening on http://127.0.0.1:"));
+    EXPECT_EQ(serve->readLine(1s), std::nullopt);  // nothing else reached standard output
 
     // --compress honours the client's Accept-Encoding.
     auto compressing = start({"--compress", "--accept-any-token", "--max-requests", "1"});

@@ -18,6 +18,20 @@ int runCheckService(const std::string& file);
 /// decode (or, with `strict`, when there is any warning).
 int runCheckInapp(const std::string& file, bool strict);
 
+struct InitServiceOptions {
+    std::string domain;
+    std::string clientId;
+    std::string clientSecret;
+    bool binary = false;
+    bool force = false;
+    std::string file;
+};
+
+/// `tarn init-service`: writes a "TarnService-Info.plist" with DOMAIN, CLIENT_ID and
+/// CLIENT_SECRET (XML, or binary with `binary`), mode 0600. Refuses a DOMAIN that `tarn check
+/// service` would refuse, empty credentials, and an existing file unless `force`.
+int runInitService(const InitServiceOptions& options);
+
 /// Problems of a "DOMAIN" value as the base of the endpoint URLs; empty when it is usable.
 std::vector<std::string> domainProblems(const std::string& domain);
 

@@ -77,8 +77,8 @@ int runServe(const ServeOptions& options) {
     serverOptions.faults.paths = options.faultPaths;
 
     devserver::DevServer server(serverOptions);
-    // Request lines go to standard error in --json mode, so that standard output carries only the
-    // address line and one JSON line per event.
+    // Every human line goes to standard error in --json mode, so that standard output carries
+    // only JSON lines: the address, then one line per event.
     std::FILE* console = options.json ? stderr : stdout;
     server.setNoticeObserver(
         [console](const std::string& text) { emit(console, clock() + " " + text + "\n"); });
@@ -94,7 +94,11 @@ int runServe(const ServeOptions& options) {
         emit(stderr, "tarn serve: " + error + "\n");
         return 1;
     }
-    emit(stdout, "tarn serve: listening on " + server.baseUrl() + "\n");
+    // With --json, standard output carries JSON lines only: the address is the first of them.
+    if (options.json) {
+        emit(stdout, nlohmann::json{{"listening", server.baseUrl()}}.dump() + "\n");
+    }
+    emit(console, "tarn serve: listening on " + server.baseUrl() + "\n");
     std::string setup =
         "tarn serve: token endpoint accepts client \"" + options.clientId + "\"" +
         (options.acceptAnyToken ? "; any token accepted" : "") + "; in-app answer: " +

@@ -2,6 +2,7 @@
 //
 //   tarn demo                 a host's user journey against the development server
 //   tarn serve                the development server for host developers
+//   tarn init-service ...     writes a TarnService-Info.plist
 //   tarn check service FILE   checks a TarnService-Info.plist
 //   tarn check inapp FILE     checks an in-app answer against the wire model
 #include <malloc.h>
@@ -29,7 +30,8 @@ int main(int argc, char** argv) {
         "demo",
         "Run a user's journey (install, login, pages, a popup and its button, a purchase that "
         "converts, logout) against the dev server on a loopback port, then list what the server "
-        "received. Exit status 0 only when every expected event arrived.");
+        "received. Takes no input: it starts its own server and writes its own service file. "
+        "Example: tarn demo --keep (keeps the data folder and prints where).");
     demoCommand->add_flag("--keep", demo.keep,
                           "Keep the temporary folder (bundle, data folder, library log)");
     demoCommand->add_flag("--json", demo.json,
@@ -59,9 +61,11 @@ int main(int argc, char** argv) {
     ServeOptions serve;
     auto* serveCommand = app.add_subcommand(
         "serve",
-        "Run the dev server: the token, in-app and event endpoints on 127.0.0.1. The first line "
-        "printed names the bound address. Stops on SIGINT/SIGTERM, --max-requests or "
-        "--duration.");
+        "Run the dev server: the token, in-app and event endpoints on 127.0.0.1. Optional input: "
+        "--inapp FILE, an in-app answer as JSON (see tarn check inapp --help). The first line "
+        "printed names the bound address (with --json, as the JSON line "
+        "{\"listening\":\"http://...\"}). Stops on SIGINT/SIGTERM, --max-requests or "
+        "--duration. Example: tarn serve --port 8080 --inapp answer.json --json | jq .name");
     serveCommand->add_option("--host", serve.host, "Address to bind")->default_val("127.0.0.1");
     serveCommand->add_option("-p,--port", serve.port, "Port to bind; 0 picks a free one")
         ->default_val(8080)
@@ -95,7 +99,8 @@ int main(int argc, char** argv) {
                            "Compress answers as the client's Accept-Encoding allows (default: "
                            "answers go uncompressed)");
     serveCommand->add_flag("--json", serve.json,
-                           "Print each received event as a JSON line instead of a summary line");
+                           "Standard output carries only JSON lines: the address line, then each "
+                           "received event's body; every other line goes to standard error");
     serveCommand->add_option("--fault-status", serve.faultStatus, "Status code of faulty answers")
         ->default_val(503)
         ->check(CLI::Range(100, 599));
@@ -126,6 +131,34 @@ int main(int argc, char** argv) {
                      "memory stays flat however long it runs")
         ->default_val(10000);
 
+    InitServiceOptions initService;
+    auto* initServiceCommand = app.add_subcommand(
+        "init-service",
+        "Write the service file a host ships in its main bundle folder: a TarnService-Info.plist "
+        "with the server address and the client credentials (mode 0600: it holds a secret). "
+        "Example: tarn init-service --domain https://api.example.com --client-id my-app "
+        "--client-secret \"$SECRET\" Resources/TarnService-Info.plist");
+    initServiceCommand
+        ->add_option("--domain", initService.domain,
+                     "The server's base address, http(s)://host[:port][/path], "
+                     "without a trailing slash")
+        ->required();
+    initServiceCommand->add_option("--client-id", initService.clientId, "The client id")
+        ->required();
+    initServiceCommand
+        ->add_option("--client-secret", initService.clientSecret,
+                     "The client secret (prefer passing it from a variable, not typed in a "
+                     "shell history)")
+        ->required();
+    initServiceCommand->add_flag("--binary", initService.binary,
+                                 "Write a binary property list instead of XML");
+    initServiceCommand->add_flag("--force", initService.force, "Replace an existing file");
+    initServiceCommand
+        ->add_option("FILE", initService.file,
+                     "The file to write, normally TarnService-Info.plist in the "
+                     "host's main bundle folder")
+        ->required();
+
     auto* check = app.add_subcommand("check", "Check a file a host ships or a server answers");
     check->require_subcommand(1);
     std::string serviceFile;
@@ -133,16 +166,25 @@ int main(int argc, char** argv) {
         "service",
         "Check a TarnService-Info plist (XML or binary): DOMAIN, CLIENT_ID and CLIENT_SECRET "
         "present as strings, DOMAIN usable as the base of the endpoint URLs. Exit status 1 with "
-        "one line per problem.");
-    checkService->add_option("FILE", serviceFile, "The plist file")->required();
+        "one line per problem. Example: tarn check service Resources/TarnService-Info.plist");
+    checkService
+        ->add_option("FILE", serviceFile,
+                     "The host's TarnService-Info.plist (tarn init-service writes one)")
+        ->required();
     std::string inappFile;
     bool strict = false;
     auto* checkInapp = check->add_subcommand(
         "inapp",
         "Check an in-app answer against the wire model: one line with the path of the fault per "
         "broken communication, warnings for values the library ignores, and a table of the "
-        "communications. Exit status 1 when any part fails to decode.");
-    checkInapp->add_option("FILE", inappFile, "The JSON file")->required();
+        "communications. Exit status 1 when any part fails to decode. Example: tarn check inapp "
+        "examples/qt-shop/answer.json");
+    checkInapp
+        ->add_option("FILE", inappFile,
+                     "A JSON answer of the in-app endpoint, as the server sends it: an object "
+                     "with \"inAppCommunicationCommands\" (the communications) and "
+                     "\"configuration\" (the server's configuration block)")
+        ->required();
     checkInapp->add_flag("--strict", strict, "Exit with status 1 on warnings too");
 
     CLI11_PARSE(app, argc, argv);
@@ -152,6 +194,9 @@ int main(int argc, char** argv) {
     }
     if (*serveCommand) {
         return runServe(serve);
+    }
+    if (*initServiceCommand) {
+        return runInitService(initService);
     }
     if (*checkService) {
         return runCheckService(serviceFile);
