@@ -3,6 +3,7 @@
 
 #include "tarn/qt/InAppPopup.h"
 
+#include <QApplication>
 #include <QEvent>
 #include <QHBoxLayout>
 #include <QKeyEvent>
@@ -183,6 +184,7 @@ std::vector<QWidget*> InAppPopup::rows() const {
 }
 
 void InAppPopup::open() {
+    focusBefore_ = QApplication::focusWidget();
     place();
     show();
     raise();
@@ -215,6 +217,12 @@ void InAppPopup::finish() {
         autoDismiss_->stop();
     }
     close();  // deletes the popup (WA_DeleteOnClose) once control is back in the event loop
+    // Hiding the popup passed the focus on to the next widget in the window's chain; give it back
+    // to the one the user was in, if it is still there to take it.
+    if (focusBefore_ && focusBefore_ != this && focusBefore_->isVisible() &&
+        focusBefore_->isEnabled()) {
+        focusBefore_->setFocus(Qt::PopupFocusReason);
+    }
 }
 
 void InAppPopup::place() {

@@ -1,5 +1,7 @@
 // The popup end to end: the library fetches the answer from the loopback server, a custom event
 // shows the Qt popup over the host's window, the user acts on it, the events reach the server.
+#include <QLineEdit>
+
 #include "QtHost.h"
 #include "tarn/events/TarnEvent.h"
 #include "tarn/store/ConversionManager.h"
@@ -217,14 +219,32 @@ TEST_F(InAppPopupTest, BodyClickEscapeAndTheTimerReportThemselves) {
     QTest::mouseClick(popup()->findChild<QToolButton*>("tarnClose"), Qt::LeftButton);
     EXPECT_TRUE(popupGone());
 
-    ASSERT_TRUE(waitForEvent("in_app_dismissed", 3));
-    ASSERT_TRUE(waitForEvent("in_app_opened", 3));
+    // Whichever way it closes, the keyboard focus goes back where the user was, not to the next
+    // field in the window's chain.
+    auto* login = new QLineEdit(window);
+    auto* search = new QLineEdit(window);
+    window->layout()->addWidget(login);
+    window->layout()->addWidget(search);
+    search->setFocus();
+    ASSERT_TRUE(waitUntil([search] { return QApplication::focusWidget() == search; }, 2s));
+    ASSERT_NE(trigger(window, "add_to_cart"), nullptr);
+    EXPECT_EQ(QApplication::focusWidget(), popup()) << "the popup takes the keys while open";
+    QTest::keyClick(popup(), Qt::Key_Escape);
+    EXPECT_TRUE(popupGone());
+    EXPECT_EQ(QApplication::focusWidget(), search);
+    ASSERT_NE(trigger(window, "add_to_cart"), nullptr);
+    QTest::mouseClick(popup()->findChild<QToolButton*>("tarnClose"), Qt::LeftButton);
+    EXPECT_TRUE(popupGone());
+    EXPECT_EQ(QApplication::focusWidget(), search);
+
+    ASSERT_TRUE(waitForEvent("in_app_dismissed", 5));
+    ASSERT_TRUE(waitForEvent("in_app_opened", 5));
     auto selfClicked = eventsNamed("in_app_self_clicked");
     ASSERT_EQ(selfClicked.size(), 1u);
     EXPECT_EQ(selfClicked[0]["parameters"]["pageName"], "CartScreen");
     EXPECT_TRUE(actions_.empty()) << "the host's callback is for actions only";
     spin(300ms);
-    EXPECT_EQ(eventsNamed("in_app_dismissed").size(), 3u) << "each showing dismissed once";
+    EXPECT_EQ(eventsNamed("in_app_dismissed").size(), 5u) << "each showing dismissed once";
 }
 
 }  // namespace

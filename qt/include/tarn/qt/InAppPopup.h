@@ -111,7 +111,8 @@ class InAppPopup : public QWidget {
                int imageTimeoutSeconds);
     ~InAppPopup() override;
 
-    /// Shows the popup, reports it opened and starts the auto-dismiss timer.
+    /// Shows the popup, reports it opened and starts the auto-dismiss timer. The popup takes the
+    /// keyboard focus; whichever way it closes, the focus goes back to the widget that had it.
     void open();
     /// Closes the popup with "in_app_dismissed" (the close control, Escape, the timer).
     void dismiss();
@@ -140,6 +141,8 @@ class InAppPopup : public QWidget {
     int maxImages_;
     int imageTimeoutSeconds_;
     bool finished_ = false;
+    /// The widget that had the keyboard focus when the popup opened; it gets it back on close.
+    QPointer<QWidget> focusBefore_;
 };
 
 }  // namespace tarn::qt
