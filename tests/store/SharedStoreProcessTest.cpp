@@ -56,7 +56,7 @@ class Serve {
     explicit Serve(const std::filesystem::path& folder) : events_(folder / "events.jsonl") {
         auto inapp = folder / "inapp.json";
         std::ofstream(inapp) << R"({"inAppCommunicationCommands":[],)"
-                             << R"("configuration":{"eventQueueDelay":0.005}})";
+                             << R"("configuration":{"eventQueueDelay":0.001}})";
         auto output = folder / "serve.out";
         std::vector<std::string> args = {tarnExecutable(), "serve", "--port", "0", "--inapp",
                                          inapp.string(), "--events-file", events_.string(),
@@ -138,11 +138,13 @@ class SharedStoreProcessTest : public TarnTest {
         std::filesystem::create_directories(data);
         std::vector<std::unique_ptr<ChildProcess>> processes;
         std::string output;  // every line the instances logged
+        std::vector<std::string> outputs(static_cast<std::size_t>(instances));
         auto drainAll = [&] {
-            for (auto& p : processes) {
-                drain(*p);
-                output += p->out;
-                p->out.clear();
+            for (std::size_t i = 0; i < processes.size(); ++i) {
+                drain(*processes[i]);
+                output += processes[i]->out;
+                outputs[i] += processes[i]->out;
+                processes[i]->out.clear();
             }
         };
         for (int i = 0; i < instances; ++i) {
@@ -181,10 +183,14 @@ class SharedStoreProcessTest : public TarnTest {
             drainAll();
         for (auto until = Clock::now() + 300ms; Clock::now() < until;)
             drainAll();
-        for (auto& p : processes) {
+        for (std::size_t i = 0; i < processes.size(); ++i) {
+            auto& p = processes[i];
             p->finishInput("\n");
-            EXPECT_EQ(p->wait(10s), 0) << p->err;
+            outputs[i] += p->out;
             output += p->out;
+            auto& own = outputs[i];
+            EXPECT_EQ(p->wait(10s), 0)
+                << p->err << own.substr(own.size() > 4000 ? own.size() - 4000 : 0);
         }
 
         auto arrived = ours();
