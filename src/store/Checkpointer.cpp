@@ -90,11 +90,15 @@ void Checkpointer::checkpoint(sqlite3* db) {
     }
     int log = 0;
     int copied = 0;
-    if (sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, &log, &copied) !=
-        SQLITE_OK) {
-        return;  // another checkpoint is running, or the file is gone: asked again later
-    }
+    int rc = sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, &log, &copied);
     int pages = logPages_.load(std::memory_order_relaxed);
+    if (rc != SQLITE_OK) {
+        // Another connection's checkpoint is running (another process sharing the file: a
+        // passive checkpoint never waits for it), or the file is gone. Asked again at the next
+        // mark rather than at every commit, which would only find that checkpoint again.
+        nextRequest_.store(pages + kCheckpointPages / 4, std::memory_order_relaxed);
+        return;
+    }
     if (pages <= copied || pages < log) {
         // All copied (or the log started over meanwhile): the next mark is a full threshold
         // of new pages.

@@ -37,6 +37,13 @@ inline constexpr int kLogPagesHardCap = kLogPagesCap + kLogPagesCap / 2;
 /// ended (`takeOver`), so that its passes, slow when the disk is busy, cannot keep taking the
 /// checkpoint away from the committing caller.
 ///
+/// Other processes sharing the file keep connections and checkpoint threads of their own. Their
+/// readers hold back the part of the log after their snapshot (a pass that copies nothing new
+/// waits for the next mark, it does not spin); their checkpoints make this one's answer
+/// SQLITE_BUSY at once (asked again at the next mark). SQLite copies only frames that every reader
+/// has passed and starts the log over only when no reader uses it, so no page is lost whatever
+/// the processes do; the log a process leaves behind is replayed by the next connection's open.
+///
 /// The thread starts with the first request and is stopped and joined by the destructor.
 class Checkpointer {
   public:

@@ -28,6 +28,8 @@ namespace {
 constexpr const char* kQueueLogTag = "Tarn-QueueManager:";
 /// Markers at or before now minus this many seconds are purged, whatever the conversion period.
 constexpr double kConversionPurgeAge = 86400.0;
+/// How often a look-up tries the next marker when other processes consume the ones it finds.
+constexpr int kConsumeAttempts = 8;
 
 using Error = std::optional<std::string>;
 using store::bindDate;
@@ -197,6 +199,19 @@ void CoreDataManager::popOldestEvent(
         completion(std::nullopt);
         return;
     }
+    // Taking an event is one write transaction from the fetch to the delete, so that of several
+    // processes sharing the file exactly one hands each record out: the write lock keeps every
+    // other connection's pop waiting until this one has committed (or rolled back). The completion
+    // runs inside it, after the fetch and before the delete. A pop from inside a completion runs in
+    // the enclosing transaction.
+    const bool outer = !s.inTransaction();
+    if (outer) {
+        if (auto error = s.begin()) {
+            log("Fetch or delete error: " + *error, logtag);
+            completion(std::nullopt);
+            return;
+        }
+    }
     // Fetch the oldest record that is neither pending deletion nor being handed out already.
     std::optional<std::int64_t> id;
     std::optional<std::string> text;
@@ -219,12 +234,14 @@ void CoreDataManager::popOldestEvent(
             fetchError = s.errorMessage();
         }
     }
-    if (fetchError) {
-        log("Fetch or delete error: " + *fetchError, logtag);
-        completion(std::nullopt);
-        return;
-    }
-    if (!id) {
+    if (fetchError || !id) {
+        if (outer) {
+            // Nothing was taken; an empty queue's commit still deletes any pending records.
+            s.end(fetchError);
+        }
+        if (fetchError) {
+            log("Fetch or delete error: " + *fetchError, logtag);
+        }
         completion(std::nullopt);
         return;
     }
@@ -239,12 +256,20 @@ void CoreDataManager::popOldestEvent(
         InFlight guard{s, *id};
         completion(std::move(text));
     }
-    auto error = s.write(true, [&]() -> Error {
+    Error error;
+    {
         sqlite3_bind_int64(s.deleteEvent, 1, *id);
-        return s.runToDone(s.deleteEvent);
-    });
-    if (error) {
+        error = s.runToDone(s.deleteEvent);
+    }
+    if (!error) {
+        s.deletedEvent(*id);
+    } else {
         s.pendingEventDeletes.insert(*id);
+    }
+    if (outer) {
+        error = s.end(error);
+    }
+    if (error) {
         log("Fetch or delete error: " + *error, logtag);
         completion(std::nullopt);
     }
@@ -341,24 +366,36 @@ void CoreDataManager::findConversion(
     {
         std::lock_guard lock(store_->mutex);
         auto& s = *store_;
-        std::optional<std::int64_t> id;
         if (!s.ensureOpen(logtag)) {
             failed = true;
-        } else {
-            failed = !s.selectMarker(actorId, eventName, cutoff, id, found);
         }
-        if (id) {
-            // One marker is consumed by one matching event.
+        // One marker is consumed by one matching event. The delete tells whether this connection
+        // took the marker: when another one (another process sharing the file) consumed it
+        // between the look-up and the delete, the next newest is looked up.
+        for (int attempt = 0; !failed && attempt < kConsumeAttempts; ++attempt) {
+            std::optional<std::int64_t> id;
+            found.reset();
+            failed = !s.selectMarker(actorId, eventName, cutoff, id, found);
+            if (!id) {
+                break;
+            }
+            int deleted = 0;
             auto error = s.write(true, [&]() -> Error {
                 sqlite3_bind_int64(s.deleteConversion, 1, *id);
-                return s.runToDone(s.deleteConversion);
+                auto failure = s.runToDone(s.deleteConversion);
+                deleted = sqlite3_changes(s.db);
+                return failure;
             });
             if (error) {
                 s.pendingConversionDeletes.insert(*id);
                 failed = true;
                 found.reset();
-            } else {
+            } else if (deleted > 0) {
+                s.deletedConversion(*id);
                 s.markerConsumed(actorId, eventName);
+                break;
+            } else {
+                found.reset();  // taken by another connection
             }
         }
     }

@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "store/StoreRecovery.h"
@@ -37,22 +40,39 @@ void makeFilesPrivate(const std::filesystem::path& path) {
     }
 }
 
+/// True for the failures that mean another connection holds the file.
+bool meansLocked(int code) {
+    code &= 0xff;
+    return code == SQLITE_BUSY || code == SQLITE_LOCKED;
+}
+
 }  // namespace
 
 bool Connection::ensureOpen(const std::string& logtag) {
-    if (attempted) {
-        return db != nullptr;
+    if (db) {
+        return true;
+    }
+    if (attempted && !reloadWhenUsed) {
+        return false;
     }
     attempted = true;
+    reloadWhenUsed = false;
     const auto path = CoreDataManager::databasePath();
-    auto error = open(path);
+    auto error = openWaiting(path);
     if (!error) {
+        loadError.clear();
         return true;
     }
     const bool corrupt = meansCorruption(openFailure);
     loadError = *error;
     close();
     log("❌ Loading of store failed:" + loadError, logtag);
+    if (meansLocked(openFailure)) {
+        // Another process holds the file (it is creating it, or keeps a long transaction): the
+        // next operation tries again, after its own bounded wait.
+        reloadWhenUsed = true;
+        return false;
+    }
     if (!corrupt) {
         return false;
     }
@@ -61,8 +81,9 @@ bool Connection::ensureOpen(const std::string& logtag) {
     if (!moveUnreadableAside(path, CoreDataManager::kKeptUnreadableStores, logtag)) {
         return false;
     }
-    if (auto again = open(path)) {
+    if (auto again = openWaiting(path)) {
         loadError = *again;
+        reloadWhenUsed = meansLocked(openFailure);
         close();
         log("❌ Loading of store failed:" + loadError, logtag);
         return false;
@@ -71,7 +92,26 @@ bool Connection::ensureOpen(const std::string& logtag) {
     return true;
 }
 
-Error Connection::open(const std::filesystem::path& path) {
+Error Connection::openWaiting(const std::filesystem::path& path) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(busyTimeoutMs);
+    while (true) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        auto error = open(path, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+        if (!error || !meansLocked(openFailure) || Clock::now() >= deadline) {
+            return error;
+        }
+        // Some steps of an open are answered "locked" at once rather than after SQLite's wait
+        // (the switch to the write-ahead log, recovering a log another process left): start over
+        // after a short pause.
+        close();
+        std::this_thread::sleep_for(
+            std::min(std::chrono::milliseconds(5),
+                     std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now())));
+    }
+}
+
+Error Connection::open(const std::filesystem::path& path, int busyMs) {
     openFailure = SQLITE_OK;
     makeFilesPrivate(path);
     int rc =
@@ -82,7 +122,8 @@ Error Connection::open(const std::filesystem::path& path) {
         std::string reason = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
         return reason + " (" + path.string() + ")";
     }
-    sqlite3_busy_timeout(db, busyTimeoutMs);
+    // The open's waits share one bound; the connection's own time-out is set once it is open.
+    sqlite3_busy_timeout(db, busyMs);
     // Until the file has passed its check, closing the connection must not checkpoint a log into
     // it nor delete that log: an unreadable file is moved aside with its log as it was found.
     sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
@@ -138,6 +179,7 @@ Error Connection::open(const std::filesystem::path& path) {
         }
     }
     sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+    sqlite3_busy_timeout(db, busyTimeoutMs);
     return std::nullopt;
 }
 
@@ -235,14 +277,21 @@ Error Connection::flushPending() {
 }
 
 Error Connection::write(bool singleStatement, const std::function<Error()>& steps) {
+    if (inTransaction()) {
+        return steps();  // the enclosing transaction commits it, or rolls it back
+    }
     bool flush = !pendingEventDeletes.empty() || !pendingConversionDeletes.empty();
     if (singleStatement && !flush) {
         return steps();
     }
-    if (auto error = runToDone(beginImmediate)) {
+    if (auto error = begin()) {
         return error;
     }
-    Error error = steps();
+    return end(steps());
+}
+
+Error Connection::end(Error error) {
+    bool flush = !pendingEventDeletes.empty() || !pendingConversionDeletes.empty();
     if (!error && flush) {
         error = flushPending();
     }
@@ -253,13 +302,19 @@ Error Connection::write(bool singleStatement, const std::function<Error()>& step
         if (!sqlite3_get_autocommit(db)) {
             exec("ROLLBACK");
         }
-        return error;
-    }
-    if (flush) {
+        // Whatever was deleted inside is back in the file: this process has handed it out
+        // already, so it stays taken here and goes with the next write that commits.
+        pendingEventDeletes.insert(eventsDeletedInTransaction.begin(),
+                                   eventsDeletedInTransaction.end());
+        pendingConversionDeletes.insert(conversionsDeletedInTransaction.begin(),
+                                        conversionsDeletedInTransaction.end());
+    } else if (flush) {
         pendingEventDeletes.clear();
         pendingConversionDeletes.clear();
     }
-    return std::nullopt;
+    eventsDeletedInTransaction.clear();
+    conversionsDeletedInTransaction.clear();
+    return error;
 }
 
 int Connection::onWalCommit(void* context, sqlite3* db, const char* schema, int pages) {

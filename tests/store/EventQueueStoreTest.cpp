@@ -84,9 +84,10 @@ TEST_F(EventQueueStoreTest, PopsOldestFirstDeletesWhatItHandsAndPopsFromItsCompl
     EXPECT_EQ(pop(), Popped{std::nullopt});
 }
 
-// Another connection holds the file's write lock, so every commit of the store fails with
-// "database is locked" while reads go on: a real failure of the save step.
-TEST_F(EventQueueStoreTest, FailedCommitsUnderAForeignLockHandNothingTwiceAndCatchUpLater) {
+// Another connection (another process sharing the file) holds the write lock, so every commit of
+// the store fails with "database is locked" while reads go on; then a delete the file refuses, a
+// real failure of a pop's save step.
+TEST_F(EventQueueStoreTest, FailedCommitsHandNothingTwiceAndCatchUpLater) {
     LogCapture logs;
     auto& store = CoreDataManager::shared();
     auto& conversions = ConversionManager::shared();
@@ -99,15 +100,14 @@ TEST_F(EventQueueStoreTest, FailedCommitsUnderAForeignLockHandNothingTwiceAndCat
     RawDatabase blocker(CoreDataManager::databasePath());
     ASSERT_EQ(blocker.exec("BEGIN IMMEDIATE"), "");
 
-    // A failed delete hands the event, then nothing, and that record is not handed out again by
-    // this process; a failed event save is silent and loses it.
-    EXPECT_EQ(pop(), (Popped{event("kept"), std::nullopt}));
-    EXPECT_TRUE(logs.contains("Tarn-CoreDataManager: Fetch or delete error: database is locked;"));
+    // A pop takes its event under the write lock: with the lock held elsewhere it takes nothing
+    // (the other connection may be taking that very event) and the event stays queued. A failed
+    // event save is silent and loses it.
+    EXPECT_EQ(pop(), Popped{std::nullopt});
+    EXPECT_EQ(logs.count("Tarn-CoreDataManager: Fetch or delete error: database is locked;"), 1u);
     auto before = logs.lines().size();
     save(event("lost"), 3);
     EXPECT_EQ(logs.lines().size(), before);
-    EXPECT_EQ(pop(), (Popped{event("next"), std::nullopt}));
-    EXPECT_EQ(pop(), Popped{std::nullopt});
 
     // A marker whose consumption fails is reported as a fetch error and stays taken.
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
@@ -118,10 +118,24 @@ TEST_F(EventQueueStoreTest, FailedCommitsUnderAForeignLockHandNothingTwiceAndCat
     EXPECT_TRUE(logs.contains(kSaveError));
     store.deleteExpiredConversions();
     EXPECT_TRUE(logs.contains("Tarn-CoreDataManager: Delete error: database is locked;"));
-
-    // Once the lock is gone, the next write commits every pending delete with it.
     ASSERT_EQ(blocker.exec("ROLLBACK"), "");
     EXPECT_EQ(blocker.integer("SELECT count(*) FROM EventQueue"), 2);
+
+    // The file refuses to delete "kept": the pop hands it, then nothing; the record stays in the
+    // file, and this process does not hand it again.
+    ASSERT_EQ(blocker.exec("CREATE TRIGGER refuse BEFORE DELETE ON EventQueue "
+                           "WHEN json_extract(old.event, '$.name') = 'kept' "
+                           "BEGIN SELECT RAISE(ABORT, 'delete refused'); END"),
+              "");
+    EXPECT_EQ(pop(), (Popped{event("kept"), std::nullopt}));
+    EXPECT_TRUE(logs.contains("Tarn-CoreDataManager: Fetch or delete error: delete refused;"));
+    EXPECT_EQ(blocker.integer("SELECT count(*) FROM EventQueue"), 2);
+
+    // Once the file deletes again, the next write commits every pending delete with it.
+    ASSERT_EQ(blocker.exec("DROP TRIGGER refuse"), "");
+    EXPECT_EQ(pop(), Popped{event("next")});
+    EXPECT_EQ(blocker.integer("SELECT count(*) FROM EventQueue"), 0);
+    EXPECT_EQ(pop(), Popped{std::nullopt});
     EXPECT_EQ(conversions.checkConversion("purchase"), std::nullopt);
     save(event("after"), 4);
     EXPECT_EQ(blocker.column("SELECT json_extract(event, '$.name') FROM EventQueue"),

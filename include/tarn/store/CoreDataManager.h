@@ -37,6 +37,16 @@
 // the truth: the counts are read again whenever another connection (another process sharing the
 // data folder) has committed (`PRAGMA data_version`).
 //
+// Several processes. Any number of processes (instances of one application, the processes of an
+// app group that share a data folder) may use the file at once. Taking the oldest event is one
+// write transaction from the fetch to the delete (`BEGIN IMMEDIATE`), so each stored event is
+// handed to exactly one process; a pop that cannot get the write lock within the busy time-out
+// hands nothing and leaves the event queued. A marker is consumed only by the process whose delete
+// removed it (the next newest is looked up otherwise). The marker counts are checked against
+// `PRAGMA data_version` before each use; the pending and in-flight record ids concern only what
+// this process has handed out itself. A record whose delete failed after it was handed out (a disk
+// failure, not a lock) stays in the file and another process may still send it.
+//
 // Opening. The store is opened once per process, on the first operation. The schema is compiled
 // into the library, so there is no data-model resource that could be missing and opening the store
 // never ends the process. Every failure to open logs "❌ Loading of store failed:" with the reason.
@@ -51,9 +61,13 @@
 //   that keeps corrupting the file cannot fill up with copies. A file that is found unreadable
 //   only after it was opened is not moved; the next process's open finds it. Another process that
 //   already had the damaged file open goes on with the moved copy until it restarts.
-// - Any other failure (a folder that cannot be written, a lock held too long by another process,
-//   a file written by a newer release) leaves the library running without a store: each later
-//   operation fails on its own with its own log line, and no stored byte is touched.
+// - A lock held by another process (it is creating the file, or keeps it locked): the open waits
+//   for it within the busy time-out, retrying the steps SQLite answers "locked" at once; if the
+//   store still cannot load, the line is logged and the next operation loads again, with its own
+//   bounded wait, so operations never spin on it and the store is used as soon as the lock is gone.
+// - Any other failure (a folder that cannot be written, a file written by a newer release) leaves
+//   the library running without a store: each later operation fails on its own with its own log
+//   line, and no stored byte is touched.
 //
 // Files. The database and its -wal and -shm files are private to the user (mode 0600), whatever
 // the process's umask: the database file is created with that mode before SQLite opens it, SQLite
@@ -110,9 +124,11 @@ class CoreDataManager {
     void saveEventToQueue(const std::string& eventJson, Date timestamp,
                           const nlohmann::json& eventDictionary);
 
-    /// Takes the oldest event (by timestamp) out of the queue. `completion` receives its JSON text,
-    /// or nothing when the queue is empty or the record holds no text; it runs before the record is
-    /// deleted, so when that delete cannot be committed it is called a second time, with nothing,
+    /// Takes the oldest event (by timestamp) out of the queue, inside one write transaction that
+    /// keeps every other process from taking it too (nothing is handed, with "Fetch or delete
+    /// error: " and the reason, when the write lock is not had within the busy time-out).
+    /// `completion` receives its JSON text, or nothing when the queue is empty or the record holds
+    /// no text; it runs inside that transaction, before the record is deleted, so when that delete cannot be committed it is called a second time, with nothing,
     /// after "Fetch or delete error: " and the reason is logged. A record whose delete failed is
     /// not handed out again by this process and is deleted with the next successful write.
     void popOldestEvent(const std::function<void(std::optional<std::string>)>& completion);
@@ -153,9 +169,9 @@ class CoreDataManager {
     /// are logged and those markers count as deleted for the rest of this process.
     void deleteExpiredConversions();
 
-    /// How long a write waits for another connection's lock on the file before it fails (one
-    /// second by default). Only another connection to the file, such as a second process sharing
-    /// the data folder, can hold that lock, and only for the length of one transaction.
+    /// How long a write, a pop or a load waits for another connection's lock on the file before it
+    /// fails (one second by default). Only another connection to the file, such as a second process
+    /// sharing the data folder, can hold that lock.
     void setBusyTimeout(std::chrono::milliseconds timeout);
 
     /// True once the store has been opened successfully (opens it when not yet tried).
