@@ -13,13 +13,17 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
 #include "tarn/inapp/AppCommunication.h"
 #include "tarn/platform/Screen.h"
 
 namespace tarn {
 
-class TarnEvent {
+/// The host's event calls (see above). One process-wide instance; every call may be made from any
+/// thread.
+class TARN_API TarnEvent {
   public:
+    /// The one instance, created on first use and never destroyed.
     static TarnEvent& shared();
 
     /// A custom event; it may show the in-app communication that names it.
@@ -40,21 +44,27 @@ class TarnEvent {
     void sendLogoutEvent();
     /// Manual page tracking; ignored while automatic page tracking is on or without a screen.
     void sendPageInEvent(ScreenRef controller, std::optional<std::string> pageName = std::nullopt);
+    /// Sends "page_out" for the screen; see `sendPageInEvent`.
     void sendPageOutEvent(ScreenRef controller, std::optional<std::string> pageName = std::nullopt);
     /// Manual lifecycle tracking; ignored while automatic lifecycle tracking is on or without a
     /// screen.
     void sendAppBackgroundEvent(ScreenRef controller,
                                 std::optional<std::string> pageName = std::nullopt);
+    /// Sends "app_foreground"; see `sendAppBackgroundEvent`.
     void sendAppForegroundEvent(ScreenRef controller,
                                 std::optional<std::string> pageName = std::nullopt);
     /// "application_error" with the error's message and type name.
     void sendApplicationErrorEvent(const std::exception& error);
+    /// "application_error" with the error code's message and category name.
     void sendApplicationErrorEvent(const std::error_code& error);
     /// Push interactions; `notification` is the notification's user-info dictionary, whose "data"
     /// member holds the push item's JSON text.
     void sendPushNotificationClickedEvent(const nlohmann::json& notification);
+    /// The push notification was dismissed.
     void sendPushNotificationDismissedEvent(const nlohmann::json& notification);
+    /// The push notification was received.
     void sendPushNotificationReceivedEvent(const nlohmann::json& notification);
+    /// The user denied notifications.
     void sendPushNotificationDeniedEvent(const nlohmann::json& notification);
 };
 
