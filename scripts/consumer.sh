@@ -133,7 +133,7 @@ build_pkg_config_host() {
     cp "$work/src/core/main.cpp" "$dir/"
     local line; line=$(cat "$work/src/core/pkg-config.sh")
     [ -n "$flags" ] && line=${line/pkg-config --cflags --libs/pkg-config $flags --cflags --libs}
-    (cd "$dir" && PKG_CONFIG_PATH="$pcpath" locked bash -c "$line") >"$dir.log" 2>&1 ||
+    (cd "$dir" && locked env PKG_CONFIG_PATH="$pcpath" bash -c "$line") >"$dir.log" 2>&1 ||
         { cat "$dir.log" >&2; fail "pkg-config line: $line"; }
 }
 
