@@ -7,8 +7,8 @@
 #   shared  CMake, core, installed from a shared build (build/consumer-shared unless
 #           --shared-build; configured and built here: library, Qt library and tarn only)
 #   qt      CMake, core + component Qt, from the shared installation, Qt offscreen
-#   pkgconf the plain compiler line (tests/consumer/core/pkg-config.sh) against the shared
-#           installation, and with `pkg-config --static` against the static one
+#   pkgconf the plain compiler line (tests/consumer/core/pkg-config.sh) against the static and
+#           the shared installation
 #   deb     `cpack -G DEB` of the shared build, `apt install ./*.deb`, then CMake (core and Qt)
 #           and the compiler line against /usr; only as root on Debian (skipped with a message
 #           otherwise, or with --no-deb), and the packages are removed again afterwards
@@ -146,7 +146,7 @@ say "installing $static_build"
 install_build "$static_build" "$work/static"
 build_cmake_host core "$work/static" "$work/host-static"
 run_against_serve "$work/host-static/my_app" "$work/static/bin"
-build_pkg_config_host "$work/host-pc-static" "$(pcdir "$work/static")" --static
+build_pkg_config_host "$work/host-pc-static" "$(pcdir "$work/static")" ""
 run_against_serve "$work/host-pc-static/my_app" "$work/static/bin"
 
 # 2. Shared: one extra build folder with the two libraries and the command only.
