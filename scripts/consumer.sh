@@ -36,7 +36,8 @@ done
 locked() {
     if [ -n "${TARN_BUILD_LOCK:-}" ]; then flock "$TARN_BUILD_LOCK" "$@"; else "$@"; fi
 }
-say() { printf '== consumer: %s\n' "$*"; }
+start=$(date +%s)
+say() { printf '== consumer [%3d s]: %s\n' "$(($(date +%s) - start))" "$*"; }
 fail() { printf 'consumer: FAILED: %s\n' "$*" >&2; exit 1; }
 
 work=$(mktemp -d /tmp/tarn-consumer-XXXXXX)
@@ -46,12 +47,11 @@ cleanup() {
     [ -n "$server_pid" ] && kill "$server_pid" 2>/dev/null || true
     if [ ${#debs_installed[@]} -gt 0 ]; then
         say "removing the Debian packages again"
-        DEBIAN_FRONTEND=noninteractive apt-get remove -y -qq "${debs_installed[@]}" >/dev/null 2>&1 || true
+        DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq "${debs_installed[@]}" >/dev/null 2>&1 || true
     fi
     if [ "$keep" = 1 ]; then echo "consumer: kept $work"; else rm -rf "$work"; fi
 }
 trap cleanup EXIT
-start=$(date +%s)
 
 bash scripts/check-readme-snippets.sh
 
