@@ -10,6 +10,8 @@ packages=(
     curl iproute2
     clang-14 libclang-rt-14-dev
     qt6-base-dev fonts-dejavu-core
+    # the API reference (`docs` target), built with warnings as errors by scripts/test.sh
+    doxygen
 )
 
 missing=()

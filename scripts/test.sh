@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs every test: the optimised build (and a two-minute soak
-# with it), then under AddressSanitizer with UndefinedBehaviorSanitizer, then the thread-heavy
+# with it, the consumer host projects against installed copies and the API reference), then under
+# AddressSanitizer with UndefinedBehaviorSanitizer, then the thread-heavy
 # suites under ThreadSanitizer, and last the fuzz targets for a short run. TARN_TEST_PRESETS
 # overrides the list ("default asan tsan").
 set -euo pipefail
@@ -21,6 +22,20 @@ for preset in $presets; do
         ctest --preset "$preset" -j "$jobs" -L 'platform|network|store|events|inapp'
     else
         ctest --preset "$preset" -j "$jobs"
+    fi
+    if [ "$preset" = "default" ]; then
+        # The host projects of tests/consumer/ against installed copies of the library: this
+        # build installed, one shared build (library, Qt library and tarn only) installed, and the
+        # Debian packages when running as root on Debian (TARN_SKIP_CONSUMER=1 skips).
+        if [ "${TARN_SKIP_CONSUMER:-0}" != "1" ]; then
+            echo "== consumer: the installed package from outside the tree"
+            bash scripts/consumer.sh --static-build build/default --shared-build build/consumer-shared
+        fi
+        # The API reference, every public symbol documented, warnings as errors.
+        if command -v doxygen >/dev/null; then
+            echo "== docs: Doxygen"
+            cmake --build --preset default --target docs
+        fi
     fi
     if [ "$preset" = "default" ] && [ "${TARN_SKIP_SOAK:-0}" != "1" ]; then
         # Two minutes of a host sending 100 events a second against `tarn serve` with faults:

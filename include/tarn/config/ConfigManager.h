@@ -5,19 +5,26 @@
 #include <optional>
 #include <string>
 
+#include "tarn/core/Export.h"
 #include "tarn/core/Types.h"
 
 namespace tarn {
 
 enum class InstallationStatus { firstTimeInstallation, alreadyInstalled };
 
-class ConfigManager {
+/// Actor identifier rules, the installation status and the initialisation status. One process-wide
+/// instance; every call is safe from any thread.
+class TARN_API ConfigManager {
   public:
+    /// The one instance, created on first use and never destroyed.
     static ConfigManager& shared();
 
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-ConfigManager:";
+    /// Whether this run is the first one on this device (set by `checkInstallationStatus`).
     std::atomic<InstallationStatus> installationStatus{InstallationStatus::alreadyInstalled};
 
+    /// The process-wide initialisation status (`ProcessSettings::initializeStatus`).
     InitializeStatusType getInitializeStatus() const;
     /// True exactly when the status is `initialized`.
     bool isInitialized() const;

@@ -3,13 +3,16 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// Reads "TarnService-Info.plist" (XML or binary) from `Bundle::main()` once, on first use. A
 /// missing, unreadable or malformed file, or one whose root is not a dictionary, prints "Failed to
 /// load the TarnService-Info file." and leaves `settings` empty.
-class ConfigurationManager {
+class TARN_API ConfigurationManager {
   public:
+    /// The one instance, created on first use and never destroyed.
     static ConfigurationManager& shared();
 
     /// The file's root dictionary (values as `parsePropertyList` gives them), or an empty object.

@@ -7,19 +7,21 @@
 
 #include <string>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// The process-wide initialisation status.
 enum class InitializeStatusType { initializing, initialized, notInitialized, initializeFailed };
 /// "initializing", "initialized", "notInitialized", "initializeFailed".
-const char* rawValue(InitializeStatusType status);
+TARN_API const char* rawValue(InitializeStatusType status);
 
 /// Which push token changed: `apns` the platform device token, `firebase` the provider's token.
 enum class TokenProviderType { apns, firebase };
 /// "apns", "firebase".
-const char* rawValue(TokenProviderType provider);
+TARN_API const char* rawValue(TokenProviderType provider);
 
 /// A new random UUID in canonical upper-case text (8-4-4-4-12).
-std::string makeUuidString();
+TARN_API std::string makeUuidString();
 
 }  // namespace tarn

@@ -12,13 +12,18 @@
 #include <compare>
 #include <optional>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
-struct Date {
+/// A point in time as seconds since 1970-01-01 UTC, as the event bodies and the store carry it.
+struct TARN_API Date {
+    /// Seconds since 1970-01-01 00:00 UTC, with fractions.
     double secondsSince1970 = 0.0;
 
     /// The current wall-clock time (or the test clock, see `setNowForTesting`).
     static Date now();
+    /// The date `seconds` after 1970-01-01 00:00 UTC.
     static constexpr Date fromSecondsSince1970(double seconds) { return Date{seconds}; }
 
     /// This date moved by `seconds` (negative moves it back).
@@ -30,11 +35,12 @@ struct Date {
         return secondsSince1970 - other.secondsSince1970;
     }
 
+    /// Dates order by time.
     friend constexpr auto operator<=>(const Date&, const Date&) = default;
 };
 
 /// Pins `Date::now()` to `fixed` for the whole process, or restores the wall clock with
 /// `std::nullopt`. Only for tests.
-void setNowForTesting(std::optional<Date> fixed);
+TARN_API void setNowForTesting(std::optional<Date> fixed);
 
 }  // namespace tarn

@@ -7,10 +7,12 @@
 #include <string>
 #include <string_view>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// Prints "<source>:<line>: Fatal error: <message>" to standard error and aborts the process.
-[[noreturn]] void fatalError(std::string_view message, std::string_view source, int line);
+[[noreturn]] TARN_API void fatalError(std::string_view message, std::string_view source, int line);
 
 }  // namespace tarn
 

@@ -12,6 +12,8 @@
 #include <optional>
 #include <string>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 inline constexpr const char* kTarnLogNotification = "TarnLogNotification";
@@ -19,9 +21,12 @@ inline constexpr const char* kTarnPageInNotification = "TarnPageInNotification";
 inline constexpr const char* kTarnPageOutNotification = "TarnPageOutNotification";
 
 /// One log record.
-struct TarnLog {
+struct TARN_API TarnLog {
+    /// The message as logged.
     std::string logMessage;
+    /// The tag of the component that logged it, when given.
     std::optional<std::string> sector;
+    /// When it was logged.
     std::chrono::system_clock::time_point logDate;
 
     /// "<sector or Tarn> <message>;".
@@ -31,13 +36,13 @@ struct TarnLog {
 };
 
 /// Logs `message` under `tag`: posts "TarnLogNotification", then prints the line. Any thread.
-void log(const std::string& message, const std::optional<std::string>& tag = std::nullopt);
+TARN_API void log(const std::string& message, const std::optional<std::string>& tag = std::nullopt);
 /// As above, for a tag the caller keeps (no copy is made unless someone observes the records).
-void log(const std::string& message, const std::string& tag);
-void log(const std::string& message, const char* tag);
+TARN_API void log(const std::string& message, const std::string& tag);
+TARN_API void log(const std::string& message, const char* tag);
 
 /// Prints one line to standard output directly, bypassing the logger (for the few messages that the
 /// library writes without a record).
-void printLine(const std::string& line);
+TARN_API void printLine(const std::string& line);
 
 }  // namespace tarn

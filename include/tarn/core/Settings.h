@@ -13,15 +13,20 @@
 #include <vector>
 
 #include "tarn/core/BaseTypes.h"
+#include "tarn/core/Export.h"
 #include "tarn/core/Shared.h"
 
 namespace tarn {
 
-struct ProcessSettings {
+/// The settings of the process: server address, request retries and time-out, queue period,
+/// conversion offset, journeys and the initialisation status. Every field is safe to read and write
+/// from any thread.
+struct TARN_API ProcessSettings {
     /// The request settings in force until the configuration fetch of an initialisation has
     /// answered. The token request and that fetch run under them, so they may take long; the
     /// fallback once an answer without these members arrived is 3 for both.
     static constexpr std::int64_t kStartupRequestRetryCount = 3;
+    /// Request time-out, in seconds, until the configuration fetch has answered (see above).
     static constexpr std::int64_t kStartupRequestTimeout = 3000;
 
     /// The server's base address; unset until initialisation reads the service file.
@@ -51,9 +56,9 @@ struct ProcessSettings {
 };
 
 /// The one set of process-wide settings.
-ProcessSettings& processSettings();
+TARN_API ProcessSettings& processSettings();
 
 /// The base URL; ends the process (a programming error) when it was never set.
-std::string requireBaseUrl();
+TARN_API std::string requireBaseUrl();
 
 }  // namespace tarn

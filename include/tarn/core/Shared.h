@@ -29,11 +29,13 @@
 #include <new>
 #include <utility>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// Destroys every process-wide instance of the library. Only for tests; call it when no callback,
 /// timer or request of the library is running.
-void resetSharedInstancesForTesting();
+TARN_API void resetSharedInstancesForTesting();
 
 namespace detail {
 
@@ -60,7 +62,7 @@ class NeverDestroyed {
 };
 
 /// Registers a function that destroys one process-wide instance; `order` lower runs first.
-void registerSharedReset(int order, std::function<void()> reset);
+TARN_API void registerSharedReset(int order, std::function<void()> reset);
 
 /// Holder of one lazily created process-wide instance of `T`. The instance is never destroyed
 /// except by `resetSharedInstancesForTesting()`.
@@ -106,14 +108,17 @@ template <class T>
 class Locked {
   public:
     Locked() = default;
+    /// Holds `value` (converts implicitly, so a `Locked<T>` member can be initialised with a `T`).
     Locked(T value) : value_(std::move(value)) {}  // NOLINT(google-explicit-constructor)
     Locked(const Locked&) = delete;
     Locked& operator=(const Locked&) = delete;
 
+    /// A copy of the value, read under the lock.
     T get() const {
         std::lock_guard lock(mutex_);
         return value_;
     }
+    /// Replaces the value under the lock.
     void set(T value) {
         std::lock_guard lock(mutex_);
         value_ = std::move(value);
@@ -124,7 +129,9 @@ class Locked {
         std::swap(value_, value);
         return value;
     }
+    /// A copy of the value, as `get()`.
     operator T() const { return get(); }  // NOLINT(google-explicit-constructor)
+    /// Replaces the value, as `set()`.
     Locked& operator=(T value) {
         set(std::move(value));
         return *this;

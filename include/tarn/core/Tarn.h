@@ -29,6 +29,7 @@
 
 #include "tarn/config/ConfigManager.h"
 #include "tarn/config/TarnState.h"
+#include "tarn/core/Export.h"
 #include "tarn/core/Settings.h"
 #include "tarn/core/Shared.h"
 #include "tarn/core/Types.h"
@@ -37,7 +38,9 @@ namespace tarn {
 
 class TarnEvent;
 
-class Tarn {
+/// The library's facade: initialisation, identity and push tokens (see above). One process-wide
+/// instance.
+class TARN_API Tarn {
   public:
     /// The one instance, created on first use and never destroyed (usable until the process ends).
     static Tarn& shared();
@@ -50,29 +53,46 @@ class Tarn {
 
     // Switches and state; each is safe to read from any thread. They live in `TarnState`, where
     // the subsystems below the facade read them; these are the same values under the same names.
+    /// The state below, shared with the subsystems.
     TarnState& state = TarnState::shared();
+    /// Whether event bodies carry the network status.
     std::atomic<bool>& isWifiStatusRequired = state.isWifiStatusRequired;
+    /// Whether event bodies carry the battery level.
     std::atomic<bool>& isBatteryStatusRequired = state.isBatteryStatusRequired;
+    /// Whether event bodies carry the free and total disk space.
     std::atomic<bool>& isDiskCapacityRequired = state.isDiskCapacityRequired;
+    /// Whether event bodies carry the location.
     std::atomic<bool>& isLocationRequired = state.isLocationRequired;
+    /// Automatic page tracking (see `TarnInitConfig::isSendActivityLifeCycleEventEnabled`).
     std::atomic<bool>& isSendActivityLifeCycleEventEnabled =
         state.isSendActivityLifeCycleEventEnabled;
+    /// The host's application name, from `TarnInitConfig`.
     Locked<std::string>& applicationName = state.applicationName;
+    /// The current actor identifier (the host's or a guest identifier).
     Locked<std::string>& actorId = state.actorId;
     /// Sent as the in-app request's "configuration" member; never changed by the library.
     std::atomic<bool>& config = state.config;
+    /// Automatic lifecycle events (see `TarnInitConfig::applicationLifecyleAuto`).
     std::atomic<bool>& applicationLifecyleAuto = state.applicationLifecyleAuto;
+    /// The push provider's token, as stored.
     Locked<std::string>& tarnPushToken = state.tarnPushToken;
+    /// The platform device token as lower-case hex text, as stored.
     Locked<std::string>& tarnApnsToken = state.tarnApnsToken;
     /// The "Authorization" header value, exactly as the server or the host gave it.
     Locked<std::string>& tarnAuthToken = state.tarnAuthToken;
+    /// The bundle identifier of the host's main bundle.
     Locked<std::string>& tarnBundle = state.tarnBundle;
+    /// Whether an actor is logged in (set by login, cleared by logout).
     std::atomic<bool>& loggedIn = state.loggedIn;
+    /// Prefix of the facade's log lines.
     const std::string logtag = "Tarn:";
+    /// Kept for hosts; the library neither sets nor reads it.
     std::atomic<bool>& isInstall = state.isInstall;
+    /// Set once an initialisation has completed.
     std::atomic<bool>& isInitializeCompleted = state.isInitializeCompleted;
     /// The configuration of the latest accepted `initialize`, with the service file's values.
     Locked<std::optional<TarnInitConfig>>& configuration = state.configuration;
+    /// The actor and status rules.
     ConfigManager& configManager = ConfigManager::shared();
 
     /// Initialises the library: reads "TarnService-Info", resolves the actor, loads the persisted
@@ -85,6 +105,7 @@ class Tarn {
 
     /// Stores the push provider's token and sends a token-change event when it changed.
     void setPushToken(const std::string& pushToken);
+    /// The push provider's token, as stored.
     std::string getPushToken() const { return tarnPushToken.get(); }
     /// Stores the platform device token as lower-case hex text.
     void setApnsToken(const std::vector<std::uint8_t>& deviceToken);
@@ -93,16 +114,28 @@ class Tarn {
     std::optional<std::string> getActorID(const std::string& appGroupID);
 
     // Steps of initialisation, public for the subsystems that continue it.
+    /// Replaces the server address and the credentials of the stored configuration with the service
+    /// file's values; false when the file lacks one.
     bool readClientKnowledge();
+    /// Loads the stored tokens, the actor identifier and the latest in-app answer's settings.
     void loadState();
+    /// Sends a token-change event for each token that differs from the stored one, then stores
+    /// missing ones.
     void syncTokens();
+    /// Stores each token that is set and not stored yet.
     void storeTokensIfAbsent();
     /// Obtains the authorization value: the host's own, or a token from "/core/auth/token".
     /// `continuation` runs when the routine ends (at once when nothing is sent, else from the
     /// token answer on the transport's thread).
     void requestAccessToken(std::function<void()> continuation = nullptr);
+    /// Starts the lifecycle trackers and the queue and schedules the in-app fetch (after the token
+    /// routine).
     void continueInitialization();
+    /// Fetches the in-app communications with the configuration block; completes initialisation
+    /// when an answer is installed.
     void requestInAppCommunications();
+    /// Applies the fetched configuration, sends "install" on a first run and "sdk_initialize", and
+    /// marks the library initialised.
     void completeInitialization();
 
     /// Sends "actor_change" with the old and new identifiers.

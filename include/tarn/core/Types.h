@@ -25,6 +25,7 @@ namespace tarn {
 struct TarnInitOptions {
     /// The folder whose "TarnService-Info.plist" and Info.plist the library reads.
     Bundle bundle = Bundle::main();
+    /// The application's name as events carry it.
     std::string applicationName{};
     /// The host's actor identifier; without one the library makes and keeps a guest identifier.
     std::optional<std::string> actorId{};
@@ -73,15 +74,28 @@ struct TarnInitConfig {
                          std::move(options.clientSecret), options.applicationLifecyleAuto,
                          options.isSendActivityLifeCycleEventEnabled, options.forceInitialize) {}
 
+    /// The host's main bundle, whose folder holds "TarnService-Info.plist".
     Bundle bundle;
+    /// Automatic lifecycle events: background and foreground are reported from the application's
+    /// notifications; when false the host reports them with the `TarnEvent` calls.
     bool applicationLifecyleAuto;
+    /// The host's application name, sent with every event.
     std::string applicationName;
+    /// Initialise again even when initialising or initialised.
     bool forceInitialize;
+    /// Automatic page tracking: page events from the screens' page-in and page-out notifications
+    /// (`TarnViewController`, the Qt page tracking); when false the host reports pages with the
+    /// `TarnEvent` calls.
     bool isSendActivityLifeCycleEventEnabled;
+    /// The host's actor identifier; none for the stored or a new guest identifier.
     std::optional<std::string> actorId;
+    /// Replaced by the service file's "DOMAIN".
     std::optional<std::string> domainUrl;
+    /// A ready-made "Authorization" header value; when set, no token is requested.
     std::optional<std::string> authorization;
+    /// Replaced by the service file's "CLIENT_ID".
     std::optional<std::string> clientId;
+    /// Replaced by the service file's "CLIENT_SECRET".
     std::optional<std::string> clientSecret;
 };
 

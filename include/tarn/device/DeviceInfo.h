@@ -10,9 +10,14 @@
 #include <string>
 #include <utility>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
-class DeviceInfoProvider {
+/// The device facts that event bodies carry (identifier, model, system version, time zone, disk,
+/// battery, network). The default reads them from the running Linux system; tests install their own
+/// with `setDeviceInfoProvider`.
+class TARN_API DeviceInfoProvider {
   public:
     virtual ~DeviceInfoProvider() = default;
     /// Whole percent of charge as text; "-100" when the level is unknown.
@@ -42,10 +47,10 @@ class DeviceInfoProvider {
 };
 
 /// The provider in use (the library's own by default).
-std::shared_ptr<DeviceInfoProvider> deviceInfoProvider();
+TARN_API std::shared_ptr<DeviceInfoProvider> deviceInfoProvider();
 /// Installs a provider; nullptr goes back to the library's own.
-void setDeviceInfoProvider(std::shared_ptr<DeviceInfoProvider> provider);
+TARN_API void setDeviceInfoProvider(std::shared_ptr<DeviceInfoProvider> provider);
 /// The library's own provider for this platform.
-std::shared_ptr<DeviceInfoProvider> makePlatformDeviceInfoProvider();
+TARN_API std::shared_ptr<DeviceInfoProvider> makePlatformDeviceInfoProvider();
 
 }  // namespace tarn

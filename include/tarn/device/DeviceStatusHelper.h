@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "tarn/core/Export.h"
 #include "tarn/core/Shared.h"
 
 namespace tarn {
@@ -16,9 +17,9 @@ namespace tarn {
 /// The kind of network connection as reported with events.
 enum class NetworkCapability { wifi, cellular, none };
 /// "WIFI", "CELLULAR" or "NONE".
-std::string rawValue(NetworkCapability capability);
+TARN_API std::string rawValue(NetworkCapability capability);
 /// The case whose raw value is exactly `raw` (case-sensitive); none for any other text.
-std::optional<NetworkCapability> networkCapabilityFromRawValue(std::string_view raw);
+TARN_API std::optional<NetworkCapability> networkCapabilityFromRawValue(std::string_view raw);
 
 namespace detail {
 class AnnouncedValue;
@@ -29,17 +30,19 @@ class AnnouncedValue;
 /// status comes from the default route's reading, kept likewise; the disk figures, which the kernel
 /// does not announce, are read on every call. Every call may come from any thread; messages are
 /// logged under `logtag`.
-class DeviceStatusHelper {
+class TARN_API DeviceStatusHelper {
   public:
+    /// The one instance, created on first use and never destroyed.
     static DeviceStatusHelper& shared();
 
     DeviceStatusHelper();
     ~DeviceStatusHelper();
 
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-DeviceStatusHelper:";
 
     /// Whole percent of charge as decimal text. On Linux: the "capacity" of the first power supply
-    /// (in name order) under <sysfs root>/class/power_supply whose "type" is "Battery", which is
+    /// (in name order) under `<sysfs root>`/class/power_supply whose "type" is "Battery", which is
     /// not marked absent ("present" 0) and does not belong to a peripheral ("scope" Device). No
     /// such battery means the level is unknown: "-100". Under "/sys" the reading is kept until
     /// the kernel announces a power-supply change; under any other root it is fresh.

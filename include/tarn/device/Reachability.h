@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "tarn/core/Export.h"
 #include "tarn/platform/MainQueue.h"
 #include "tarn/platform/NotificationCenter.h"
 
@@ -44,7 +45,7 @@ inline constexpr const char* ReachabilityChangedNotification = "ReachabilityChan
 
 /// Where a monitor's flags come from: the platform reachability handle. Every method is safe from
 /// any thread.
-class ReachabilityFlagsSource {
+class TARN_API ReachabilityFlagsSource {
   public:
     virtual ~ReachabilityFlagsSource() = default;
     /// Reads the current flags; none on failure (`lastError()` then tells why).
@@ -70,17 +71,18 @@ class ReachabilityFlagsSource {
 /// IPv4 route groups) by a watcher thread that posts the callback onto the attached queue. The
 /// process keeps its last default-route reading and reads again only after the kernel has announced
 /// a change of links, addresses or routes, which leaves every reading as fresh as a full one.
-std::shared_ptr<ReachabilityFlagsSource> makeDefaultRouteReachabilitySource();
+TARN_API std::shared_ptr<ReachabilityFlagsSource> makeDefaultRouteReachabilitySource();
 
 /// The Linux source for one host. A numeric address is checked against the kernel's routing table
 /// (a connected UDP socket: a route lookup, no packet is sent): reachable when a route exists,
 /// IsLocalAddress and IsDirect for an address of this machine. A host name is never resolved here
 /// (resolving would send queries); it reads as the default route does. None for an empty name.
-std::shared_ptr<ReachabilityFlagsSource> makeHostReachabilitySource(const std::string& hostname);
+TARN_API std::shared_ptr<ReachabilityFlagsSource> makeHostReachabilitySource(const std::string& hostname);
 
 /// A failure of the reachability service, carrying its error code (an errno value on Linux).
-class ReachabilityError : public std::runtime_error {
+class TARN_API ReachabilityError : public std::runtime_error {
   public:
+    /// What went wrong.
     enum class Kind {
         failedToCreateWithAddress,
         failedToCreateWithHostname,
@@ -88,9 +90,13 @@ class ReachabilityError : public std::runtime_error {
         unableToSetDispatchQueue,
         unableToGetFlags,
     };
+    /// An error of `kind` with the system's error `code` and, when known, the address or host name
+    /// that was monitored.
     ReachabilityError(Kind kind, std::int32_t code, std::optional<sockaddr_in> address = {},
                       std::optional<std::string> hostname = {});
+    /// What went wrong.
     Kind kind;
+    /// The system's error number.
     std::int32_t code;
     /// The socket address of `failedToCreateWithAddress`.
     std::optional<sockaddr_in> address;
@@ -101,7 +107,7 @@ class ReachabilityError : public std::runtime_error {
 /// The kind of connection. `none` is another name for `unavailable`.
 enum class Connection { unavailable, wifi, cellular, none = unavailable };
 /// "No Connection", "WiFi" or "Cellular".
-std::string description(Connection connection);
+TARN_API std::string description(Connection connection);
 
 /// Dispatch quality of service of the monitor's serial queue. Recorded only: the queue's thread
 /// runs at the process's normal priority.
@@ -118,12 +124,16 @@ class Reachability;
 
 /// What the flags source's callback holds: a weak reference, so the source never keeps a monitor
 /// alive and a released monitor gets no calls.
-struct ReachabilityWeakifier {
+struct TARN_API ReachabilityWeakifier {
+    /// The monitor, while it lives.
     std::weak_ptr<Reachability> reachability;
 };
 
-class Reachability : public std::enable_shared_from_this<Reachability> {
+/// Watches whether a host or the default route is reachable, and how (Wi-Fi or cellular), and calls
+/// the host's callbacks when that changes.
+class TARN_API Reachability : public std::enable_shared_from_this<Reachability> {
   public:
+    /// A callback that gets the monitor whose reachability changed.
     using Callback = std::function<void(Reachability&)>;
 
     /// A monitor on `reachabilityRef`. The serial queue is `targetQueue` when given (a serial
@@ -182,6 +192,7 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
     void startNotifier();
     /// Detaches from the source; the flags stay as last read. Any thread.
     void stopNotifier();
+    /// Whether the notifier is attached to its source. Any thread.
     bool notifierRunning() const { return notifierRunning_.load(); }
     /// The quality of service given at creation.
     DispatchQoS queueQoS() const { return queueQoS_; }
@@ -194,6 +205,7 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
     Connection connection();
     /// Older names of `connection()` and of its description.
     Connection currentReachabilityStatus() { return connection(); }
+    /// The description of `connection()` ("WiFi", "Cellular" or "No Connection").
     std::string currentReachabilityString() { return tarn::description(connection()); }
     /// The last flags read, without reading again. Any thread but the serial queue.
     std::optional<ReachabilityFlags> flags();
@@ -210,6 +222,7 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
     struct Passkey {};
 
   public:
+    /// Use the `make...` functions above; the passkey keeps this constructor to them.
     Reachability(Passkey, std::shared_ptr<ReachabilityFlagsSource> reachabilityRef,
                  DispatchQoS queueQoS, std::shared_ptr<Executor> targetQueue,
                  std::shared_ptr<Executor> notificationQueue);

@@ -23,17 +23,21 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
 #include "tarn/core/Shared.h"
 #include "tarn/platform/MainQueue.h"
 
 namespace tarn {
 
-class EventQueueManager {
+/// Drains the offline queue to the server (see above).
+class TARN_API EventQueueManager {
   public:
+    /// The one instance, created on first use and never destroyed.
     static EventQueueManager& shared();
     EventQueueManager();
     ~EventQueueManager();
 
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-QueueManager:";
     /// Whether draining is under way, as the pipeline and the drain see it. Safe from any thread.
     std::atomic<bool> isTimerActive{false};
@@ -45,8 +49,11 @@ class EventQueueManager {
     void stopTimer();
     /// One drain step (runs on the main queue).
     void timerAction();
+    /// Stops draining while the application is in the background.
     void appDidEnterBackground();
+    /// Starts draining again when the library is initialised.
     void willEnterForeground();
+    /// Unsubscribes from the application notifications.
     void willTerminate();
 
     /// True while a timer is held.

@@ -7,13 +7,17 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
 #include "tarn/network/NetworkError.h"
 
 namespace tarn {
 
-class EventRepository {
+/// Posts one stored event body to the server's event endpoint.
+class TARN_API EventRepository {
   public:
+    /// The one instance, created on first use and never destroyed.
     static EventRepository& shared();
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-EventRepository:";
 
     /// The outcome of one send: `error` is the transport's error when the exchange itself failed,

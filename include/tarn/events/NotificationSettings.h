@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "tarn/core/Export.h"
 #include "tarn/core/Shared.h"
 
 namespace tarn {
@@ -20,13 +21,14 @@ enum class NotificationPermissionStatus {
     unknown
 };
 /// "DENIED", "NOT_DETERMINED", "AUTHORIZED", "PROVISIONAL", "EPHEMERAL", "UNKNOWN".
-const char* rawValue(NotificationPermissionStatus status);
+TARN_API const char* rawValue(NotificationPermissionStatus status);
 
 /// Asks the platform for the current notification settings. The answer may arrive later, on any
 /// thread; the library never waits for it.
-class NotificationSettingsProvider {
+class TARN_API NotificationSettingsProvider {
   public:
     virtual ~NotificationSettingsProvider() = default;
+    /// Calls `completion` with the current permission status, on any thread.
     virtual void getNotificationSettings(
         std::function<void(NotificationPermissionStatus)> completion) = 0;
 };
@@ -35,10 +37,13 @@ class NotificationSettingsProvider {
 /// body built after an answer carries it under "notificationPermissionStatus" inside "parameters".
 /// With no provider installed (the default off the phone, where no permission exists) nothing is
 /// stored and the key is left out.
-class NotificationManager {
+class TARN_API NotificationManager {
   public:
+    /// The one instance, created on first use and never destroyed.
     static NotificationManager& shared();
+    /// The key of the permission status in event bodies.
     static constexpr const char* kEventKey = "notificationPermissionStatus";
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-NotificationManager:";
 
     /// Installs the platform's settings provider (nullptr removes it).

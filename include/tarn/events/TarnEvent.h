@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
 #include "tarn/inapp/AppCommunication.h"
 #include "tarn/platform/Screen.h"
 
@@ -35,18 +36,21 @@ class EventParameters {
     /// Parameters the caller keeps until the call returns.
     EventParameters(const nlohmann::json& parameters)  // NOLINT(google-explicit-constructor)
         : value_(&parameters) {}
+    /// Parameters the call takes over (a temporary).
     EventParameters(nlohmann::json&& parameters)  // NOLINT(google-explicit-constructor)
         : owned_(std::move(parameters)), value_(&*owned_) {}
+    /// The parameters the optional holds, or none; read during the call.
     EventParameters(const std::optional<nlohmann::json>& parameters)  // NOLINT
         : value_(parameters ? &*parameters : nullptr) {}
+    /// The parameters a temporary optional holds, or none.
     EventParameters(std::optional<nlohmann::json>&& parameters)  // NOLINT
         : owned_(std::move(parameters)), value_(owned_ ? &*owned_ : nullptr) {}
     /// An object (or array) written in place, with nlohmann::json's own rules.
     EventParameters(nlohmann::json::initializer_list_t init)  // NOLINT
         : owned_(nlohmann::json(init)), value_(&*owned_) {}
 
-    EventParameters(const EventParameters&) = delete;
-    EventParameters& operator=(const EventParameters&) = delete;
+    EventParameters(const EventParameters&) = delete;             ///< Not copied: it may borrow.
+    EventParameters& operator=(const EventParameters&) = delete;  ///< Not copied: it may borrow.
 
     /// The parameters, or nullptr for none.
     const nlohmann::json* get() const { return value_; }
@@ -56,8 +60,11 @@ class EventParameters {
     const nlohmann::json* value_ = nullptr;
 };
 
-class TarnEvent {
+/// The host's event calls (see above). One process-wide instance; every call may be made from any
+/// thread.
+class TARN_API TarnEvent {
   public:
+    /// The one instance, created on first use and never destroyed.
     static TarnEvent& shared();
     /// Use `shared()`.
     TarnEvent();
@@ -79,21 +86,27 @@ class TarnEvent {
     void sendLogoutEvent();
     /// Manual page tracking; ignored while automatic page tracking is on or without a screen.
     void sendPageInEvent(ScreenRef controller, std::optional<std::string> pageName = std::nullopt);
+    /// Sends "page_out" for the screen; see `sendPageInEvent`.
     void sendPageOutEvent(ScreenRef controller, std::optional<std::string> pageName = std::nullopt);
     /// Manual lifecycle tracking; ignored while automatic lifecycle tracking is on or without a
     /// screen.
     void sendAppBackgroundEvent(ScreenRef controller,
                                 std::optional<std::string> pageName = std::nullopt);
+    /// Sends "app_foreground"; see `sendAppBackgroundEvent`.
     void sendAppForegroundEvent(ScreenRef controller,
                                 std::optional<std::string> pageName = std::nullopt);
     /// "application_error" with the error's message and type name.
     void sendApplicationErrorEvent(const std::exception& error);
+    /// "application_error" with the error code's message and category name.
     void sendApplicationErrorEvent(const std::error_code& error);
     /// Push interactions; `notification` is the notification's user-info dictionary, whose "data"
     /// member holds the push item's JSON text.
     void sendPushNotificationClickedEvent(const nlohmann::json& notification);
+    /// The push notification was dismissed.
     void sendPushNotificationDismissedEvent(const nlohmann::json& notification);
+    /// The push notification was received.
     void sendPushNotificationReceivedEvent(const nlohmann::json& notification);
+    /// The user denied notifications.
     void sendPushNotificationDeniedEvent(const nlohmann::json& notification);
 };
 

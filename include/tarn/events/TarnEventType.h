@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// Events the library sends by itself. The raw value is the wire name ("push_notificition_denied"
@@ -29,29 +31,29 @@ enum class TarnEventType {
     login,
     logout,
 };
-const char* rawValue(TarnEventType type);
-std::optional<TarnEventType> tarnEventTypeFromRaw(const std::string& raw);
+TARN_API const char* rawValue(TarnEventType type);
+TARN_API std::optional<TarnEventType> tarnEventTypeFromRaw(const std::string& raw);
 
 enum class InAppEventType { opened, dismissed, selfClicked, buttonClicked };
 /// The case name ("opened", ...).
-const char* rawValue(InAppEventType type);
+TARN_API const char* rawValue(InAppEventType type);
 /// The catalogue event an in-app interaction is sent as.
-TarnEventType eventType(InAppEventType type);
+TARN_API TarnEventType eventType(InAppEventType type);
 
 enum class PageInOutEventType { pageIn, pageOut };
 /// "page_in", "page_out".
-const char* rawValue(PageInOutEventType type);
+TARN_API const char* rawValue(PageInOutEventType type);
 
 enum class PushNotificationEventType { onBodyClick, onDismiss, received, denied };
 /// The case name ("onBodyClick", ...).
-const char* rawValue(PushNotificationEventType type);
+TARN_API const char* rawValue(PushNotificationEventType type);
 /// "push_notification_clicked", "push_notification_dismissed", "push_notification_received",
 /// "push_notificition_denied".
-TarnEventType eventType(PushNotificationEventType type);
+TARN_API TarnEventType eventType(PushNotificationEventType type);
 
 enum class SendEventStatus { enabled, disabled };
-const char* rawValue(SendEventStatus status);
+TARN_API const char* rawValue(SendEventStatus status);
 enum class NetworkStatus { online, offline };
-const char* rawValue(NetworkStatus status);
+TARN_API const char* rawValue(NetworkStatus status);
 
 }  // namespace tarn

@@ -30,13 +30,15 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/inapp/AppCommunication.h"
 
 namespace tarn {
 
 /// Why a document could not be decoded, and where.
-struct DecodingError {
+struct TARN_API DecodingError {
+    /// The kind of failure, named after the decoding errors of the platform's JSON decoder.
     enum class Kind {
         /// The text is not JSON at all (or not UTF-8).
         dataCorrupted,
@@ -48,6 +50,7 @@ struct DecodingError {
         typeMismatch,
     };
 
+    /// The kind of failure.
     Kind kind = Kind::dataCorrupted;
     /// The path of the offending field from the document's root, for example
     /// "inAppCommunicationCommands[3].title.color"; empty for the document itself.
@@ -65,10 +68,14 @@ struct DecodingError {
 template <typename T>
 class DecodeResult {
   public:
+    /// A decoded value.
     DecodeResult(T value) : state_(std::in_place_index<0>, std::move(value)) {}
+    /// A failure.
     DecodeResult(DecodingError error) : state_(std::in_place_index<1>, std::move(error)) {}
 
+    /// True when the document decoded.
     bool ok() const { return state_.index() == 0; }
+    /// True when the document decoded.
     explicit operator bool() const { return ok(); }
 
     /// The decoded value; asking a failed result for its value ends the process.
@@ -76,6 +83,7 @@ class DecodeResult {
         requireValue();
         return std::get<0>(state_);
     }
+    /// The decoded value; a fatal error when decoding failed.
     T& value() & {
         requireValue();
         return std::get<0>(state_);
@@ -104,9 +112,9 @@ class DecodeResult {
 };
 
 /// The enumeration case whose wire string is exactly `raw`, else `unknown`.
-InAppType inAppTypeFromRawValue(std::string_view raw);
+TARN_API InAppType inAppTypeFromRawValue(std::string_view raw);
 /// The enumeration case whose wire string is exactly `raw`, else `unknown`.
-TarnActionType tarnActionTypeFromRawValue(std::string_view raw);
+TARN_API TarnActionType tarnActionTypeFromRawValue(std::string_view raw);
 
 /// Decodes a `T` from UTF-8 JSON text. Text that is not JSON is a `dataCorrupted` error.
 /// Available for `AppCommunication`, `AppCommunicationConfiguration`, `AppCommunicationItem`,
@@ -114,11 +122,11 @@ TarnActionType tarnActionTypeFromRawValue(std::string_view raw);
 /// `AppCommunicationButton`, `AppCommunicationAction`, `NotificationAppCommunicationItem`,
 /// `InAppType` and `TarnActionType`.
 template <typename T>
-DecodeResult<T> decode(std::string_view text);
+TARN_API DecodeResult<T> decode(std::string_view text);
 
 /// Decodes a `T` from an already parsed JSON value; same rules and types as `decode(text)`.
 template <typename T>
-DecodeResult<T> decodeJson(const nlohmann::json& document);
+TARN_API DecodeResult<T> decodeJson(const nlohmann::json& document);
 
 /// The in-app endpoint's answer from its body text.
 inline DecodeResult<AppCommunication> decodeAppCommunication(std::string_view text) {
@@ -132,27 +140,27 @@ inline DecodeResult<NotificationAppCommunicationItem> decodeNotificationAppCommu
 
 // Encoding to JSON values. These are also the `to_json` hooks of nlohmann-json, so
 // `nlohmann::json j = item;` works for every record.
-void to_json(nlohmann::json& json, InAppType value);
-void to_json(nlohmann::json& json, TarnActionType value);
-void to_json(nlohmann::json& json, const AppCommunicationAction& value);
-void to_json(nlohmann::json& json, const AppCommunicationButton& value);
-void to_json(nlohmann::json& json, const AppCommunicationHeader& value);
-void to_json(nlohmann::json& json, const AppCommunicationImage& value);
-void to_json(nlohmann::json& json, const SubInAppCommunication& value);
-void to_json(nlohmann::json& json, const AppCommunicationItem& value);
-void to_json(nlohmann::json& json, const AppCommunicationConfiguration& value);
-void to_json(nlohmann::json& json, const AppCommunication& value);
-void to_json(nlohmann::json& json, const NotificationAppCommunicationItem& value);
+TARN_API void to_json(nlohmann::json& json, InAppType value);
+TARN_API void to_json(nlohmann::json& json, TarnActionType value);
+TARN_API void to_json(nlohmann::json& json, const AppCommunicationAction& value);
+TARN_API void to_json(nlohmann::json& json, const AppCommunicationButton& value);
+TARN_API void to_json(nlohmann::json& json, const AppCommunicationHeader& value);
+TARN_API void to_json(nlohmann::json& json, const AppCommunicationImage& value);
+TARN_API void to_json(nlohmann::json& json, const SubInAppCommunication& value);
+TARN_API void to_json(nlohmann::json& json, const AppCommunicationItem& value);
+TARN_API void to_json(nlohmann::json& json, const AppCommunicationConfiguration& value);
+TARN_API void to_json(nlohmann::json& json, const AppCommunication& value);
+TARN_API void to_json(nlohmann::json& json, const NotificationAppCommunicationItem& value);
 
 /// The JSON object of one communication, as it goes into an event body.
-nlohmann::json toJson(const AppCommunicationItem& item);
+TARN_API nlohmann::json toJson(const AppCommunicationItem& item);
 /// The JSON object of one button, as it goes into an event body.
-nlohmann::json toJson(const AppCommunicationButton& button);
+TARN_API nlohmann::json toJson(const AppCommunicationButton& button);
 
 /// Compact JSON text of any record or enumeration above, keys in field order. Bytes that are not
 /// UTF-8 (only possible in records built by hand) are written as U+FFFD instead of failing; a
 /// number that is not finite is written as null.
 template <typename T>
-std::string encode(const T& value);
+TARN_API std::string encode(const T& value);
 
 }  // namespace tarn

@@ -16,30 +16,41 @@
 #include <optional>
 #include <string_view>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// An sRGB colour with 8-bit channels; `alpha` 255 is opaque.
-struct Color {
+struct TARN_API Color {
+    /// Red channel, 0 to 255.
     std::uint8_t red = 0;
+    /// Green channel, 0 to 255.
     std::uint8_t green = 0;
+    /// Blue channel, 0 to 255.
     std::uint8_t blue = 0;
+    /// Opacity, 0 (transparent) to 255 (opaque).
     std::uint8_t alpha = 255;
 
     /// Channels as fractions from 0 to 1, as drawing code usually wants them.
     double redComponent() const { return red / 255.0; }
+    /// Green as a fraction from 0 to 1.
     double greenComponent() const { return green / 255.0; }
+    /// Blue as a fraction from 0 to 1.
     double blueComponent() const { return blue / 255.0; }
+    /// Opacity as a fraction from 0 to 1.
     double alphaComponent() const { return alpha / 255.0; }
 
+    /// Opaque black, the colour of an unreadable colour code.
     static constexpr Color black() { return Color{0, 0, 0, 255}; }
 
+    /// Colours are equal when every channel is.
     bool operator==(const Color&) const = default;
 };
 
 /// The colour of `code`, or nothing when the code is unreadable.
-std::optional<Color> parseColorCode(std::string_view code);
+TARN_API std::optional<Color> parseColorCode(std::string_view code);
 
 /// The colour of `code`; opaque black when the code is unreadable.
-Color colorFromCode(std::string_view code);
+TARN_API Color colorFromCode(std::string_view code);
 
 }  // namespace tarn

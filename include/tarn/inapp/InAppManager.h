@@ -10,6 +10,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "tarn/core/Export.h"
 #include "tarn/core/Shared.h"
 #include "tarn/inapp/InAppModel.h"
 
@@ -18,10 +19,15 @@ namespace tarn {
 /// Makes the host's in-app screen for one presentation; nullptr when it cannot.
 using InAppScreenFactory = std::function<std::shared_ptr<InAppViewController>()>;
 
-class InAppManager {
+/// Matches custom events to the fetched in-app communications and presents the one whose trigger an
+/// event names, through the host's in-app screen, on the main queue.
+class TARN_API InAppManager {
   public:
+    /// The one instance, created on first use and never destroyed.
     static InAppManager& shared();
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-InAppManager:";
+    /// At most this many buttons of a communication are shown.
     const std::int64_t maxButtonCount = 3;
 
     /// Registers the host's in-app screen (nullptr removes it). Without one, a chosen communication
@@ -71,6 +77,6 @@ class InAppManager {
 };
 
 /// Text of an action as the relay logs it, e.g. "AppCommunicationAction(link: x, type: deep)".
-std::string describe(const AppCommunicationAction& action);
+TARN_API std::string describe(const AppCommunicationAction& action);
 
 }  // namespace tarn

@@ -8,6 +8,7 @@
 #include <variant>
 #include <vector>
 
+#include "tarn/core/Export.h"
 #include "tarn/events/TarnEventType.h"
 #include "tarn/inapp/AppCommunication.h"
 #include "tarn/inapp/ColorCode.h"
@@ -16,24 +17,35 @@
 namespace tarn {
 
 /// The page an in-app communication is shown on: the presenting screen and the event's page name.
-struct PageName {
+struct TARN_API PageName {
+    /// The screen the communication is presented over.
     ScreenRef controller;
+    /// The page name the triggering event gave.
     std::optional<std::string> pageName;
 };
 
 /// The rows of a popup, in the order they are shown.
-struct TitleTableViewCellPresentation {
+struct TARN_API TitleTableViewCellPresentation {
+    /// The title text.
     std::string title;
+    /// The title's colour.
     Color color;
 };
-struct ImageTableViewCellPresentation {
+/// The images row.
+struct TARN_API ImageTableViewCellPresentation {
+    /// The image addresses, in the order shown.
     std::vector<std::string> imageUrls;
 };
-struct BodyTextTableViewCellPresentation {
+/// The body text row.
+struct TARN_API BodyTextTableViewCellPresentation {
+    /// The body text.
     std::string text;
+    /// The body text's colour.
     Color color;
 };
-struct ButtonTableViewCellPresentation {
+/// One button row.
+struct TARN_API ButtonTableViewCellPresentation {
+    /// The button.
     AppCommunicationButton button;
 };
 using Presentation =
@@ -41,9 +53,12 @@ using Presentation =
                  BodyTextTableViewCellPresentation, ButtonTableViewCellPresentation>;
 
 /// One presentation of a communication.
-struct InAppModel {
+struct TARN_API InAppModel {
+    /// The communication shown.
     AppCommunicationItem appCommunucation;
+    /// The configuration block of the answer it came with.
     AppCommunicationConfiguration configuration;
+    /// Where it is shown.
     PageName pageName;
     /// Title, images (when any image has an address), body, then at most three buttons. Empty for a
     /// survey, which the screen shows as a web page instead.
@@ -62,9 +77,10 @@ using InAppInteractionReporter =
                        const std::optional<std::string>& pageName, const ScreenRef& controller,
                        const std::optional<AppCommunicationButton>& button)>;
 /// Installs the reporter (nullptr: none, so nothing is sent).
-void setInAppInteractionReporter(InAppInteractionReporter reporter);
+TARN_API TARN_API void setInAppInteractionReporter(InAppInteractionReporter reporter);
 
-class InAppViewController : public Screen {
+/// The host's in-app screen (see above).
+class TARN_API InAppViewController : public Screen {
   public:
     /// Relays an action the user picked to the host's callback (set by the library).
     std::function<void(const AppCommunicationAction&)> actionItem;

@@ -7,21 +7,29 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
 #include "tarn/inapp/AppCommunication.h"
 
 namespace tarn {
 
 /// The in-app request's body: exactly "actorId", "applicationName" and "configuration".
-struct AppCommunucationRequest {
+struct TARN_API AppCommunucationRequest {
+    /// The actor the communications are fetched for.
     std::string actorId;
+    /// The host's application name.
     std::string applicationName;
+    /// Whether the answer should carry the configuration block.
     bool configuration = true;
+    /// The request body as a JSON object.
     nlohmann::json dictionary() const;
 };
 
-class InAppRepository {
+/// Fetches the in-app communications and the configuration block from the server.
+class TARN_API InAppRepository {
   public:
+    /// The one instance, created on first use and never destroyed.
     static InAppRepository& shared();
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-InAppRepository:";
 
     /// Posts `request` to the in-app endpoint and decodes the answer. `completion` receives the

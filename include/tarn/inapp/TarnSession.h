@@ -4,20 +4,23 @@
 #include <memory>
 #include <optional>
 
+#include "tarn/core/Export.h"
 #include "tarn/core/Shared.h"
 #include "tarn/inapp/AppCommunication.h"
 
 namespace tarn {
 
 /// Holds the latest in-app answer.
-class TarnSession {
+class TARN_API TarnSession {
   public:
+    /// The one instance, created on first use and never destroyed.
     static TarnSession& shared();
 
     /// The latest answer, or nullptr. The returned value never changes; a new fetch replaces it.
     std::shared_ptr<const AppCommunication> appCommunication() const {
         return appCommunication_.get();
     }
+    /// Replaces the latest in-app answer. Any thread.
     void setAppCommunication(std::optional<AppCommunication> value) {
         appCommunication_.set(value ? std::make_shared<const AppCommunication>(std::move(*value))
                                     : nullptr);

@@ -14,15 +14,19 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
 #include "tarn/network/Endpoint.h"
 #include "tarn/network/ServiceClient.h"
 
 namespace tarn {
 
 /// The client credentials of one token request. Only `clientId` and `clientSecret` are sent.
-struct AuthClient {
+struct TARN_API AuthClient {
+    /// The token endpoint's address.
     Url authUrl;
+    /// The client identifier from the service file.
     std::string clientId;
+    /// The client secret from the service file; never logged.
     std::string clientSecret;
 
     /// {"clientId": .., "clientSecret": ..}.
@@ -30,19 +34,26 @@ struct AuthClient {
 };
 
 /// A decoding failure; its description never quotes the decoded text.
-class TokenDecodingError : public std::runtime_error {
+class TARN_API TokenDecodingError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
+    /// The error's message.
     std::string localizedDescription() const { return what(); }
 };
 
 /// The token endpoint's answer. Every member is required and must have its type.
-struct AccessToken {
+struct TARN_API AccessToken {
+    /// The token ("access_token"); never logged.
     std::string accessToken;            // "access_token"
+    /// Seconds until the token expires ("expires_in").
     std::int64_t expiresIn = 0;         // "expires_in"
+    /// Seconds until the refresh token expires ("refresh_expires_in").
     std::int64_t refreshExpiresIn = 0;  // "refresh_expires_in"
+    /// The token type ("token_type"), e.g. "Bearer".
     std::string tokenType;              // "token_type"
+    /// The "not-before-policy" value.
     std::int64_t notBeforePolicy = 0;   // "not-before-policy"
+    /// The granted scopes ("scope").
     std::string scope;                  // "scope"
 
     /// Decodes the answer body; throws `TokenDecodingError` when it is not JSON, not an object, or
@@ -54,14 +65,15 @@ struct AccessToken {
 /// false or absent is `notDetermined` (a token request was sent and not yet answered).
 enum class AuthTokenStatus { notDetermined, authorized };
 /// "notDetermined", "authorized".
-const char* rawValue(AuthTokenStatus status);
+TARN_API const char* rawValue(AuthTokenStatus status);
 
 /// Sends the token request and handles its answer. Answers are decoded with `AccessToken::decode`.
-class AuthorizationRepository {
+class TARN_API AuthorizationRepository {
   public:
     /// The one repository, created on first use.
     static AuthorizationRepository& shared();
 
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-AuthorizationRepository:";
 
     /// The shared service client.

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// The three paths under the base URL; appended to it verbatim.
@@ -34,13 +36,15 @@ inline std::size_t maxAnswerBytes(std::string_view url) {
 
 /// An absolute http(s)-style URL, kept exactly as it was written (no normalisation, so a base
 /// ending in "/" followed by a path starting with "/" keeps its double slash).
-class Url {
+class TARN_API Url {
   public:
     /// The URL when `text` parses as an absolute URL with a scheme and a host, else none.
     /// Relative references and text with spaces or control characters do not parse.
     static std::optional<Url> parse(const std::string& text);
 
+    /// The URL as text.
     const std::string& absoluteString() const { return text_; }
+    /// URLs are equal when their text is.
     bool operator==(const Url&) const = default;
 
   private:

@@ -16,13 +16,15 @@
 #include <utility>
 #include <vector>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// A byte buffer: request bodies and answer bodies.
 using Data = std::vector<std::uint8_t>;
 
 /// Header fields in the order they were set. Names compare case-insensitively.
-class HttpHeaders {
+class TARN_API HttpHeaders {
   public:
     /// Sets `name` to `value`, replacing every earlier field of that name.
     void set(std::string_view name, std::string value);
@@ -30,8 +32,11 @@ class HttpHeaders {
     void add(std::string name, std::string value);
     /// The first value of `name`, or none.
     std::optional<std::string> value(std::string_view name) const;
+    /// Removes every field of `name`.
     void remove(std::string_view name);
+    /// Every field, in order.
     const std::vector<std::pair<std::string, std::string>>& fields() const { return fields_; }
+    /// True when there is no field.
     bool empty() const { return fields_.empty(); }
 
   private:
@@ -39,10 +44,14 @@ class HttpHeaders {
 };
 
 /// One HTTP request: URL, method, headers, body and time-out.
-struct HttpRequest {
+struct TARN_API HttpRequest {
+    /// The absolute URL.
     std::string url;
+    /// The HTTP method.
     std::string method = "GET";
+    /// The header fields.
     HttpHeaders headers;
+    /// The request body.
     Data body;
     /// Seconds the whole exchange (connection, request and answer) may take before it fails with
     /// a time-out. Zero or less means no limit.
@@ -63,15 +72,18 @@ struct HttpRequest {
 };
 
 /// The HTTP part of an answer: status code, header fields and the URL that answered.
-struct HttpResponse {
+struct TARN_API HttpResponse {
+    /// The HTTP status code.
     int statusCode = 0;
+    /// The answer's header fields.
     HttpHeaders headers;
+    /// The URL that answered.
     std::string url;
 };
 
 /// A failure below HTTP: no connection, a time-out, a dropped connection, a malformed answer, an
 /// answer larger than the request accepts.
-struct TransportError {
+struct TARN_API TransportError {
     /// Codes in the manner of the platform's URL loading errors.
     enum Code : int {
         unknown = -1,
@@ -86,6 +98,7 @@ struct TransportError {
         dataLengthExceedsMaximum = -1103,
         secureConnectionFailed = -1200,
     };
+    /// One of `Code`.
     int code = unknown;
     /// The transport library's own error number (0 when there is none).
     int transportCode = 0;
@@ -107,13 +120,17 @@ class HttpSession;
 
 /// A request bound to a session, created suspended. `resume` sends it; a task that is destroyed
 /// without being resumed sends nothing and never calls its completion.
-class HttpDataTask {
+class TARN_API HttpDataTask {
   public:
+    /// A suspended task of `session` for `request`; `completion` runs once, on the session's
+    /// callback thread.
     HttpDataTask(std::weak_ptr<HttpSession> session, HttpRequest request,
                  DataTaskCompletion completion);
     /// Starts the transfer; later calls do nothing. Returns at once.
     void resume();
+    /// Whether `resume` has been called.
     bool isStarted() const { return started_; }
+    /// The request as it was given.
     const HttpRequest& originalRequest() const { return request_; }
 
   private:
@@ -125,7 +142,7 @@ class HttpDataTask {
 
 /// A session: an independent set of connections and state. Sessions keep no cookies, no cache
 /// and no credentials between requests; only open connections are reused.
-class HttpSession : public std::enable_shared_from_this<HttpSession> {
+class TARN_API HttpSession : public std::enable_shared_from_this<HttpSession> {
   public:
     virtual ~HttpSession() = default;
     /// Creates a suspended task for `request`; its completion runs on the session's worker thread.
@@ -147,13 +164,14 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 ///
 /// Answers are bounded: the body by the request's `maxResponseBytes` (decoded bytes, checked as
 /// they arrive and against "Content-Length" up front), the header block by 256 KiB.
-class CurlHttpSession final : public HttpSession {
+class TARN_API CurlHttpSession final : public HttpSession {
   public:
     /// `name` tells sessions apart in diagnostics.
     static std::shared_ptr<CurlHttpSession> make(std::string name);
     ~CurlHttpSession() override;
     void send(HttpRequest request, DataTaskCompletion completion) override;
     void invalidate() override;
+    /// The session's name, for log lines.
     const std::string& name() const { return name_; }
 
     /// Diagnostics: what the libcurl sessions of the whole process hold at this moment.
@@ -179,6 +197,6 @@ class CurlHttpSession final : public HttpSession {
 
 /// The process-wide shared session, distinct from every client's own session. Created on first
 /// use; its worker thread starts only when a task on it is resumed.
-HttpSession& sharedHttpSession();
+TARN_API HttpSession& sharedHttpSession();
 
 }  // namespace tarn

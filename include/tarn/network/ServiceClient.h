@@ -17,6 +17,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
 #include "tarn/network/Endpoint.h"
 #include "tarn/network/HttpTransport.h"
 #include "tarn/network/NetworkError.h"
@@ -29,9 +30,12 @@ using ServiceCompletion = std::function<void(
     std::optional<Data> data, std::optional<ServiceError> error, std::optional<int> statusCode)>;
 
 /// Who is calling: sent with every request as the Base64 "App-Info" header.
-struct AppInfo {
+struct TARN_API AppInfo {
+    /// The platform name sent to the server.
     std::string platform = "ios";
+    /// The host's bundle identifier.
     std::string bundleId;
+    /// The host's application name.
     std::string application;
 
     /// {"platform":..,"bundleId":..,"application":..} in that order, with "/" written as "\/" in
@@ -41,12 +45,15 @@ struct AppInfo {
 };
 
 /// Standard Base64 (RFC 4648 alphabet, with padding, no line breaks).
-std::string base64Encode(const std::uint8_t* bytes, std::size_t size);
+TARN_API std::string base64Encode(const std::uint8_t* bytes, std::size_t size);
 inline std::string base64Encode(const std::string& text) {
     return base64Encode(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
 }
 
-class ServiceClient {
+/// Sends the library's requests to the server: JSON bodies, the authorization header, retries of
+/// 5xx answers and the time-out of the process settings; completions run on the HTTP transport's
+/// callback thread.
+class TARN_API ServiceClient {
   public:
     /// The one client, created on first use.
     static ServiceClient& shared();
@@ -56,6 +63,7 @@ class ServiceClient {
     ServiceClient(const ServiceClient&) = delete;
     ServiceClient& operator=(const ServiceClient&) = delete;
 
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-ServiceClient:";
 
     /// The client's own session: keeps no cookies, cache or credentials between requests.

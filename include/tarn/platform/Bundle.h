@@ -5,13 +5,16 @@
 #include <optional>
 #include <string>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// A folder of resources. Its identifier is the "CFBundleIdentifier" string of an "Info.plist"
 /// (XML or binary) at the folder's top, when there is one.
-class Bundle {
+class TARN_API Bundle {
   public:
     Bundle() = default;
+    /// A bundle whose files are in `folder`.
     explicit Bundle(std::filesystem::path folder);
 
     /// The host application's bundle: the folder named by `setMain`, else the folder named by the
@@ -21,6 +24,7 @@ class Bundle {
     /// path goes back to the default.
     static void setMain(const std::filesystem::path& folder);
 
+    /// The bundle's folder.
     const std::filesystem::path& path() const { return folder_; }
     /// "CFBundleIdentifier" of the Info.plist, or none.
     std::optional<std::string> bundleIdentifier() const;

@@ -9,12 +9,14 @@
 
 #include <filesystem>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// The data folder (created, mode 0700, when missing).
-std::filesystem::path dataDirectory();
+TARN_API std::filesystem::path dataDirectory();
 /// Points every persisted file of the library at `folder`; an empty path goes back to the
 /// default. Call it before the library's first use (tests call it with a temporary folder).
-void setDataDirectory(const std::filesystem::path& folder);
+TARN_API void setDataDirectory(const std::filesystem::path& folder);
 
 }  // namespace tarn

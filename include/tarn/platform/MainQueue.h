@@ -18,12 +18,15 @@
 #include <thread>
 #include <vector>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// A serial executor. Tasks run one at a time, in the order of their due time (ties in the order
 /// they were posted).
-class Executor {
+class TARN_API Executor {
   public:
+    /// A unit of work.
     using Task = std::function<void()>;
     virtual ~Executor() = default;
     /// Runs `task` on the executor as soon as possible.
@@ -39,7 +42,7 @@ class Executor {
 
 /// The default main queue: a thread of its own with a timed task queue. Destroying it stops the
 /// thread; tasks not yet run are dropped.
-class ThreadExecutor final : public Executor {
+class TARN_API ThreadExecutor final : public Executor {
   public:
     ThreadExecutor();
     ~ThreadExecutor() override;
@@ -58,7 +61,7 @@ class ThreadExecutor final : public Executor {
 
 /// A main queue on a virtual clock that starts at 0 and moves only through `advance`. Tasks run on
 /// the thread that calls `runPending` or `advance`; other threads may post at any time.
-class ManualExecutor final : public Executor {
+class TARN_API ManualExecutor final : public Executor {
   public:
     void async(Task task) override { asyncAfter(0, std::move(task)); }
     void asyncAfter(double seconds, Task task) override;
@@ -98,7 +101,7 @@ class ManualExecutor final : public Executor {
 /// that is released without `invalidate` goes on firing for as long as the executor lives. Once
 /// invalidated, the executor lets go of it at once (its waiting tick holds no reference), so the
 /// timer and its action's captures go as soon as the caller drops its own reference.
-class RepeatingTimer : public std::enable_shared_from_this<RepeatingTimer> {
+class TARN_API RepeatingTimer : public std::enable_shared_from_this<RepeatingTimer> {
   public:
     /// Creates and schedules a timer; the first tick comes one interval from now.
     static std::shared_ptr<RepeatingTimer> scheduled(double interval, std::function<void()> action,
@@ -107,7 +110,9 @@ class RepeatingTimer : public std::enable_shared_from_this<RepeatingTimer> {
     /// Stops the timer: no tick starts after this returns (a tick already running finishes).
     /// Any thread.
     void invalidate();
+    /// False once invalidated.
     bool isValid() const;
+    /// Seconds between ticks.
     double interval() const { return interval_; }
 
     /// Diagnostics: the number of timers in the process that exist, that is, timers created and not
@@ -135,8 +140,8 @@ class RepeatingTimer : public std::enable_shared_from_this<RepeatingTimer> {
 /// The current main queue (created on first use as a `ThreadExecutor`). The installed queue is
 /// never destroyed by the library at exit: its thread is neither stopped nor joined and ends with
 /// the process, so a task running then (a drain step, say) never holds the exit.
-std::shared_ptr<Executor> mainQueue();
+TARN_API std::shared_ptr<Executor> mainQueue();
 /// Installs the main queue; pass nullptr to go back to a fresh default one.
-void setMainQueue(std::shared_ptr<Executor> executor);
+TARN_API void setMainQueue(std::shared_ptr<Executor> executor);
 
 }  // namespace tarn

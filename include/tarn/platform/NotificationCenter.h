@@ -12,6 +12,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// Application lifecycle notification names that the library observes. A host posts these on
@@ -24,9 +26,12 @@ inline constexpr const char* kApplicationWillTerminateNotification =
     "UIApplicationWillTerminateNotification";
 
 /// One posted notification: its name, an optional object and an optional user-info dictionary.
-struct Notification {
+struct TARN_API Notification {
+    /// The notification's name.
     std::string name;
+    /// The object it is about (empty when none).
     std::any object;
+    /// Further values (null when none).
     nlohmann::json userInfo;
 };
 
@@ -34,9 +39,11 @@ struct Notification {
 /// thread, in registration order. Adding or removing observers is safe from any thread, also while
 /// another thread posts; an observer removed during a post on another thread may still see that one
 /// post.
-class NotificationCenter {
+class TARN_API NotificationCenter {
   public:
+    /// A function that receives a notification.
     using Observer = std::function<void(const Notification&)>;
+    /// Identifies one registration.
     using Token = std::uint64_t;
 
     /// The process-wide centre the library posts on and observes.
@@ -52,12 +59,14 @@ class NotificationCenter {
     Token addObserver(std::string name, Observer observer) {
         return addObserver(nullptr, std::move(name), std::move(observer));
     }
+    /// Removes the registration `token`.
     void removeObserver(Token token);
     /// Removes every observer of `owner` for `name`, or for every name when `name` is empty.
     void removeObserver(const void* owner, const std::string& name = {});
 
     /// Delivers the notification to every observer of its name on the calling thread.
     void post(const Notification& notification);
+    /// Builds the notification from its parts and delivers it.
     void post(std::string name, std::any object = {}, nlohmann::json userInfo = nullptr) {
         post(Notification{std::move(name), std::move(object), std::move(userInfo)});
     }

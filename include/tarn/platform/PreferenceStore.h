@@ -23,9 +23,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
-class PreferenceStore {
+/// A key-value store in one JSON file, shared by the processes that open the same file (see above).
+/// Every call is safe from any thread.
+class TARN_API PreferenceStore {
   public:
     /// The standard store of this data folder.
     static std::shared_ptr<PreferenceStore> standard();
@@ -33,28 +37,37 @@ class PreferenceStore {
     /// name with a path separator, or a folder that cannot be created).
     static std::shared_ptr<PreferenceStore> suite(const std::string& name);
 
+    /// A store kept in `file` (created on the first write).
     explicit PreferenceStore(std::filesystem::path file);
 
     /// The stored value, of whatever type, or none.
     std::optional<nlohmann::json> object(const std::string& key);
+    /// The string under `key`, or none.
     std::optional<std::string> string(const std::string& key);
+    /// The boolean under `key`, or none.
     std::optional<bool> boolean(const std::string& key);
+    /// The integer under `key`, or none.
     std::optional<std::int64_t> integer(const std::string& key);
 
     /// Stores `value` under `key`. True when it was written to the file; false when it is kept in
     /// memory only (see above).
     bool set(const std::string& key, const std::string& value) { return setValue(key, value); }
+    /// Stores a string under `key`; false when the file could not be written.
     bool set(const std::string& key, const char* value) {
         return setValue(key, std::string(value));
     }
+    /// Stores a boolean under `key`; false when the file could not be written.
     bool set(const std::string& key, bool value) { return setValue(key, value); }
+    /// Stores an integer under `key`; false when the file could not be written.
     bool set(const std::string& key, std::int64_t value) { return setValue(key, value); }
+    /// Stores an integer under `key`; false when the file could not be written.
     bool set(const std::string& key, int value) {
         return setValue(key, static_cast<std::int64_t>(value));
     }
     /// Removes `key`; true when the file was written.
     bool remove(const std::string& key);
 
+    /// The file the store is kept in.
     const std::filesystem::path& file() const { return file_; }
 
   private:

@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// Parses a property list in XML or binary form. Strings, integers, reals, booleans, arrays and
@@ -14,10 +16,10 @@ namespace tarn {
 /// strings and keys are kept as the file holds them, UTF-8 or not. Returns none when the bytes are not a
 /// property list, when a string or key holds a NUL character, or when arrays and dictionaries nest
 /// more than 128 deep (`kMaxNestingDepth`); `error` then says why. Never throws.
-std::optional<nlohmann::json> parsePropertyList(const std::string& bytes,
+TARN_API std::optional<nlohmann::json> parsePropertyList(const std::string& bytes,
                                                 std::string* error = nullptr);
 
 /// Writes a JSON object or array as an XML (or, with `binary`, binary) property list.
-std::string writePropertyList(const nlohmann::json& value, bool binary = false);
+TARN_API std::string writePropertyList(const nlohmann::json& value, bool binary = false);
 
 }  // namespace tarn

@@ -4,12 +4,14 @@
 #include <memory>
 #include <string>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// A screen of the host. The library reads only its class name (reported as a page name when no
 /// other is given) and hands it back to the host's in-app presenter. Hosts derive their own screen
 /// type from it, or from `TarnViewController` for automatic page tracking.
-class Screen {
+class TARN_API Screen {
   public:
     virtual ~Screen() = default;
     /// The screen's type name, as a page name.
@@ -17,8 +19,9 @@ class Screen {
 };
 
 /// A screen known only by its name, for hosts that have no screen objects of their own.
-class NamedScreen final : public Screen {
+class TARN_API NamedScreen final : public Screen {
   public:
+    /// A screen whose class name is `name`.
     explicit NamedScreen(std::string name) : name_(std::move(name)) {}
     std::string className() const override { return name_; }
 

@@ -12,10 +12,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
+
 namespace tarn {
 
 /// A delivered notification as the slider helper sees it.
-class SliderNotification {
+class TARN_API SliderNotification {
   public:
     virtual ~SliderNotification() = default;
     /// The notification's user-info dictionary. A slider payload carries under "data" a string
@@ -28,8 +30,9 @@ class SliderNotification {
 
 /// A ready-made `SliderNotification` holding its values, for hosts that copy them out of their own
 /// notification object.
-class SliderNotificationValue : public SliderNotification {
+class TARN_API SliderNotificationValue : public SliderNotification {
   public:
+    /// The slider of the notification whose user-info dictionary is `userInfo`.
     explicit SliderNotificationValue(nlohmann::json userInfo, bool contentMutable = true)
         : userInfo_(std::move(userInfo)), contentMutable_(contentMutable) {}
     const nlohmann::json& userInfo() const override { return userInfo_; }
@@ -41,9 +44,12 @@ class SliderNotificationValue : public SliderNotification {
 };
 
 /// Position of an item in a collection view.
-struct IndexPath {
+struct TARN_API IndexPath {
+    /// The item's index within its section.
     std::int64_t item = 0;
+    /// The section's index.
     std::int64_t section = 0;
+    /// Index paths are equal when both indexes are.
     bool operator==(const IndexPath&) const = default;
 };
 
@@ -51,14 +57,17 @@ struct IndexPath {
 enum class SliderScrollPosition { left, right };
 
 /// Size of one item of the strip, in points.
-struct SliderItemSize {
+struct TARN_API SliderItemSize {
+    /// Width in points.
     double width = 0;
+    /// Height in points.
     double height = 0;
+    /// Sizes are equal when both sides are.
     bool operator==(const SliderItemSize&) const = default;
 };
 
 /// The host's horizontally scrolling collection view, as the slider helper drives it.
-class SliderCollectionView {
+class TARN_API SliderCollectionView {
   public:
     virtual ~SliderCollectionView() = default;
     /// Width of the view's frame, in points.
@@ -71,8 +80,9 @@ class SliderCollectionView {
 };
 
 /// Static helpers of the slider push. Log tag "Tarn-TarnSliderPushHelper:".
-class TarnSliderPushHelper {
+class TARN_API TarnSliderPushHelper {
   public:
+    /// Prefix of this component's log lines.
     static constexpr const char* logtag = "Tarn-TarnSliderPushHelper:";
 
     TarnSliderPushHelper() = delete;

@@ -15,6 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tarn/core/Export.h"
 #include "tarn/store/ConversionItem.h"
 
 namespace tarn {
@@ -24,7 +25,7 @@ namespace tarn {
 inline constexpr const char* kConversionCommunicationCodeKey = "conversionCommunicationCode";
 
 /// What the event pipeline needs from conversion tracking.
-class ConversionManagerLogic {
+class TARN_API ConversionManagerLogic {
   public:
     virtual ~ConversionManagerLogic() = default;
     /// Arms one marker for `conversionEvent` on behalf of the communication `communicationCode`;
@@ -38,12 +39,15 @@ class ConversionManagerLogic {
     virtual std::optional<std::string> checkConversion(const std::string& eventName) = 0;
 };
 
-class ConversionManager : public ConversionManagerLogic {
+/// The process-wide conversion tracking on the local store.
+class TARN_API ConversionManager : public ConversionManagerLogic {
   public:
     /// The one instance, created on first use.
     static ConversionManager& shared();
 
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-ConversionManager:";
+    /// The same prefix, for static contexts.
     static constexpr const char* kLogTag = "Tarn-ConversionManager:";
 
     /// Stores a marker: `communicationCode`, `conversionName` = `conversionEvent`, time = now in

@@ -91,11 +91,13 @@
 #include <nlohmann/json.hpp>
 
 #include "tarn/core/Date.h"
+#include "tarn/core/Export.h"
 #include "tarn/store/ConversionItem.h"
 
 namespace tarn {
 
-class CoreDataManager {
+/// The local SQLite store: the offline event queue and the pending conversions (see above).
+class TARN_API CoreDataManager {
   public:
     /// The one instance, created on first use.
     static CoreDataManager& shared();
@@ -105,6 +107,7 @@ class CoreDataManager {
     CoreDataManager(const CoreDataManager&) = delete;
     CoreDataManager& operator=(const CoreDataManager&) = delete;
 
+    /// Prefix of this component's log lines.
     const std::string logtag = "Tarn-CoreDataManager:";
 
     /// Name of the database file inside the data folder.

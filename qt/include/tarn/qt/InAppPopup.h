@@ -42,6 +42,7 @@
 #include <memory>
 #include <vector>
 
+#include "tarn/core/Export.h"
 #include "tarn/inapp/InAppModel.h"
 
 class QLabel;
@@ -55,18 +56,24 @@ class InAppPopup;
 class PictureView;
 
 /// The image row: one image at a time with previous / next controls and a page label.
-class ImageSlider : public QWidget {
+class TARN_API ImageSlider : public QWidget {
   public:
+    /// The loading state of one image.
     enum class SlotState { loading, loaded, failed };
 
+    /// A slider of at most `maxImages` of `urls`, each request given `timeoutSeconds`.
     ImageSlider(std::vector<std::string> urls, int maxImages, int timeoutSeconds, QWidget* parent);
     ~ImageSlider() override;
 
+    /// The number of image slots.
     int count() const { return static_cast<int>(slots_.size()); }
+    /// The index of the image shown.
     int currentIndex() const { return index_; }
+    /// The loading state of image `index`.
     SlotState state(int index) const { return slots_.at(index).state; }
     /// Moves to the next / previous image, with wrap-around; returns the new index.
     int next();
+    /// Shows the previous image and returns the index shown.
     int previous();
     /// Shows image `index` (no bounds wrap; ignored when out of range).
     void showIndex(int index);
@@ -76,8 +83,11 @@ class ImageSlider : public QWidget {
     int settledCount() const;
 
   protected:
+    /// Starts a swipe.
     void mousePressEvent(QMouseEvent* event) override;
+    /// Ends a swipe: a drag to either side shows the next or previous image.
     void mouseReleaseEvent(QMouseEvent* event) override;
+    /// Keeps the previous and next arrows at the sides, centred on the picture.
     void resizeEvent(QResizeEvent* event) override;
 
   private:
@@ -104,7 +114,7 @@ class ImageSlider : public QWidget {
 };
 
 /// The popup (see above). Made by the library's in-app screen; a host does not create it.
-class InAppPopup : public QWidget {
+class TARN_API InAppPopup : public QWidget {
   public:
     /// Builds the popup over `host` (its window) for `screen`'s communication. Shown by `open`.
     InAppPopup(QWidget* host, std::shared_ptr<InAppViewController> screen, int maxImages,
@@ -118,13 +128,17 @@ class InAppPopup : public QWidget {
     void dismiss();
     /// The card's row widgets in their order.
     std::vector<QWidget*> rows() const;
+    /// The image slider, or nullptr when the popup has no images.
     ImageSlider* slider() const { return slider_; }
     /// The auto-dismiss delay in milliseconds, 0 when there is none.
     int autoDismissMs() const { return autoDismissMs_; }
 
   protected:
+    /// Paints the dimmed backdrop over the host's window.
     void paintEvent(QPaintEvent* event) override;
+    /// Escape dismisses the popup; the arrow keys move the image slider.
     void keyPressEvent(QKeyEvent* event) override;
+    /// Follows the size of the host's window.
     bool eventFilter(QObject* watched, QEvent* event) override;
 
   private:

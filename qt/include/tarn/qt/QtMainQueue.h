@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "tarn/core/Export.h"
 #include "tarn/platform/MainQueue.h"
 
 class QCoreApplication;
@@ -19,8 +20,9 @@ namespace tarn::qt {
 /// deletes that object (from any thread; the deletion happens on the GUI thread), so tasks not yet
 /// run are dropped, as a `ThreadExecutor`'s are, and a host that installs the integration again
 /// does not collect one such object per install.
-class QtMainQueue final : public Executor {
+class TARN_API QtMainQueue final : public Executor {
   public:
+    /// A main queue on `app`'s thread and event loop.
     explicit QtMainQueue(QCoreApplication& app);
     ~QtMainQueue() override;
     void async(Task task) override;

@@ -26,6 +26,7 @@
 #include <memory>
 #include <string>
 
+#include "tarn/core/Export.h"
 #include "tarn/events/TarnEvent.h"
 #include "tarn/platform/Screen.h"
 
@@ -35,7 +36,7 @@ class QWidget;
 namespace tarn::qt {
 
 /// Choices a host can make at install time.
-struct InstallOptions {
+struct TARN_API InstallOptions {
     /// How long the application must stay out of the active state before "app_background" is
     /// reported. A dialog of another application or a quick focus change within the desktop
     /// makes Qt flip the application state for a moment; such flips shorter than this are not
@@ -54,23 +55,23 @@ struct InstallOptions {
 
 /// Installs the integration on `app` (see above). Call it once, on the GUI thread, before
 /// `Tarn::shared().initialize`. Calling it again replaces the options.
-void install(QApplication& app, InstallOptions options = {});
+TARN_API void install(QApplication& app, InstallOptions options = {});
 
 /// The library's screen for `widget`: the same object for the same widget while it lives. Its
 /// class name (the page name of page, lifecycle and in-app events) is the widget's object name
 /// when set, else its meta-object class name (declare `Q_OBJECT` in the host's class to get its
 /// own name). The in-app popup is presented over this widget's window. nullptr for nullptr. GUI
 /// thread only.
-ScreenRef screenFor(QWidget* widget);
+TARN_API ScreenRef screenFor(QWidget* widget);
 
 /// The widget behind a screen made by `screenFor`, or nullptr (other screen types, widget gone).
 /// GUI thread only.
-QWidget* widgetOf(const ScreenRef& screen);
+TARN_API QWidget* widgetOf(const ScreenRef& screen);
 
 /// An action callback for `sendCustomEvent` that opens `url` actions with the install options'
 /// `openExternalUrl` (the system browser by default) and hands every action, opened or not, to
 /// `next` when given. The library never opens links by itself; a host that wants this passes it.
 /// Runs on the GUI thread (the popup's button handler).
-ActionCallback openUrlActions(ActionCallback next = nullptr);
+TARN_API ActionCallback openUrlActions(ActionCallback next = nullptr);
 
 }  // namespace tarn::qt
