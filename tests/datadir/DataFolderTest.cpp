@@ -230,5 +230,211 @@ TEST_F(DataFolderTest, ProcessesOfOneAppGroupShareItsPreferencesAndNothingElse) 
             << id;
 }
 
+/// A probe host (`probe` helper command) in homes the test prepares.
+class HostileFolderTest : public ::testing::Test {
+  protected:
+    static constexpr const char* kId = "com.example.probe";
+    /// A fresh home; its tree is "<home>/data/TarniOSCommonKit".
+    fs::path newHome() {
+        auto home = temp_.path() / ("home-" + std::to_string(++homes_));
+        fs::create_directories(home / "data");
+        return home;
+    }
+    static fs::path treeOf(const fs::path& home) { return home / "data" / "TarniOSCommonKit"; }
+    /// Runs the probe with `environment` (default: the home's data folder); its output.
+    std::string probe(const fs::path& home, std::string environment = {},
+                      const std::string& id = kId) {
+        if (environment.empty())
+            environment = "XDG_DATA_HOME=" + (home / "data").string();
+        auto bundle = temp_.path() / ("bundle-" + std::to_string(++homes_));
+        writeInfoPlist(bundle, id);
+        std::string out;
+        EXPECT_EQ(runHelper({"probe", "-", environment, bundle.string()}, &out), 0);
+        return out;
+    }
+    static std::string refusedLine(const fs::path& folder, const std::string& reason) {
+        return kRefused + folder.string() + " is refused for the library's data: " + reason +
+               ". Nothing is saved in it.;";
+    }
+    /// A folder outside every tree that a planted link points at.
+    fs::path elsewhere() {
+        auto folder = temp_.path() / ("elsewhere-" + std::to_string(++homes_));
+        fs::create_directories(folder);
+        return folder;
+    }
+
+    TempDir temp_;
+    int homes_ = 0;
+};
+
+// Each hostile folder of the tree is refused with one line, and the probe then runs as with a
+// folder it cannot write: nothing kept, the store's usual failure line, nothing written anywhere.
+TEST_F(HostileFolderTest, LinkedForeignAndOpenFoldersAreRefusedAndNothingIsWrittenThroughThem) {
+    const std::string storeFailed = "Tarn-CoreDataManager: ❌ Loading of store failed:";
+    struct Case {
+        std::string name;
+        std::function<fs::path(const fs::path& tree, const fs::path& target)> plant;
+        std::string reason;
+    };
+    std::vector<Case> cases = {
+        {"application folder linked",
+         [](auto& tree, auto& target) {
+             fs::create_directories(tree);
+             fs::create_directory_symlink(target, tree / kId);
+             return tree / kId;
+         },
+         "it is a symbolic link"},
+        {"tree linked",
+         [](auto& tree, auto& target) {
+             fs::create_directory_symlink(target, tree);
+             return tree;
+         },
+         "it is a symbolic link"},
+        {"application folder open to all",
+         [](auto& tree, auto&) {
+             fs::create_directories(tree / kId);
+             ::chmod((tree / kId).c_str(), 0777);
+             return tree / kId;
+         },
+         "other users can write to it (mode 0777)"},
+        {"tree writable by its group",
+         [](auto& tree, auto&) {
+             fs::create_directories(tree);
+             ::chmod(tree.c_str(), 0770);
+             return tree;
+         },
+         "other users can write to it (mode 0770)"},
+    };
+    if (::geteuid() == 0)
+        cases.push_back({"application folder of another user",
+                         [](auto& tree, auto&) {
+                             fs::create_directories(tree / kId);
+                             EXPECT_EQ(::chown((tree / kId).c_str(), 65534, 65534), 0);
+                             return tree / kId;
+                         },
+                         "it belongs to another user (uid 65534)"});
+    else
+        std::printf("not root: a folder of another user cannot be made, that case is left out\n");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto home = newHome();
+        auto target = elsewhere();
+        auto refused = c.plant(treeOf(home), target);
+        auto before = contentsOf(home);
+        auto out = probe(home);
+        EXPECT_EQ(occurrences(out, refusedLine(refused, c.reason)), 1u) << out;
+        EXPECT_EQ(field(out, "pref"), "0");
+        EXPECT_EQ(field(out, "event"), "0");
+        EXPECT_EQ(occurrences(out, storeFailed), 1u) << out;
+        EXPECT_TRUE(contentsOf(target).empty());
+        EXPECT_EQ(contentsOf(home), before) << "written in or beside a refused folder";
+    }
+
+    // A linked "groups" folder: the group's store is refused (the standard store is used, as
+    // for a group store that cannot be opened); the application's own data is kept.
+    auto home = newHome();
+    auto target = elsewhere();
+    fs::create_directories(treeOf(home));
+    fs::create_directory_symlink(target, treeOf(home) / "groups");
+    auto out = probe(home);
+    EXPECT_EQ(occurrences(out, refusedLine(treeOf(home) / "groups", "it is a symbolic link")), 1u)
+        << out;
+    EXPECT_EQ(field(out, "pref"), "1");
+    EXPECT_EQ(field(out, "group-pref"), "0");
+    EXPECT_EQ(field(out, "event"), "1");
+    EXPECT_TRUE(contentsOf(target).empty());
+}
+
+// A link planted in place of one of the library's files is not followed: its target is neither
+// created nor changed.
+TEST_F(HostileFolderTest, LinksPlantedInPlaceOfFilesAreNotFollowed) {
+    const std::string storeFailed = "Tarn-CoreDataManager: ❌ Loading of store failed:";
+    auto prepared = [&](const fs::path& home) {
+        auto folder = treeOf(home) / kId;
+        fs::create_directories(folder / "Preferences");
+        return folder;
+    };
+    {  // the database file, pointing where nothing is yet
+        auto home = newHome();
+        auto victim = elsewhere() / "victim.sqlite";
+        fs::create_symlink(victim, prepared(home) / "TarnDatabase.sqlite");
+        auto out = probe(home);
+        EXPECT_EQ(occurrences(out, storeFailed), 1u) << out;
+        EXPECT_EQ(field(out, "event"), "0");
+        EXPECT_EQ(field(out, "pref"), "1");
+        EXPECT_FALSE(fs::exists(victim));
+    }
+    {  // its write-ahead log, pointing at a file of the user's
+        auto home = newHome();
+        auto victim = elsewhere() / "notes.txt";
+        std::ofstream(victim) << "keep";
+        fs::create_symlink(victim, prepared(home) / "TarnDatabase.sqlite-wal");
+        auto out = probe(home);
+        EXPECT_EQ(occurrences(out, storeFailed + "The store's file " +
+                                       (treeOf(home) / kId / "TarnDatabase.sqlite-wal").string() +
+                                       " is a symbolic link, which is not followed;"),
+                  1u)
+            << out;
+        EXPECT_EQ(field(out, "event"), "0");
+        EXPECT_EQ(readText(victim), "keep");
+        EXPECT_EQ(modeOf(victim), 0644u);
+    }
+    {  // the standard preference file, pointing at another store
+        auto home = newHome();
+        auto victim = elsewhere() / "other.json";
+        std::ofstream(victim) << R"({"probe":"victim"})";
+        fs::create_symlink(victim, prepared(home) / "Preferences" / "standard.json");
+        auto out = probe(home);
+        EXPECT_EQ(field(out, "pref"), "0");
+        EXPECT_EQ(field(out, "event"), "1");
+        EXPECT_EQ(readText(victim), R"({"probe":"victim"})");
+        EXPECT_TRUE(fs::is_symlink(treeOf(home) / kId / "Preferences" / "standard.json"));
+    }
+    {  // its lock file, pointing where nothing is yet: the value is still kept
+        auto home = newHome();
+        auto victim = elsewhere() / "lock";
+        fs::create_symlink(victim, prepared(home) / "Preferences" / "standard.json.lock");
+        auto out = probe(home);
+        EXPECT_EQ(field(out, "pref"), "1");
+        EXPECT_FALSE(fs::exists(victim));
+    }
+}
+
+// Without a home the data goes to the runtime folder, else to a fresh private folder of the
+// process; ids become one folder name inside the tree.
+TEST_F(HostileFolderTest, WithoutAHomeTheFolderIsPrivateAndNeverAPredictableName) {
+    auto home = newHome();
+    auto runtime = temp_.path() / "runtime";
+    fs::create_directories(runtime);
+    auto out = probe(home, "XDG_DATA_HOME=;HOME=;XDG_RUNTIME_DIR=" + runtime.string());
+    EXPECT_EQ(field(out, "data"), (runtime / "TarniOSCommonKit" / kId).string());
+    EXPECT_EQ(field(out, "pref"), "1");
+
+    auto tmp = temp_.path() / "tmp";
+    fs::create_directories(tmp);
+    const std::string noHome = "XDG_DATA_HOME=;HOME=;XDG_RUNTIME_DIR=;TMPDIR=" + tmp.string();
+    fs::path first = field(probe(home, noHome), "data"),
+             second = field(probe(home, noHome), "data");
+    EXPECT_NE(first.parent_path(), second.parent_path());
+    for (const auto& folder : {first, second}) {
+        EXPECT_EQ(folder.parent_path().parent_path(), tmp) << folder;
+        EXPECT_EQ(folder.parent_path().filename().string().rfind("TarniOSCommonKit-", 0), 0u);
+        EXPECT_NE(folder.parent_path().filename(),
+                  "TarniOSCommonKit-" + std::to_string(::getuid()));
+        EXPECT_EQ(modeOf(folder.parent_path()), 0700u);
+        EXPECT_EQ(modeOf(folder), 0700u);
+        EXPECT_TRUE(fs::exists(folder / "TarnDatabase.sqlite"));
+    }
+
+    // A relative XDG_DATA_HOME is ignored; an id that is no folder name stays one name.
+    auto out2 = probe(home, "XDG_DATA_HOME=relative;HOME=" + home.string(), "../groups/a b");
+    auto tree = home / ".local" / "share" / "TarniOSCommonKit";
+    EXPECT_EQ(field(out2, "app"), "../groups/a b");
+    EXPECT_EQ(field(out2, "data"), (tree / "%2E.%2Fgroups%2Fa%20b").string());
+    EXPECT_EQ(field(probe(home, "HOME=" + home.string(), "groups"), "data"),
+              (tree / "%67roups").string());
+    EXPECT_FALSE(fs::exists(home / "relative"));
+}
+
 }  // namespace
 }  // namespace tarn::test
