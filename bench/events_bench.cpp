@@ -25,6 +25,7 @@
 #include "tarn/events/EventRecords.h"
 #include "tarn/events/TarnEvent.h"
 #include "tarn/inapp/InAppManager.h"
+#include "tarn/inapp/TarnSession.h"
 #include "tarn/platform/DataDirectory.h"
 #include "tarn/platform/MainQueue.h"
 #include "tarn/platform/PreferenceStore.h"

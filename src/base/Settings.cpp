@@ -17,8 +17,4 @@ std::string requireBaseUrl() {
     return *base;
 }
 
-TarnSession& TarnSession::shared() {
-    return detail::SharedInstance<TarnSession, 200>::get();
-}
-
 }  // namespace tarn

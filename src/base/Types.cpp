@@ -1,4 +1,4 @@
-#include "tarn/core/Types.h"
+#include "tarn/core/BaseTypes.h"
 
 #include <sys/random.h>
 #include <uuid/uuid.h>

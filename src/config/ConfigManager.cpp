@@ -4,9 +4,9 @@
 #include <cctype>
 
 #include "tarn/config/Preferences.h"
+#include "tarn/config/TarnState.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"
-#include "tarn/core/Tarn.h"
 
 namespace tarn {
 
@@ -53,10 +53,10 @@ void ConfigManager::updateActorId(const std::string& actorId) {
         log("Tarn actorId cannot be updated with empty or only whitespace string!", logtag);
         return;
     }
-    auto& tarn = Tarn::shared();
+    auto& tarn = TarnState::shared();
     std::string current = tarn.actorId.get();
     if (actorId != current && !current.empty()) {
-        tarn.sendActorChangeEvent(current, actorId);
+        tarn.reportActorChange(current, actorId);
         log("Tarn actorId successfully updated.", logtag);
     }
     tarn.actorId = actorId;

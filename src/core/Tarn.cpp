@@ -8,7 +8,10 @@
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
+#include "tarn/device/LifeCycle.h"
 #include "tarn/events/EventManager.h"
+#include "tarn/inapp/InAppModel.h"
+#include "tarn/inapp/TarnSession.h"
 #include "tarn/store/CoreDataManager.h"
 
 namespace tarn {
@@ -25,6 +28,39 @@ constexpr std::int64_t kMaxConversionOffsetSeconds = 10LL * 366 * 86400;
 
 Tarn& Tarn::shared() {
     return detail::SharedInstance<Tarn, 400>::get();
+}
+
+Tarn::Tarn() {
+    // The layers below call up through these routines; each reaches the current instances when
+    // it runs, so a reset of the instances for tests leaves them valid.
+    TarnState::setRefreshAccessToken([] { Tarn::shared().requestAccessToken(); });
+    TarnState::setReportActorChange(
+        [](const std::string& oldActorId, const std::string& newActorId) {
+            Tarn::shared().sendActorChangeEvent(oldActorId, newActorId);
+        });
+    setLifeCycleReporter([](LifeCycleMoment moment, const ScreenRef& screen) {
+        auto& events = EventManager::shared();
+        switch (moment) {
+            case LifeCycleMoment::appBackground:
+                events.sendAppBackgroundEvent(screen, std::nullopt);
+                break;
+            case LifeCycleMoment::appForeground:
+                events.sendAppForegroundEvent(screen, std::nullopt);
+                break;
+            case LifeCycleMoment::pageIn:
+                events.sendPageInEvent(screen, std::nullopt);
+                break;
+            case LifeCycleMoment::pageOut:
+                events.sendPageOutEvent(screen, std::nullopt);
+                break;
+        }
+    });
+    setInAppInteractionReporter([](InAppEventType kind, const AppCommunicationItem& communication,
+                                   const std::optional<std::string>& pageName,
+                                   const ScreenRef& controller,
+                                   const std::optional<AppCommunicationButton>& button) {
+        EventManager::shared().sendInAppEvent(kind, communication, pageName, controller, button);
+    });
 }
 
 void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::string>& appGroupID) {

@@ -1,5 +1,5 @@
-// The part of initialisation that runs after the token routine: start the trackers and the queue,
-// fetch the in-app communications one second later on the main queue, and complete.
+// The token routine, and the part of initialisation that runs after it: start the trackers and the
+// queue, fetch the in-app communications one second later on the main queue, and complete.
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Tarn.h"
@@ -8,9 +8,49 @@
 #include "tarn/events/EventQueueManager.h"
 #include "tarn/inapp/InAppManager.h"
 #include "tarn/inapp/InAppRepository.h"
+#include "tarn/network/Authorization.h"
+#include "tarn/network/Endpoint.h"
+#include "tarn/network/ServiceClient.h"
 #include "tarn/platform/MainQueue.h"
 
 namespace tarn {
+
+void Tarn::requestAccessToken(std::function<void()> continuation) {
+    auto finish = [&continuation] {
+        if (continuation) {
+            continuation();
+        }
+    };
+    auto config = configuration.get();
+    if (!config) {
+        fatalError("No stored configuration", __FILE__, __LINE__);
+    }
+    // A ready-made header value from the host wins; nothing is sent and the flag is untouched.
+    if (config->authorization) {
+        tarnAuthToken = *config->authorization;
+        finish();
+        return;
+    }
+    if (!config->clientId || !config->clientSecret) {
+        finish();
+        return;
+    }
+    auto& repository = AuthorizationRepository::shared();
+    AuthClient client{ServiceClient::shared().url(Endpoint::accessToken), *config->clientId,
+                      *config->clientSecret};
+    if (repository.tokenStatus() == AuthTokenStatus::notDetermined) {
+        log("pending Authorization!", repository.logtag);
+        finish();
+        return;
+    }
+    repository.setTokenStatus(false);
+    repository.requestAccessToken(client,
+                                  [continuation = std::move(continuation)](bool /*stored*/) {
+                                      if (continuation) {
+                                          continuation();
+                                      }
+                                  });
+}
 
 void Tarn::continueInitialization() {
     auto stored = configuration.get();

@@ -1,7 +1,6 @@
 #include "tarn/device/LifeCycle.h"
 
 #include "tarn/core/Log.h"
-#include "tarn/events/EventManager.h"
 #include "tarn/platform/NotificationCenter.h"
 
 namespace tarn {
@@ -19,6 +18,19 @@ const char* const kAutoNames[] = {kApplicationDidEnterBackgroundNotification,
 const char* const kActivityNames[] = {kTarnPageInNotification, kTarnPageOutNotification,
                                       kApplicationWillTerminateNotification};
 
+using LifeCycleReporter = std::function<void(LifeCycleMoment, const ScreenRef&)>;
+
+Locked<LifeCycleReporter>& lifeCycleReporter() {
+    static detail::NeverDestroyed<Locked<LifeCycleReporter>> reporter;
+    return *reporter;
+}
+
+void report(LifeCycleMoment moment, const ScreenRef& screen) {
+    if (auto reporter = lifeCycleReporter().get()) {
+        reporter(moment, screen);
+    }
+}
+
 ScreenRef screenOf(const Notification& n) {
     if (const auto* screen = std::any_cast<ScreenRef>(&n.object)) {
         return *screen;
@@ -30,6 +42,10 @@ ScreenRef screenOf(const Notification& n) {
 
 void setWindowSource(std::shared_ptr<WindowSource> source) {
     windowSource().set(std::move(source));
+}
+
+void setLifeCycleReporter(LifeCycleReporter reporter) {
+    lifeCycleReporter().set(std::move(reporter));
 }
 
 ScreenRef currentScreen() {
@@ -85,13 +101,13 @@ bool AutoLifeCyle::isObserving() const {
 
 void AutoLifeCyle::didEnterBackground() {
     if (auto screen = currentScreen()) {
-        EventManager::shared().sendAppBackgroundEvent(screen, std::nullopt);
+        report(LifeCycleMoment::appBackground, screen);
     }
 }
 
 void AutoLifeCyle::willEnterForeground() {
     if (auto screen = currentScreen()) {
-        EventManager::shared().sendAppForegroundEvent(screen, std::nullopt);
+        report(LifeCycleMoment::appForeground, screen);
     }
 }
 
@@ -134,13 +150,13 @@ bool ActivityLifeCycle::isObserving() const {
 
 void ActivityLifeCycle::pageIn(const ScreenRef& screen) {
     if (screen) {
-        EventManager::shared().sendPageInEvent(screen, std::nullopt);
+        report(LifeCycleMoment::pageIn, screen);
     }
 }
 
 void ActivityLifeCycle::pageOut(const ScreenRef& screen) {
     if (screen) {
-        EventManager::shared().sendPageOutEvent(screen, std::nullopt);
+        report(LifeCycleMoment::pageOut, screen);
     }
 }
 

@@ -8,13 +8,14 @@
 #include "base/LogLineBatch.h"
 #include "tarn/config/ConfigManager.h"
 #include "tarn/config/Preferences.h"
+#include "tarn/config/TarnState.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"
-#include "tarn/core/Tarn.h"
 #include "tarn/events/EventQueueManager.h"
 #include "tarn/events/NotificationSettings.h"
 #include "tarn/inapp/AppCommunicationCoding.h"
 #include "tarn/inapp/InAppManager.h"
+#include "tarn/inapp/TarnSession.h"
 #include "tarn/store/ConversionManager.h"
 #include "tarn/store/CoreDataManager.h"
 
@@ -61,7 +62,7 @@ Record EventManager::makeRecord(const std::string& name) {
     // permission without waiting for the answer.
     Record record;
     record.journeys = processSettings().journeys.get();
-    record.actorId = Tarn::shared().actorId.get();
+    record.actorId = TarnState::shared().actorId.get();
     record.name = name;
     NotificationManager::shared().refreshPermission();
     return record;
@@ -83,7 +84,7 @@ void EventManager::send(EventRecord& record) {
     // marker's consumption and the insert share one transaction; the body is written in one pass.
     const auto ownCode = record.communucationCode;
     CoreDataManager::shared().saveEventCompletingConversion(
-        record.name, Tarn::shared().actorId.get(),
+        record.name, TarnState::shared().actorId.get(),
         [&](const std::optional<std::string>& code) -> std::optional<std::string> {
             record.communucationCode = code ? code : ownCode;
             try {
@@ -108,7 +109,7 @@ void EventManager::sendInitializeEvent() {
 void EventManager::sendInstallEvent(const std::string& actorId) {
     auto record = makeRecord<InstallEvent>(rawValue(TarnEventType::install));
     record.actorId = actorId;
-    auto configured = Tarn::shared().configuration.get();
+    auto configured = TarnState::shared().configuration.get();
     if (configured && configured->actorId && !configured->actorId->empty()) {
         record.configurationActorId = configured->actorId;
     }
@@ -239,12 +240,12 @@ void EventManager::sendPushNotificationEvent(const nlohmann::json& userInfo,
         record.customApplicationName = item->applicationName;
         record.conversionEvent = item->conversionEvent;
         record.pushTokenForNotification =
-            item->pushToken.value_or(Tarn::shared().tarnPushToken.get());
+            item->pushToken.value_or(TarnState::shared().tarnPushToken.get());
         if (item->journey) {
             record.journeys = {*item->journey};
         }
     } else {
-        record.pushTokenForNotification = Tarn::shared().tarnPushToken.get();
+        record.pushTokenForNotification = TarnState::shared().tarnPushToken.get();
     }
     send(record);
 }
@@ -299,40 +300,40 @@ void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string>
 void TarnEvent::sendLoginEvent(ScreenRef controller, std::optional<std::string> pageName,
                                const std::string& actorID,
                                std::optional<nlohmann::json> initialParameters) {
-    auto& tarn = Tarn::shared();
+    auto& tarn = TarnState::shared();
     tarn.loggedIn = true;
-    tarn.configManager.updateActorId(actorID);
+    ConfigManager::shared().updateActorId(actorID);
     EventManager::shared().sendLoginEvent(controller, pageName, std::move(initialParameters));
 }
 
 void TarnEvent::sendLogoutEvent() {
-    auto& tarn = Tarn::shared();
+    auto& tarn = TarnState::shared();
     tarn.loggedIn = false;
     EventManager::shared().sendLogoutEvent();
     auto guest = PreferencesManager::shared().stringValue(PreferenceKey::guestActorId).value_or("");
-    tarn.configManager.updateActorId(guest);
+    ConfigManager::shared().updateActorId(guest);
 }
 
 void TarnEvent::sendPageInEvent(ScreenRef controller, std::optional<std::string> pageName) {
-    if (!Tarn::shared().isSendActivityLifeCycleEventEnabled.load() && controller) {
+    if (!TarnState::shared().isSendActivityLifeCycleEventEnabled.load() && controller) {
         EventManager::shared().sendPageInEvent(controller, pageName);
     }
 }
 
 void TarnEvent::sendPageOutEvent(ScreenRef controller, std::optional<std::string> pageName) {
-    if (!Tarn::shared().isSendActivityLifeCycleEventEnabled.load() && controller) {
+    if (!TarnState::shared().isSendActivityLifeCycleEventEnabled.load() && controller) {
         EventManager::shared().sendPageOutEvent(controller, pageName);
     }
 }
 
 void TarnEvent::sendAppBackgroundEvent(ScreenRef controller, std::optional<std::string> pageName) {
-    if (!Tarn::shared().applicationLifecyleAuto.load() && controller) {
+    if (!TarnState::shared().applicationLifecyleAuto.load() && controller) {
         EventManager::shared().sendAppBackgroundEvent(controller, pageName);
     }
 }
 
 void TarnEvent::sendAppForegroundEvent(ScreenRef controller, std::optional<std::string> pageName) {
-    if (!Tarn::shared().applicationLifecyleAuto.load() && controller) {
+    if (!TarnState::shared().applicationLifecyleAuto.load() && controller) {
         EventManager::shared().sendAppForegroundEvent(controller, pageName);
     }
 }

@@ -6,9 +6,9 @@
 #include <cmath>
 
 #include "device/KernelAnnouncements.h"
+#include "tarn/config/TarnState.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Settings.h"
-#include "tarn/core/Tarn.h"
 #include "tarn/device/DeviceInfo.h"
 #include "tarn/events/NotificationSettings.h"
 #include "tarn/store/ConversionManager.h"
@@ -136,7 +136,7 @@ std::string shortestDecimalText(double value) {
 BodySections BodySections::read(const EventRecord& record) {
     // The device facts that the kernel announces are looked up once for the whole body.
     detail::AnnouncementPass pass;
-    auto& tarn = Tarn::shared();
+    auto& tarn = TarnState::shared();
     BodySections sections;
     sections.loggedIn = tarn.loggedIn.load();
     sections.requestId = makeUuidString();

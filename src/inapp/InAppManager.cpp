@@ -6,10 +6,19 @@
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"
-#include "tarn/events/EventManager.h"
+#include "tarn/inapp/TarnSession.h"
 #include "tarn/platform/MainQueue.h"
 
 namespace tarn {
+
+namespace {
+
+Locked<InAppInteractionReporter>& interactionReporter() {
+    static detail::NeverDestroyed<Locked<InAppInteractionReporter>> reporter;
+    return *reporter;
+}
+
+}  // namespace
 
 InAppManager& InAppManager::shared() {
     return detail::SharedInstance<InAppManager, 300>::get();
@@ -157,13 +166,19 @@ void InAppManager::installAppCommunications(
     }
 }
 
+void setInAppInteractionReporter(InAppInteractionReporter reporter) {
+    interactionReporter().set(std::move(reporter));
+}
+
 void InAppViewController::report(InAppEventType kind,
                                  const std::optional<AppCommunicationButton>& button) {
     if (!inApp) {
         return;
     }
-    EventManager::shared().sendInAppEvent(kind, inApp->appCommunucation, inApp->pageName.pageName,
-                                          inApp->pageName.controller, button);
+    if (auto reporter = interactionReporter().get()) {
+        reporter(kind, inApp->appCommunucation, inApp->pageName.pageName,
+                 inApp->pageName.controller, button);
+    }
 }
 
 void InAppViewController::reportButtonClicked(const AppCommunicationButton& button) {

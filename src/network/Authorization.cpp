@@ -5,10 +5,9 @@
 
 #include "base/InputSafety.h"
 #include "tarn/config/Preferences.h"
-#include "tarn/core/Fatal.h"
+#include "tarn/config/TarnState.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Shared.h"
-#include "tarn/core/Tarn.h"
 
 namespace tarn {
 
@@ -114,7 +113,7 @@ void AuthorizationRepository::handleAccessTokenResponse(
     if (data) {
         try {
             auto token = AccessToken::decode(*data);
-            Tarn::shared().tarnAuthToken = token.tokenType + " " + token.accessToken;
+            TarnState::shared().tarnAuthToken = token.tokenType + " " + token.accessToken;
             stored = true;
         } catch (const TokenDecodingError& e) {
             log(e.localizedDescription(), "Tarn-Repository");
@@ -128,45 +127,6 @@ void AuthorizationRepository::handleAccessTokenResponse(
     if (callback) {
         callback(stored);
     }
-}
-
-// ---- the facade's token routine ------------------------------------------------------------
-
-void Tarn::requestAccessToken(std::function<void()> continuation) {
-    auto finish = [&continuation] {
-        if (continuation) {
-            continuation();
-        }
-    };
-    auto config = configuration.get();
-    if (!config) {
-        fatalError("No stored configuration", __FILE__, __LINE__);
-    }
-    // A ready-made header value from the host wins; nothing is sent and the flag is untouched.
-    if (config->authorization) {
-        tarnAuthToken = *config->authorization;
-        finish();
-        return;
-    }
-    if (!config->clientId || !config->clientSecret) {
-        finish();
-        return;
-    }
-    auto& repository = AuthorizationRepository::shared();
-    AuthClient client{ServiceClient::shared().url(Endpoint::accessToken), *config->clientId,
-                      *config->clientSecret};
-    if (repository.tokenStatus() == AuthTokenStatus::notDetermined) {
-        log("pending Authorization!", repository.logtag);
-        finish();
-        return;
-    }
-    repository.setTokenStatus(false);
-    repository.requestAccessToken(client,
-                                  [continuation = std::move(continuation)](bool /*stored*/) {
-                                      if (continuation) {
-                                          continuation();
-                                      }
-                                  });
 }
 
 }  // namespace tarn

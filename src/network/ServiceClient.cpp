@@ -6,11 +6,11 @@
 #include <cmath>
 
 #include "tarn/config/Preferences.h"
+#include "tarn/config/TarnState.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"
 #include "tarn/core/Shared.h"
-#include "tarn/core/Tarn.h"
 #include "tarn/network/Authorization.h"
 #include "tarn/platform/Bundle.h"
 #include "tarn/platform/NotificationCenter.h"
@@ -100,7 +100,7 @@ ServiceClient& ServiceClient::shared() {
         NotificationCenter::defaultCenter();
         processSettings();
         PreferencesManager::shared();
-        Tarn::shared();
+        TarnState::shared();
         AuthorizationRepository::shared();
         sharedHttpSession();
     });
@@ -129,7 +129,7 @@ std::optional<std::string> ServiceClient::appInfoHeader() const {
     // the property list costs more than the rest of a request's framing). A stat of the file
     // tells whether it changed.
     auto folder = Bundle::main().path();
-    auto application = Tarn::shared().applicationName.get();
+    auto application = TarnState::shared().applicationName.get();
     InfoFileStamp stamp;
     if (struct stat info{};
         !folder.empty() && ::stat((folder / "Info.plist").c_str(), &info) == 0) {
@@ -169,7 +169,7 @@ HttpRequest ServiceClient::buildRequest(const Url& url, bool isPost,
     request.method = isPost ? "POST" : "GET";
     request.maxResponseBytes = Endpoint::maxAnswerBytes(request.url);
     if (!skipAuthorization.value_or(false)) {
-        request.setValue(Tarn::shared().tarnAuthToken.get(), "Authorization");
+        request.setValue(TarnState::shared().tarnAuthToken.get(), "Authorization");
     }
     request.setValue("no-cache", "cache-control");
     if (auto appInfo = appInfoHeader()) {
@@ -282,7 +282,7 @@ void ServiceClient::handleFirstAnswer(std::optional<Data> data,
             complete(std::move(data), std::nullopt, 200);
         } else if (code == 401) {
             complete(std::nullopt, NetworkError::httpError(401, "Unauthorized"), 401);
-            Tarn::shared().requestAccessToken();
+            TarnState::shared().refreshAccessToken();
         } else if (code >= 500 && code <= 599 && retriesLeft >= 1) {
             retryRequest(request, retriesLeft - 1, completion);
         } else {

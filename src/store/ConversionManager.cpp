@@ -1,9 +1,9 @@
 #include "tarn/store/ConversionManager.h"
 
+#include "tarn/config/TarnState.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Shared.h"
-#include "tarn/core/Tarn.h"
 #include "tarn/store/CoreDataManager.h"
 
 namespace tarn {
@@ -37,7 +37,7 @@ void ConversionManager::armConversion(const std::optional<std::string>& communic
 }
 
 std::optional<std::string> ConversionManager::checkConversion(const std::string& eventName) {
-    return checkConversion(eventName, Tarn::shared().actorId.get());
+    return checkConversion(eventName, TarnState::shared().actorId.get());
 }
 
 std::optional<std::string> ConversionManager::checkConversion(const std::string& eventName,

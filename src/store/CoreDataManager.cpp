@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "store/StoreConnection.h"
+#include "tarn/config/TarnState.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"
 #include "tarn/core/Shared.h"
-#include "tarn/core/Tarn.h"
 #include "tarn/platform/DataDirectory.h"
 #include "tarn/store/ConversionManager.h"
 
@@ -252,7 +252,7 @@ void CoreDataManager::popOldestEvent(
 
 void CoreDataManager::saveConversion(const ConversionItem& item, const std::string& eventName,
                                      const std::function<void()>& onSaved) {
-    std::string actorId = Tarn::shared().actorId.get();
+    std::string actorId = TarnState::shared().actorId.get();
     Error error;
     {
         std::lock_guard lock(store_->mutex);

@@ -7,6 +7,7 @@
 #include "tarn/core/Tarn.h"
 #include "tarn/events/TarnEvent.h"
 #include "tarn/inapp/InAppManager.h"
+#include "tarn/inapp/TarnSession.h"
 
 using namespace tarn;
 using namespace tarn::test;

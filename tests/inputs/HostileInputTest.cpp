@@ -14,6 +14,7 @@
 #include "tarn/core/Settings.h"
 #include "tarn/core/Tarn.h"
 #include "tarn/inapp/AppCommunicationCoding.h"
+#include "tarn/inapp/TarnSession.h"
 #include "tarn/platform/Bundle.h"
 #include "tarn/platform/PropertyList.h"
 #include "tarn/push/TarnSliderPushHelper.h"

@@ -6,6 +6,7 @@
 #include "tarn/core/Settings.h"
 #include "tarn/core/Tarn.h"
 #include "tarn/inapp/AppCommunicationCoding.h"
+#include "tarn/inapp/TarnSession.h"
 #include "tarn/platform/Bundle.h"
 #include "tarn/store/ConversionManager.h"
 #include "tarn/store/CoreDataManager.h"

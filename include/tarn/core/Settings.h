@@ -2,20 +2,18 @@
 // Process-wide settings that initialisation fills from the service file and the server's
 // configuration block, and that the subsystems read on every use.
 //
-// One of the base utilities under every subsystem (sources in src/base/). Its one include above
-// that layer is the in-app wire model, for the answer `TarnSession` holds (see
-// scripts/check-layers.sh).
+// One of the base utilities under every subsystem (sources in src/base/); it includes nothing
+// of the library above that layer. The latest in-app answer is held by `TarnSession`
+// (`tarn/inapp/TarnSession.h`).
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tarn/core/BaseTypes.h"
 #include "tarn/core/Shared.h"
-#include "tarn/core/Types.h"
-#include "tarn/inapp/AppCommunication.h"
 
 namespace tarn {
 
@@ -57,23 +55,5 @@ ProcessSettings& processSettings();
 
 /// The base URL; ends the process (a programming error) when it was never set.
 std::string requireBaseUrl();
-
-/// Holds the latest in-app answer.
-class TarnSession {
-  public:
-    static TarnSession& shared();
-
-    /// The latest answer, or nullptr. The returned value never changes; a new fetch replaces it.
-    std::shared_ptr<const AppCommunication> appCommunication() const {
-        return appCommunication_.get();
-    }
-    void setAppCommunication(std::optional<AppCommunication> value) {
-        appCommunication_.set(value ? std::make_shared<const AppCommunication>(std::move(*value))
-                                    : nullptr);
-    }
-
-  private:
-    Locked<std::shared_ptr<const AppCommunication>> appCommunication_;
-};
 
 }  // namespace tarn

@@ -5,8 +5,10 @@
 // each layer including only itself and those beneath: events; inapp and push; network; store,
 // config and device; platform (the seams to the system); and the base utilities (src/base/:
 // logging, shared instances, dates, settings). The Qt integration (qt/) and the tools sit above
-// the facade. The subsystems still read the identity, token and switch fields of `Tarn::shared()`;
-// scripts/check-layers.sh lists those includes and fails on any new upward one.
+// the facade. The subsystems read the identity, token and switch fields through `TarnState`, and
+// reach the facade's token and actor-change routines, the event manager's lifecycle and in-app
+// events through routines the facade installs when it is created; scripts/check-layers.sh fails on
+// any include that runs upward.
 //
 // Threads: `initialize` and the other calls run on the caller's thread and never block on the
 // network. The token answer arrives on the HTTP transport's callback thread; the in-app fetch and
@@ -26,6 +28,7 @@
 #include <vector>
 
 #include "tarn/config/ConfigManager.h"
+#include "tarn/config/TarnState.h"
 #include "tarn/core/Settings.h"
 #include "tarn/core/Shared.h"
 #include "tarn/core/Types.h"
@@ -38,31 +41,37 @@ class Tarn {
   public:
     /// The one instance, created on first use and never destroyed (usable until the process ends).
     static Tarn& shared();
+    /// Use `shared()`. Creating the facade connects the layers below it: the token routine after
+    /// a 401 answer, the actor-change event, and the lifecycle and in-app events.
+    Tarn();
     /// The shared event API.
     static TarnEvent& event();
 
-    // Switches and state; each is safe to read from any thread.
-    std::atomic<bool> isWifiStatusRequired{true};
-    std::atomic<bool> isBatteryStatusRequired{true};
-    std::atomic<bool> isDiskCapacityRequired{true};
-    std::atomic<bool> isLocationRequired{true};
-    std::atomic<bool> isSendActivityLifeCycleEventEnabled{true};
-    Locked<std::string> applicationName;
-    Locked<std::string> actorId;
+    // Switches and state; each is safe to read from any thread. They live in `TarnState`, where
+    // the subsystems below the facade read them; these are the same values under the same names.
+    TarnState& state = TarnState::shared();
+    std::atomic<bool>& isWifiStatusRequired = state.isWifiStatusRequired;
+    std::atomic<bool>& isBatteryStatusRequired = state.isBatteryStatusRequired;
+    std::atomic<bool>& isDiskCapacityRequired = state.isDiskCapacityRequired;
+    std::atomic<bool>& isLocationRequired = state.isLocationRequired;
+    std::atomic<bool>& isSendActivityLifeCycleEventEnabled =
+        state.isSendActivityLifeCycleEventEnabled;
+    Locked<std::string>& applicationName = state.applicationName;
+    Locked<std::string>& actorId = state.actorId;
     /// Sent as the in-app request's "configuration" member; never changed by the library.
-    std::atomic<bool> config{true};
-    std::atomic<bool> applicationLifecyleAuto{false};
-    Locked<std::string> tarnPushToken;
-    Locked<std::string> tarnApnsToken;
+    std::atomic<bool>& config = state.config;
+    std::atomic<bool>& applicationLifecyleAuto = state.applicationLifecyleAuto;
+    Locked<std::string>& tarnPushToken = state.tarnPushToken;
+    Locked<std::string>& tarnApnsToken = state.tarnApnsToken;
     /// The "Authorization" header value, exactly as the server or the host gave it.
-    Locked<std::string> tarnAuthToken;
-    Locked<std::string> tarnBundle;
-    std::atomic<bool> loggedIn{false};
+    Locked<std::string>& tarnAuthToken = state.tarnAuthToken;
+    Locked<std::string>& tarnBundle = state.tarnBundle;
+    std::atomic<bool>& loggedIn = state.loggedIn;
     const std::string logtag = "Tarn:";
-    std::atomic<bool> isInstall{false};
-    std::atomic<bool> isInitializeCompleted{false};
+    std::atomic<bool>& isInstall = state.isInstall;
+    std::atomic<bool>& isInitializeCompleted = state.isInitializeCompleted;
     /// The configuration of the latest accepted `initialize`, with the service file's values.
-    Locked<std::optional<TarnInitConfig>> configuration;
+    Locked<std::optional<TarnInitConfig>>& configuration = state.configuration;
     ConfigManager& configManager = ConfigManager::shared();
 
     /// Initialises the library: reads "TarnService-Info", resolves the actor, loads the persisted

@@ -1,26 +1,17 @@
 #pragma once
-// Values shared by the facade and the subsystems.
+// Values shared by the facade and the subsystems: the host's configuration and the base value
+// types (`tarn/core/BaseTypes.h`).
 //
-// One of the base utilities under every subsystem (sources in src/base/). Its one include above
-// that layer is the platform's `Bundle`, which `TarnInitConfig` holds (see
-// scripts/check-layers.sh).
+// `TarnInitConfig` holds the platform's `Bundle`, so this header sits with the platform seams
+// rather than with the base utilities; code of the base layer includes `BaseTypes.h`.
 
 #include <optional>
 #include <string>
 
+#include "tarn/core/BaseTypes.h"
 #include "tarn/platform/Bundle.h"
 
 namespace tarn {
-
-/// The process-wide initialisation status.
-enum class InitializeStatusType { initializing, initialized, notInitialized, initializeFailed };
-/// "initializing", "initialized", "notInitialized", "initializeFailed".
-const char* rawValue(InitializeStatusType status);
-
-/// Which push token changed: `apns` the platform device token, `firebase` the provider's token.
-enum class TokenProviderType { apns, firebase };
-/// "apns", "firebase".
-const char* rawValue(TokenProviderType provider);
 
 /// The host's configuration of the library. `domainUrl`, `clientId` and `clientSecret` are always
 /// replaced by the service configuration file's values when the library initialises.
@@ -53,8 +44,5 @@ struct TarnInitConfig {
     std::optional<std::string> clientId;
     std::optional<std::string> clientSecret;
 };
-
-/// A new random UUID in canonical upper-case text (8-4-4-4-12).
-std::string makeUuidString();
 
 }  // namespace tarn

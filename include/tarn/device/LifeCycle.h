@@ -8,7 +8,10 @@
 // turns "TarnPageInNotification" and "TarnPageOutNotification" (posted by `TarnViewController`)
 // into "page_in" and "page_out". Handlers run synchronously on the posting thread. Initialisation
 // starts them when the host's configuration asks for them; the termination notification stops both.
+// The trackers hand each moment to the lifecycle reporter, which the facade installs when it is
+// created (it sends the event through the event manager); with none installed a moment is not sent.
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -35,6 +38,12 @@ class WindowSource {
 void setWindowSource(std::shared_ptr<WindowSource> source);
 /// The root screen of the last key window, or nullptr.
 ScreenRef currentScreen();
+
+/// A moment of the application's or a page's life that the trackers report.
+enum class LifeCycleMoment { appBackground, appForeground, pageIn, pageOut };
+/// Installs the routine that turns a moment on a screen into its event (nullptr: none). It runs
+/// synchronously on the thread that posted the notification. Kept for the life of the process.
+void setLifeCycleReporter(std::function<void(LifeCycleMoment, const ScreenRef&)> reporter);
 
 class AutoLifeCyle {
   public:

@@ -18,10 +18,6 @@
 
 namespace tarn {
 
-/// The host's callback for the action a user picks in an in-app communication. Runs on the thread
-/// the host's in-app screen reports the action on.
-using ActionCallback = std::function<void(const AppCommunicationAction&)>;
-
 class TarnEvent {
   public:
     static TarnEvent& shared();

@@ -3,6 +3,7 @@
 // Decoding and encoding live in "tarn/inapp/AppCommunicationCoding.h".
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -116,5 +117,9 @@ struct NotificationAppCommunicationItem {
     std::optional<std::string> conversionEvent;
     bool operator==(const NotificationAppCommunicationItem&) const = default;
 };
+
+/// The host's callback for the action a user picks in an in-app communication. Runs on the thread
+/// the host's in-app screen reports the action on.
+using ActionCallback = std::function<void(const AppCommunicationAction&)>;
 
 }  // namespace tarn

@@ -8,7 +8,6 @@
 #include <variant>
 #include <vector>
 
-#include "tarn/events/TarnEvent.h"
 #include "tarn/events/TarnEventType.h"
 #include "tarn/inapp/AppCommunication.h"
 #include "tarn/inapp/ColorCode.h"
@@ -55,6 +54,16 @@ struct InAppModel {
 /// `InAppManager::registerInAppScreen`; for each presentation the library makes one screen, sets
 /// `actionItem` and `inApp`, then calls `present` on the main queue. The screen reports what the
 /// user does with the `report...` calls (from any thread), which send the in-app events.
+/// Turns what the user did with an in-app screen into its event. Installed by the facade when it
+/// is created (it sends the event through the event manager) and kept for the life of the
+/// process; it runs synchronously on the thread that reports.
+using InAppInteractionReporter =
+    std::function<void(InAppEventType kind, const AppCommunicationItem& communication,
+                       const std::optional<std::string>& pageName, const ScreenRef& controller,
+                       const std::optional<AppCommunicationButton>& button)>;
+/// Installs the reporter (nullptr: none, so nothing is sent).
+void setInAppInteractionReporter(InAppInteractionReporter reporter);
+
 class InAppViewController : public Screen {
   public:
     /// Relays an action the user picked to the host's callback (set by the library).
