@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <functional>
 #include <map>
 #include <set>
 #include <sstream>
@@ -327,7 +328,15 @@ TEST_F(HostileFolderTest, LinkedForeignAndOpenFoldersAreRefusedAndNothingIsWritt
         EXPECT_EQ(field(out, "event"), "0");
         EXPECT_EQ(occurrences(out, storeFailed), 1u) << out;
         EXPECT_TRUE(contentsOf(target).empty());
-        EXPECT_EQ(contentsOf(home), before) << "written in or beside a refused folder";
+        // The groups live beside the applications: a refused application folder leaves them
+        // usable, a refused tree does not.
+        const bool treeRefused = refused == treeOf(home);
+        EXPECT_EQ(field(out, "group-pref"), treeRefused ? "0" : "1");
+        auto after = contentsOf(home);
+        std::erase_if(after, [&](const auto& entry) {
+            return !treeRefused && entry.first.rfind((treeOf(home) / "groups").string(), 0) == 0;
+        });
+        EXPECT_EQ(after, before) << "written in or beside a refused folder";
     }
 
     // A linked "groups" folder: the group's store is refused (the standard store is used, as
