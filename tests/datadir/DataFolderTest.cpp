@@ -394,6 +394,7 @@ TEST_F(HostileFolderTest, LinksPlantedInPlaceOfFilesAreNotFollowed) {
         std::ofstream(victim) << R"({"probe":"victim"})";
         fs::create_symlink(victim, prepared(home) / "Preferences" / "standard.json");
         auto out = probe(home);
+        EXPECT_EQ(field(out, "read"), "-") << "read through the link";
         EXPECT_EQ(field(out, "pref"), "0");
         EXPECT_EQ(field(out, "event"), "1");
         EXPECT_EQ(readText(victim), R"({"probe":"victim"})");

@@ -83,14 +83,17 @@ TARN_HELPER_COMMAND(store_pending, 4) {
 
 // probe - <environment> <bundle folder>: tries to keep a preference in the standard store and in
 // the store of the group "group.probe", and an event in the queue. Prints "app <id>",
-// "data <folder>", "group <folder>", and "pref", "group-pref", "event" each followed by 1 when it
-// was kept on disk (read back from the queue for the event), else 0.
+// "data <folder>", "group <folder>", "read <the standard store's "probe" value before, or ->", and
+// "pref", "group-pref", "event" each followed by 1 when it was kept on disk (read back from the
+// queue for the event), else 0.
 TARN_HELPER_COMMAND(probe, 3) {
     applyEnvironment(args[1]);
     tarn::Bundle::setMain(args[2]);
     tarn::test::say("app " + tarn::applicationIdentifier());
     tarn::test::say("data " + tarn::dataDirectory().string());
     tarn::test::say("group " + tarn::appGroupDirectory("group.probe").string());
+    // What the standard store holds before the probe writes: "-" for nothing.
+    tarn::test::say("read " + tarn::PreferenceStore::standard()->string("probe").value_or("-"));
     bool pref = tarn::PreferenceStore::standard()->set("probe", "value");
     auto suite = tarn::PreferenceStore::suite("group.probe");
     bool groupPref = suite && suite->set("probe", "value");
