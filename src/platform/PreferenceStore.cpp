@@ -27,8 +27,10 @@ class FileLock {
   public:
     FileLock(const std::filesystem::path& file, int operation) {
         auto lockPath = file.string() + ".lock";
-        fd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        // A link planted in the lock file's place is not followed: the lock is then not held.
+        fd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
         if (fd_ >= 0) {
+            ::fchmod(fd_, 0600);
             while (::flock(fd_, operation) != 0 && errno == EINTR) {
             }
         }
@@ -102,18 +104,20 @@ std::shared_ptr<PreferenceStore> storeFor(const std::filesystem::path& file) {
     return store;
 }
 
+/// The folder of the standard store: "Preferences" in the application's data folder, or a path
+/// where nothing can be written when that folder is refused.
 std::filesystem::path preferencesFolder() {
-    return dataDirectory() / "Preferences";
+    auto folder = dataDirectory() / "Preferences";
+    if (!ensurePrivateFolder(folder)) {
+        return refusedFolderPath() / "Preferences";
+    }
+    return folder;
 }
 
+/// Whether `folder` is a usable folder of the library's own (made, mode 0700, when missing).
 bool ensureFolder(const std::filesystem::path& folder) {
     std::error_code ec;
-    if (std::filesystem::is_directory(folder, ec)) {
-        return true;
-    }
-    std::filesystem::create_directories(folder, ec);
-    ::chmod(folder.c_str(), 0700);
-    return std::filesystem::is_directory(folder, ec);
+    return ensurePrivateFolder(folder) && std::filesystem::is_directory(folder, ec);
 }
 
 /// `ensureFolder` for opening a store: each folder is checked on its first use in the process
@@ -141,28 +145,26 @@ bool ensureFolderOnce(const std::filesystem::path& folder) {
 }  // namespace
 
 std::shared_ptr<PreferenceStore> PreferenceStore::standard() {
-    auto folder = preferencesFolder();
-    ensureFolderOnce(folder);
-    return storeFor(folder / "standard.json");
+    return storeFor(preferencesFolder() / "standard.json");
 }
 
 std::shared_ptr<PreferenceStore> PreferenceStore::suite(const std::string& name) {
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
-        name.find('\0') != std::string::npos || name == "standard") {
+        name.find('\0') != std::string::npos) {
         return nullptr;
     }
-    auto folder = preferencesFolder();
+    auto folder = appGroupDirectory(name);
     if (!ensureFolderOnce(folder)) {
         return nullptr;
     }
-    return storeFor(folder / (name + ".json"));
+    return storeFor(folder / "Preferences.json");
 }
 
 PreferenceStore::PreferenceStore(std::filesystem::path file) : file_(std::move(file)) {}
 
 PreferenceStore::Stamp PreferenceStore::currentStamp() const {
     struct stat st {};
-    if (::stat(file_.c_str(), &st) != 0) {
+    if (::lstat(file_.c_str(), &st) != 0) {
         return Stamp{};
     }
     return Stamp{static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
@@ -174,17 +176,24 @@ nlohmann::json PreferenceStore::readFileLocked() {
     if (stamp_ == Stamp{}) {
         return nlohmann::json::object();
     }
-    std::FILE* f = std::fopen(file_.c_str(), "rb");
-    if (!f) {
+    int fd = ::open(file_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) {
+        if (errno == ELOOP) {
+            reportPlantedLinkLocked();
+        }
         return nlohmann::json::object();
     }
     std::string text;
     char buffer[4096];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) {
-        text.append(buffer, n);
+    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) != 0;) {
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            break;
+        }
+        text.append(buffer, static_cast<std::size_t>(n));
     }
-    std::fclose(f);
+    ::close(fd);
     // A file nested deeper than any value the library stores is refused before parsing: writing
     // it back indented would grow it quadratically, and a deep enough one overflows the stack.
     auto parsed = parseJsonBounded(text);
@@ -220,7 +229,16 @@ void PreferenceStore::applyUnsavedLocked(nlohmann::json& values) const {
 }
 
 bool PreferenceStore::writeLocked(const std::string& key, const nlohmann::json& value) {
-    ensureFolder(file_.parent_path());
+    if (!ensurePrivateFolder(file_.parent_path())) {
+        // A refused folder (see DataDirectory.h) is neither read nor written through.
+        if (value.is_null()) {
+            values_.erase(key);
+        } else {
+            values_[key] = value;
+        }
+        unsaved_[key] = value;
+        return false;
+    }
     FileLock lock(file_, LOCK_EX);
     auto current = readFileLocked();
     applyUnsavedLocked(current);  // an earlier change that could not be written goes with this one
@@ -242,9 +260,26 @@ bool PreferenceStore::writeLocked(const std::string& key, const nlohmann::json& 
     return saved;
 }
 
+void PreferenceStore::reportPlantedLinkLocked() {
+    if (linkReported_) {
+        return;
+    }
+    linkReported_ = true;
+    std::fprintf(stderr,
+                 "TarniOSCommonKit: preference file %s is a symbolic link; it is neither read nor "
+                 "written\n",
+                 file_.c_str());
+}
+
 bool PreferenceStore::writeFileLocked(const nlohmann::json& values) {
+    // A symbolic link in the file's place is refused rather than replaced or followed.
+    struct stat st {};
+    if (::lstat(file_.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+        reportPlantedLinkLocked();
+        return false;
+    }
     auto tmp = file_.string() + ".tmp." + std::to_string(::getpid());
-    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
         return false;
     }

@@ -59,10 +59,12 @@ void Checkpointer::run() {
         auto path = path_;
         lock.unlock();
         // A connection checkpoints only once it has read the file and so found the log.
-        if (!db && (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
-                                    nullptr) != SQLITE_OK ||
-                    sqlite3_exec(db, "SELECT count(*) FROM sqlite_master", nullptr, nullptr,
-                                 nullptr) != SQLITE_OK)) {
+        if (!db &&
+            (sqlite3_open_v2(path.c_str(), &db,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
+                             nullptr) != SQLITE_OK ||
+             sqlite3_exec(db, "SELECT count(*) FROM sqlite_master", nullptr, nullptr, nullptr) !=
+                 SQLITE_OK)) {
             sqlite3_close_v2(db);  // tried again at the next request
             db = nullptr;
         }

@@ -25,19 +25,31 @@ constexpr int kSchemaVersion = CoreDataManager::kSchemaVersion;
 /// Makes the database file and whatever companions exist private to the user. The main file is
 /// created here with mode 0600 before SQLite opens it, so no umask can widen it, and SQLite gives
 /// the -wal and -shm files it creates later the main file's mode. Files left by an earlier release
-/// with wider modes are narrowed. Failures are left for the open to report.
-void makeFilesPrivate(const std::filesystem::path& path) {
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+/// with wider modes are narrowed. No file is opened through a symbolic link: SQLite refuses a
+/// database file that is one (`SQLITE_OPEN_NOFOLLOW`) but would follow a companion that is one,
+/// so such a companion is the reason returned. Other failures are left for the open to report.
+Error makeFilesPrivate(const std::filesystem::path& path) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd >= 0) {
         ::fchmod(fd, 0600);
         ::close(fd);
     }
     for (const char* suffix : kCompanionSuffixes) {
         auto companion = path.string() + suffix;
-        if (::access(companion.c_str(), F_OK) == 0) {
-            ::chmod(companion.c_str(), 0600);
+        struct stat st {};
+        if (::lstat(companion.c_str(), &st) != 0) {
+            continue;
+        }
+        if (S_ISLNK(st.st_mode)) {
+            return "The store's file " + companion + " is a symbolic link, which is not followed";
+        }
+        int companionFd = ::open(companion.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        if (companionFd >= 0) {
+            ::fchmod(companionFd, 0600);
+            ::close(companionFd);
         }
     }
+    return std::nullopt;
 }
 
 /// True for the failures that mean another connection holds the file.
@@ -113,10 +125,14 @@ Error Connection::openWaiting(const std::filesystem::path& path) {
 
 Error Connection::open(const std::filesystem::path& path, int busyMs) {
     openFailure = SQLITE_OK;
-    makeFilesPrivate(path);
-    int rc =
-        sqlite3_open_v2(path.c_str(), &db,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (auto error = makeFilesPrivate(path)) {
+        openFailure = SQLITE_CANTOPEN;
+        return error;
+    }
+    int rc = sqlite3_open_v2(
+        path.c_str(), &db,
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
+        nullptr);
     if (rc != SQLITE_OK) {
         openFailure = rc;
         std::string reason = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);

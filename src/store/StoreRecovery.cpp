@@ -1,5 +1,6 @@
 #include "store/StoreRecovery.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -79,7 +80,7 @@ std::pair<std::optional<std::filesystem::path>, std::string> moveAside(
     if (::rename(path.c_str(), target.c_str()) != 0) {
         return {std::nullopt, std::strerror(errno)};
     }
-    ::chmod(target.c_str(), 0600);
+    ::fchmodat(AT_FDCWD, target.c_str(), 0600, AT_SYMLINK_NOFOLLOW);
     for (const char* suffix : kCompanionSuffixes) {
         auto from = path.string() + suffix;
         if (::access(from.c_str(), F_OK) != 0) {
@@ -90,7 +91,7 @@ std::pair<std::optional<std::filesystem::path>, std::string> moveAside(
         if (::rename(from.c_str(), to.c_str()) != 0) {
             return {std::nullopt, std::strerror(errno)};
         }
-        ::chmod(to.c_str(), 0600);
+        ::fchmodat(AT_FDCWD, to.c_str(), 0600, AT_SYMLINK_NOFOLLOW);
     }
     return {std::filesystem::path(target), {}};
 }

@@ -19,7 +19,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: tarn_test_helper <command> [args]\n");
         return 2;
     }
-    if (!args.empty())
+    if (!args.empty() && args[0] != "-")
         tarn::setDataDirectory(args[0]);
     return it->second.second(args);
 }

@@ -1,7 +1,7 @@
 #pragma once
 // The helper program that tests start as a second process: `tarn_test_helper <command> args...`.
 // TARN_HELPER_COMMAND(name, arguments) registers a command; main checks the number of arguments
-// and, for commands that take any, sets the data folder from the first one.
+// and, for commands that take any, sets the data folder from the first one ("-": the default).
 
 #include <chrono>
 #include <cstdio>

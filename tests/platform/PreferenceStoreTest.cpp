@@ -61,15 +61,18 @@ TEST_F(PreferenceStoreTest, LeftoverTemporaryFilesAreRemovedWhenTheStoreStarts) 
     ASSERT_GT(gone, 0);
     ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
     const std::string dead = std::to_string(gone), self = std::to_string(::getpid());
-    auto make = [&](const std::string& name, std::chrono::minutes age = {}) {
+    auto make = [&](const fs::path& name, std::chrono::minutes age = {}) {
         std::ofstream(folder / name) << "{}";
         fs::last_write_time(folder / name, fs::file_time_type::clock::now() - age);
         return folder / name;
     };
     auto deadWriter = make("standard.json.tmp." + dead);
     auto oldWriter = make("standard.json.tmp." + self, std::chrono::minutes(2));
-    auto groupDead = make("group.a.json.tmp." + dead);
-    auto liveWriter = make("group.a.json.tmp." + self);
+    // A group's store is "groups/<group>/Preferences.json" beside the standard store's folder.
+    fs::create_directories(dataDir() / "groups" / "group.a");
+    auto groupDead = make(fs::path("..") / "groups" / "group.a" / ("Preferences.json.tmp." + dead));
+    auto liveWriter =
+        make(fs::path("..") / "groups" / "group.a" / ("Preferences.json.tmp." + self));
     auto notOurs = make("standard.json.tmp.notapid", std::chrono::minutes(5));
 
     PreferenceStore::standard();

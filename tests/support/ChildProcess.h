@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -52,8 +53,14 @@ class ChildProcess {
             else
                 close(pipes[i][i == 0 ? 0 : 1]), fds_[i] = pipes[i][i == 0 ? 1 : 0];
         }
-        if (pid_ == 0)
+        if (pid_ == 0) {
+            // The child keeps no other descriptor of the test (such as the lock a build tool
+            // holds around the test run) and ends with the test, so a test that dies cannot leave
+            // it running with that lock held.
+            ::close_range(3, ~0U, 0);
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             execv(raw[0], raw.data()), _exit(127);
+        }
     }
     /// Kills the process if it still runs.
     ~ChildProcess() {

@@ -3,11 +3,12 @@
 // defaults.
 //
 // The standard store is "<data folder>/Preferences/standard.json"; an app group's store is
-// "<data folder>/Preferences/<group name>.json", so every process of the group that uses the same
-// data folder reads and writes the same file. Each write takes an exclusive file lock, reads the
-// file afresh (so another process's values are kept), writes a temporary file and renames it over
-// the old one: a crash never leaves a torn file. Files are created with mode 0600. Reads re-read
-// the file only when it has changed on disk.
+// "<group folder>/Preferences.json" (tarn/platform/DataDirectory.h: the group's folder is shared by
+// every process of this user that names the group). Each write takes an exclusive file lock, reads
+// the file afresh (so another process's values are kept), writes a temporary file and renames it
+// over the old one: a crash never leaves a torn file. Files are created with mode 0600. Reads
+// re-read the file only when it has changed on disk. No file is opened through a symbolic link: a
+// store whose file is one reads as empty and cannot be written (said once on standard error).
 //
 // A change that cannot be written (a folder that cannot be written, a full disk) is kept in memory
 // for the rest of the process: reads see it, and the next write that succeeds writes it too.
@@ -78,12 +79,15 @@ class TARN_API PreferenceStore {
     void refreshLocked();
     nlohmann::json readFileLocked();
     bool writeFileLocked(const nlohmann::json& values);
+    /// Says once that the file is a symbolic link, which is never followed.
+    void reportPlantedLinkLocked();
 
     std::filesystem::path file_;
     std::mutex mutex_;
     nlohmann::json values_ = nlohmann::json::object();
     /// Changes that could not be written, null for a removed key.
     nlohmann::json unsaved_ = nlohmann::json::object();
+    bool linkReported_ = false;
     struct Stamp {
         std::int64_t mtimeNs = -1;
         std::int64_t size = -1;
