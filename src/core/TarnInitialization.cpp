@@ -23,7 +23,7 @@ void Tarn::continueInitialization() {
     if (stored->isSendActivityLifeCycleEventEnabled) {
         ActivityLifeCycle::shared().start();
     }
-    log("checkAuthToken", logtag);
+    log("checkAuthToken", logtag, LogLevel::debug);
     mainQueue()->asyncAfter(1.0, [] { Tarn::shared().requestInAppCommunications(); });
     // Start draining; marking the queue active keeps the first event's tick from starting a second
     // timer beside this one.

@@ -52,7 +52,7 @@ bool Connection::ensureOpen(const std::string& logtag) {
     const bool corrupt = meansCorruption(openFailure);
     loadError = *error;
     close();
-    log("❌ Loading of store failed:" + loadError, logtag);
+    log("❌ Loading of store failed:" + loadError, logtag, LogLevel::error);
     if (!corrupt) {
         return false;
     }
@@ -64,7 +64,7 @@ bool Connection::ensureOpen(const std::string& logtag) {
     if (auto again = open(path)) {
         loadError = *again;
         close();
-        log("❌ Loading of store failed:" + loadError, logtag);
+        log("❌ Loading of store failed:" + loadError, logtag, LogLevel::error);
         return false;
     }
     loadError.clear();

@@ -15,6 +15,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "base/LogLineBatch.h"
 #include "store/Checkpointer.h"
 #include "store/Statement.h"
 
@@ -34,7 +35,8 @@ class Connection {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    std::recursive_mutex mutex;
+    /// Guards everything here. The lines logged under it go out once it is released.
+    detail::LogHoldingMutex<std::recursive_mutex> mutex;
     sqlite3* db = nullptr;
     bool attempted = false;
     std::string loadError;
