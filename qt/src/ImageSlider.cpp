@@ -53,7 +53,7 @@ ImageSlider::ImageSlider(std::vector<std::string> urls, int maxImages, int timeo
     if (urls.size() > static_cast<std::size_t>(maxImages)) {
         log("popup carries " + std::to_string(urls.size()) + " images; showing the first " +
                 std::to_string(maxImages),
-            detail::kViewTag);
+            detail::kViewTag, LogLevel::warning);
         urls.resize(static_cast<std::size_t>(maxImages));
     }
     for (auto& url : urls) {
@@ -110,7 +110,8 @@ void ImageSlider::finished(int index, const QImage& image) {
     auto& slot = slots_[index];
     if (image.isNull()) {
         slot.state = SlotState::failed;
-        log("image " + std::to_string(index + 1) + " could not be shown", detail::kViewTag);
+        log("image " + std::to_string(index + 1) + " could not be shown", detail::kViewTag,
+            LogLevel::warning);
     } else {
         slot.state = SlotState::loaded;
         slot.pixmap = QPixmap::fromImage(image);

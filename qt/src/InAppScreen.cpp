@@ -54,7 +54,7 @@ class QtInAppScreen final : public InAppViewController,
         const auto& link = inApp->appCommunucation.subInAppCommunication.link;
         QUrl url(QString::fromStdString(link.value_or("")), QUrl::StrictMode);
         if (!link || !url.isValid() || (url.scheme() != "http" && url.scheme() != "https")) {
-            log("survey has no web address to show", kViewTag);
+            log("survey has no web address to show", kViewTag, LogLevel::error);
             return;
         }
 #ifdef TARN_QT_HAS_WEBENGINE
@@ -74,11 +74,12 @@ class QtInAppScreen final : public InAppViewController,
         reportOpened();
 #else
         (void)host;
-        log("survey shown in the system browser: this build has no Qt WebEngine", kViewTag);
+        log("survey shown in the system browser: this build has no Qt WebEngine", kViewTag,
+            LogLevel::warning);
         if (openExternal(url)) {
             reportOpened();
         } else {
-            log("could not open the survey page", kViewTag);
+            log("could not open the survey page", kViewTag, LogLevel::error);
         }
 #endif
     }

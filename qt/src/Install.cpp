@@ -134,10 +134,10 @@ ActionCallback openUrlActions(ActionCallback next) {
             QUrl url(QString::fromStdString(*action.link), QUrl::StrictMode);
             if (url.isValid() && (url.scheme() == "http" || url.scheme() == "https")) {
                 if (!detail::openExternal(url)) {
-                    log("could not open " + *action.link, detail::kViewTag);
+                    log("could not open " + *action.link, detail::kViewTag, LogLevel::error);
                 }
             } else {
-                log("not a web address: " + *action.link, detail::kViewTag);
+                log("not a web address: " + *action.link, detail::kViewTag, LogLevel::error);
             }
         }
         if (next) {

@@ -5,10 +5,17 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <deque>
+#include <memory>
+#include <mutex>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "base/LogLineBatch.h"
 #include "base/LogRecordSink.h"
@@ -17,10 +24,20 @@ namespace tarn {
 
 namespace {
 
-/// The lines held back by the open batches of this thread.
+/// A line on its way to the host's handler.
+struct RoutedLine {
+    LogLevel level;
+    std::string text;
+};
+
+/// This thread's lines that wait: held back by open batches (or held locks), or logged while the
+/// handler runs on this thread.
 struct HeldLines {
     int depth = 0;
-    std::string text;
+    std::string text;                // for standard output, each line with its line end
+    std::vector<RoutedLine> routed;  // for the handler
+    bool delivering = false;         // the handler runs on this thread
+    std::deque<RoutedLine> pending;  // logged meanwhile; handed over when it returns
 };
 
 thread_local HeldLines held;
@@ -68,22 +85,170 @@ void writeLines(std::string_view text, bool newline) {
 /// Held text beyond this is not kept between batches (a thread's buffer stays small).
 constexpr std::size_t kKeptHeldCapacity = 16 * 1024;
 
+// ---- The host's handler ----
+
+/// The handler, shared with the calls running it, so that replacing it never waits for them. The
+/// mutex guards the pointer only: no handler ever runs under it. Never destroyed (lines may be
+/// logged while the process exits).
+struct HandlerSlot {
+    std::mutex mutex;
+    std::shared_ptr<const LogHandler> handler;
+};
+
+HandlerSlot& handlerSlot() {
+    static auto* slot = new HandlerSlot;
+    return *slot;
+}
+
+/// Whether a handler is set: the one check a line pays while none is.
+std::atomic<bool> handlerSet{false};
+
+std::shared_ptr<const LogHandler> currentHandler() {
+    auto& slot = handlerSlot();
+    std::lock_guard lock(slot.mutex);
+    return slot.handler;
+}
+
+void callHandler(const LogHandler& handler, LogLevel level, std::string_view line) {
+    try {
+        handler(level, line);
+    } catch (...) {
+        // The host's handler failed on this line; the library goes on.
+    }
+}
+
+/// Hands `line` to the handler now, then whatever the handler logged on this thread meanwhile.
+/// Without a handler (it was removed meanwhile) the lines are printed.
+void deliver(LogLevel level, std::string_view line) {
+    auto handler = currentHandler();
+    if (!handler) {
+        writeLines(line, true);
+        return;
+    }
+    held.delivering = true;
+    callHandler(*handler, level, line);
+    while (!held.pending.empty()) {
+        RoutedLine next = std::move(held.pending.front());
+        held.pending.pop_front();
+        if (auto now = currentHandler()) {
+            callHandler(*now, next.level, next.text);
+        } else {
+            writeLines(next.text, true);
+        }
+    }
+    held.delivering = false;
+}
+
+/// A line for the handler: held while a batch is open on this thread, queued while the handler
+/// runs on this thread, else handed over at once.
+void route(LogLevel level, std::string_view line) {
+    if (held.depth > 0) {
+        held.routed.push_back({level, std::string(line)});
+    } else if (held.delivering) {
+        held.pending.push_back({level, std::string(line)});
+    } else {
+        deliver(level, line);
+    }
+}
+
+// ---- TARN_LOG ----
+
+/// What TARN_LOG lets through: lines whose level is at most `threshold` (-1: none).
+struct OutputFilter {
+    int threshold = static_cast<int>(LogLevel::debug);
+    std::optional<std::string> unknownValue;  // TARN_LOG's value when it names no level
+};
+
+OutputFilter readOutputFilter() {
+    OutputFilter filter;
+    const char* value = std::getenv("TARN_LOG");
+    if (value == nullptr || *value == '\0') {
+        return filter;
+    }
+    std::string lower(value);
+    for (char& c : lower) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    if (lower == "off") {
+        filter.threshold = -1;
+        return filter;
+    }
+    for (auto level : {LogLevel::error, LogLevel::warning, LogLevel::info, LogLevel::debug}) {
+        if (lower == logLevelName(level)) {
+            filter.threshold = static_cast<int>(level);
+            return filter;
+        }
+    }
+    filter.unknownValue = std::string(value).substr(0, 64);
+    return filter;
+}
+
+void output(LogLevel level, std::string_view line);
+
+std::atomic<bool> unknownValueReported{false};
+
+/// TARN_LOG as read at the first line. A value that names no level is reported once, as a warning
+/// line of its own before the line that read it.
+const OutputFilter& outputFilter() {
+    static const OutputFilter filter = readOutputFilter();
+    if (filter.unknownValue && !unknownValueReported.load(std::memory_order_relaxed) &&
+        !unknownValueReported.exchange(true)) {
+        output(LogLevel::warning, "Tarn: TARN_LOG=\"" + *filter.unknownValue +
+                                      "\" is not one of off, error, warning, info, debug; "
+                                      "every line is logged;");
+    }
+    return filter;
+}
+
+bool passes(LogLevel level) {
+    return static_cast<int>(level) <= outputFilter().threshold;
+}
+
+/// Writes one line that TARN_LOG let through where lines go: to the handler, or to standard output
+/// (held while a batch is open on this thread).
+void output(LogLevel level, std::string_view line) {
+    if (handlerSet.load(std::memory_order_acquire)) {
+        route(level, line);
+    } else if (held.depth > 0) {
+        held.text.append(line).append(1, '\n');
+    } else {
+        writeLines(line, true);
+    }
+}
+
 }  // namespace
 
 namespace detail {
 
-LogLineBatch::LogLineBatch() {
+void holdLogLines() {
     ++held.depth;
 }
 
-LogLineBatch::~LogLineBatch() {
-    if (--held.depth == 0 && !held.text.empty()) {
+void releaseLogLines() {
+    if (--held.depth > 0) {
+        return;
+    }
+    if (!held.text.empty()) {
         writeLines(held.text, false);
         held.text.clear();
         if (held.text.capacity() > kKeptHeldCapacity) {
             held.text.shrink_to_fit();
         }
     }
+    if (!held.routed.empty()) {
+        auto lines = std::exchange(held.routed, {});
+        for (const auto& line : lines) {
+            route(line.level, line.text);
+        }
+    }
+}
+
+LogLineBatch::LogLineBatch() {
+    holdLogLines();
+}
+
+LogLineBatch::~LogLineBatch() {
+    releaseLogLines();
 }
 
 LogLineBatch::Held LogLineBatch::heldOnThisThread() {
@@ -91,6 +256,35 @@ LogLineBatch::Held LogLineBatch::heldOnThisThread() {
 }
 
 }  // namespace detail
+
+const char* logLevelName(LogLevel level) {
+    switch (level) {
+        case LogLevel::error:
+            return "error";
+        case LogLevel::warning:
+            return "warning";
+        case LogLevel::info:
+            return "info";
+        case LogLevel::debug:
+            return "debug";
+    }
+    return "info";
+}
+
+void setLogHandler(LogHandler handler) {
+    std::shared_ptr<const LogHandler> next;
+    if (handler) {
+        next = std::make_shared<const LogHandler>(std::move(handler));
+    }
+    std::shared_ptr<const LogHandler> previous;
+    {
+        auto& slot = handlerSlot();
+        std::lock_guard lock(slot.mutex);
+        previous = std::exchange(slot.handler, next);
+        handlerSet.store(next != nullptr, std::memory_order_release);
+    }
+    // `previous` goes here, outside the lock: what it captured may log as it goes.
+}
 
 std::string TarnLog::getFullMessage() const {
     return (sector ? *sector : std::string("Tarn")) + " " + logMessage + ";";
@@ -105,13 +299,10 @@ std::string TarnLog::getFullMessageWithDate() const {
     return std::string(buffer) + " --- " + getFullMessage();
 }
 
-void printLine(const std::string& line) {
-    if (held.depth > 0) {
-        held.text += line;
-        held.text += '\n';
-        return;
+void printLine(const std::string& line, LogLevel level) {
+    if (passes(level)) {
+        output(level, line);
     }
-    writeLines(line, true);
 }
 
 namespace {
@@ -119,21 +310,29 @@ namespace {
 /// Where the records go before the line is printed; none until the notification centre exists.
 std::atomic<detail::LogRecordSink> recordSink{nullptr};
 
-void logLine(const std::string& message, std::optional<std::string_view> tag) {
+void logLine(const std::string& message, std::optional<std::string_view> tag, LogLevel level) {
     if (auto sink = recordSink.load(std::memory_order_acquire)) {
         sink(message, tag);
     }
-    // The printed line, as `TarnLog::getFullMessage` words it, written straight into the held
-    // text when a batch is open.
+    if (!passes(level)) {
+        return;
+    }
+    // The line, as `TarnLog::getFullMessage` words it, written straight into the held text when
+    // a batch is open and nobody routes the lines.
     const std::string_view sector = tag.value_or("Tarn");
-    if (held.depth > 0) {
+    const bool routed = handlerSet.load(std::memory_order_acquire);
+    if (!routed && held.depth > 0) {
         held.text.append(sector).append(1, ' ').append(message).append(";\n");
         return;
     }
     std::string line;
     line.reserve(sector.size() + message.size() + 2);
     line.append(sector).append(1, ' ').append(message).append(1, ';');
-    writeLines(line, true);
+    if (routed) {
+        route(level, line);
+    } else {
+        writeLines(line, true);
+    }
 }
 
 }  // namespace
@@ -142,16 +341,16 @@ void detail::setLogRecordSink(LogRecordSink sink) {
     recordSink.store(sink, std::memory_order_release);
 }
 
-void log(const std::string& message, const std::optional<std::string>& tag) {
-    logLine(message, tag ? std::optional<std::string_view>(*tag) : std::nullopt);
+void log(const std::string& message, const std::optional<std::string>& tag, LogLevel level) {
+    logLine(message, tag ? std::optional<std::string_view>(*tag) : std::nullopt, level);
 }
 
-void log(const std::string& message, const std::string& tag) {
-    logLine(message, std::string_view(tag));
+void log(const std::string& message, const std::string& tag, LogLevel level) {
+    logLine(message, std::string_view(tag), level);
 }
 
-void log(const std::string& message, const char* tag) {
-    logLine(message, tag ? std::optional<std::string_view>(tag) : std::nullopt);
+void log(const std::string& message, const char* tag, LogLevel level) {
+    logLine(message, tag ? std::optional<std::string_view>(tag) : std::nullopt, level);
 }
 
 }  // namespace tarn

@@ -1,16 +1,22 @@
 #pragma once
-// Lines printed by one host call, written together.
+// Lines written by one host call, written together; lines logged under a lock, written after it.
 
 #include <cstddef>
 
 namespace tarn::detail {
 
-/// While a batch lives, the lines this thread prints (`printLine`, and so `log`) are held back
-/// and written together, in the order they were printed, in one write when the outermost batch on
-/// the thread ends: a call that logs three lines costs one system call instead of three. Only the
-/// printing waits; "TarnLogNotification" is still posted at once. Lines of other threads are not
-/// held, and a batch's lines are never split or interleaved with theirs. Open a batch only around
-/// library work that returns promptly and runs no host code that waits on other threads.
+/// Opens and closes a hold on this thread's lines. While a hold is open, the lines this thread
+/// writes (`printLine`, and so `log`) are held back, in order, and written (to standard output or
+/// handed to the host's log handler) when the outermost hold on the thread closes. Only the
+/// writing waits; "TarnLogNotification" is still posted at once. Lines of other threads are not
+/// held.
+void holdLogLines();
+void releaseLogLines();
+
+/// A hold for the life of a scope: a call that logs three lines costs one system call instead of
+/// three, and a batch's lines are never split or interleaved with other threads'. Open a batch
+/// only around library work that returns promptly and runs no host code that waits on other
+/// threads.
 class LogLineBatch {
   public:
     LogLineBatch();
@@ -24,6 +30,32 @@ class LogLineBatch {
         std::size_t capacity;
     };
     static Held heldOnThisThread();
+};
+
+/// A mutex whose holder's lines wait until it is unlocked: the host's log handler, which may call
+/// back into the library, never runs while the lock is held. Use it for any lock of the library's
+/// under which lines are logged. Meets the Lockable requirements of `Mutex`.
+template <class Mutex>
+class LogHoldingMutex {
+  public:
+    void lock() {
+        mutex_.lock();
+        holdLogLines();
+    }
+    bool try_lock() {
+        if (!mutex_.try_lock()) {
+            return false;
+        }
+        holdLogLines();
+        return true;
+    }
+    void unlock() {
+        mutex_.unlock();
+        releaseLogLines();  // after the unlock: the lines go out with the lock free
+    }
+
+  private:
+    Mutex mutex_;
 };
 
 }  // namespace tarn::detail

@@ -50,14 +50,15 @@ void ConfigManager::updateActorId(const std::string& actorId) {
     auto isBlank = std::all_of(actorId.begin(), actorId.end(),
                                [](unsigned char c) { return std::isspace(c) != 0; });
     if (isBlank) {
-        log("Tarn actorId cannot be updated with empty or only whitespace string!", logtag);
+        log("Tarn actorId cannot be updated with empty or only whitespace string!", logtag,
+            LogLevel::warning);
         return;
     }
     auto& tarn = TarnState::shared();
     std::string current = tarn.actorId.get();
     if (actorId != current && !current.empty()) {
         tarn.reportActorChange(current, actorId);
-        log("Tarn actorId successfully updated.", logtag);
+        log("Tarn actorId successfully updated.", logtag, LogLevel::info);
     }
     tarn.actorId = actorId;
     if (!PreferencesManager::shared().set(PreferenceKey::actorId, actorId)) {
@@ -69,7 +70,7 @@ void ConfigManager::identityNotSaved() {
     if (!identityNotSavedReported_.exchange(true)) {
         log("The actor identifier could not be saved in the preference store; it is kept in "
             "memory for this process and a later run may not know it.",
-            logtag);
+            logtag, LogLevel::warning);
     }
 }
 

@@ -3,6 +3,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "base/LogLineBatch.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Shared.h"
 #include "tarn/platform/Bundle.h"
@@ -11,6 +12,8 @@
 namespace tarn {
 
 ConfigurationManager& ConfigurationManager::shared() {
+    // The first use reads the file under the instance's lock; its line waits for the lock's end.
+    detail::LogLineBatch lines;
     return detail::SharedInstance<ConfigurationManager, 300>::get();
 }
 
@@ -19,7 +22,7 @@ ConfigurationManager::ConfigurationManager() {
 }
 
 void ConfigurationManager::loadSettings() {
-    auto fail = [] { printLine("Failed to load the TarnService-Info file."); };
+    auto fail = [] { printLine("Failed to load the TarnService-Info file.", LogLevel::error); };
     auto path = Bundle::main().pathForResource("TarnService-Info", "plist");
     if (!path) {
         return fail();

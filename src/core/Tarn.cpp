@@ -45,7 +45,7 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
         log(std::string("SDK is already Initialized. If you changed the configuration, send the "
                         "forceInitialize value to true. Initialize status: ") +
                 rawValue(status),
-            logtag);
+            logtag, LogLevel::warning);
         return;
     }
     // 2.-4.
@@ -59,7 +59,7 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     tarnBundle = config.bundle.bundleIdentifier().value_or("");
     // 5.-6. The service file's address and credentials.
     if (!readClientKnowledge()) {
-        log("SDK not fetched client knowledge!", logtag);
+        log("SDK not fetched client knowledge!", logtag, LogLevel::error);
         settings.initializeStatus = InitializeStatusType::initializeFailed;
         return;
     }
@@ -88,7 +88,7 @@ bool Tarn::readClientKnowledge() {
     for (int i = 0; i < 3; ++i) {
         auto it = file.find(keys[i]);
         if (it == file.end() || !it->is_string()) {
-            printLine("Configuration error: Missing required information");
+            printLine("Configuration error: Missing required information", LogLevel::error);
             return false;
         }
         values[i] = it->get<std::string>();
@@ -196,7 +196,7 @@ void Tarn::storeTokensIfAbsent() {
 }
 
 void Tarn::setPushToken(const std::string& pushToken) {
-    log("Push token set complete", logtag);
+    log("Push token set complete", logtag, LogLevel::info);
     tarnPushToken = pushToken;
     syncTokens();
 }
@@ -213,7 +213,7 @@ void Tarn::setApnsToken(const std::vector<std::uint8_t>& deviceToken) {
 #pragma GCC diagnostic pop
         hex += pair;
     }
-    log("Tarn apns token set complete", logtag);
+    log("Tarn apns token set complete", logtag, LogLevel::info);
     tarnApnsToken = hex;
     syncTokens();
 }
@@ -224,10 +224,10 @@ std::optional<std::string> Tarn::getActorID(const std::string& appGroupID) {
     prefs.useAppGroup = true;
     auto actor = prefs.stringValue(PreferenceKey::actorId);
     if (actor) {
-        printLine("Actor ID: " + *actor);
+        printLine("Actor ID: " + *actor, LogLevel::info);
         return actor;
     }
-    printLine("Actor ID bulunamadı.");
+    printLine("Actor ID bulunamadı.", LogLevel::warning);
     return std::nullopt;
 }
 

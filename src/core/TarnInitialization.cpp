@@ -39,7 +39,7 @@ void Tarn::requestAccessToken(std::function<void()> continuation) {
     AuthClient client{ServiceClient::shared().url(Endpoint::accessToken), *config->clientId,
                       *config->clientSecret};
     if (repository.tokenStatus() == AuthTokenStatus::notDetermined) {
-        log("pending Authorization!", repository.logtag);
+        log("pending Authorization!", repository.logtag, LogLevel::info);
         finish();
         return;
     }
@@ -63,7 +63,7 @@ void Tarn::continueInitialization() {
     if (stored->isSendActivityLifeCycleEventEnabled) {
         ActivityLifeCycle::shared().start();
     }
-    log("checkAuthToken", logtag);
+    log("checkAuthToken", logtag, LogLevel::debug);
     mainQueue()->asyncAfter(1.0, [] { Tarn::shared().requestInAppCommunications(); });
     // Start draining; marking the queue active keeps the first event's tick from starting a second
     // timer beside this one.

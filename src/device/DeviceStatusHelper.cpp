@@ -204,7 +204,7 @@ DeviceStatusHelper::volumeFigures() {
 std::string DeviceStatusHelper::totalDiskCapacity() {
     auto figures = volumeFigures();
     if (!figures) {
-        log("Total disk capacity is unavailable", logtag);
+        log("Total disk capacity is unavailable", logtag, LogLevel::warning);
         return "-1";
     }
     return std::to_string(figures->second);
@@ -213,7 +213,7 @@ std::string DeviceStatusHelper::totalDiskCapacity() {
 std::string DeviceStatusHelper::availableDiskCapacity() {
     auto figures = volumeFigures();
     if (!figures) {
-        log("Available disk capacity is unavailable", logtag);
+        log("Available disk capacity is unavailable", logtag, LogLevel::warning);
         return "-1";
     }
     return std::to_string(figures->first);
@@ -222,8 +222,8 @@ std::string DeviceStatusHelper::availableDiskCapacity() {
 std::pair<std::string, std::string> DeviceStatusHelper::diskCapacities() {
     auto figures = volumeFigures();
     if (!figures) {
-        log("Available disk capacity is unavailable", logtag);
-        log("Total disk capacity is unavailable", logtag);
+        log("Available disk capacity is unavailable", logtag, LogLevel::warning);
+        log("Total disk capacity is unavailable", logtag, LogLevel::warning);
         return {"-1", "-1"};
     }
     return {std::to_string(figures->first), std::to_string(figures->second)};

@@ -158,7 +158,7 @@ void Reachability::startNotifier() {
         } catch (const ReachabilityError& error) {
             log(std::string("Reachability flags are unavailable, notifier stopped: ") +
                     error.what(),
-                kLogtag);
+                kLogtag, LogLevel::warning);
         }
     });
     if (!callbackSet) {

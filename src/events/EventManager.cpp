@@ -109,7 +109,8 @@ Record EventManager::makeRecord(const std::string& name) {
 void EventManager::send(EventRecord& record) {
     detail::LogLineBatch lines;  // the event's lines in one write
     if (eventsBlocked()) {
-        log(record.name + " was not saved: the server configuration blocks all events.", logtag);
+        log(record.name + " was not saved: the server configuration blocks all events.", logtag,
+            LogLevel::warning);
         return;
     }
     // 0. A communication the user saw arms its conversion before anything else.

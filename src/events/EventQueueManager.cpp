@@ -189,11 +189,11 @@ void EventQueueManager::sendEvent(const std::string& text, const std::string& re
             if (!error && !failed && statusCode == 200) {
                 log("Sent event, request id :" + requestId + " name: " + name +
                         ", response code : " + "200",
-                    tag);
+                    tag, LogLevel::debug);
             } else {
                 log("An error occurred when the " + name + " event was called. " +
                         tarn::describe(error),
-                    tag);
+                    tag, LogLevel::error);
             }
         });
 }

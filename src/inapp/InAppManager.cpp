@@ -39,14 +39,14 @@ void InAppManager::handlePopupAction(const std::string& eventName, const ScreenR
         chosen = found->second;  // only the first match is ever considered
     }
     if (!chosen) {
-        log("couldn't get action type!", logtag);
+        log("couldn't get action type!", logtag, LogLevel::debug);
         return;
     }
     if (!session->configuration) {
         return;
     }
     if (!checkShowCount(chosen->maxShowCount, chosen->uuid)) {
-        log("handlePopupAction: popup reached max show count!", logtag);
+        log("handlePopupAction: popup reached max show count!", logtag, LogLevel::info);
         return;
     }
     present(*chosen, *session->configuration, controller, pageName, onActionRequired);
@@ -119,7 +119,7 @@ std::vector<Presentation> InAppManager::buildPresentations(const AppCommunicatio
 
 void InAppManager::relayAction(const AppCommunicationAction& action,
                                const ActionCallback& callback) {
-    log("action occurred: " + describe(action), logtag);
+    log("action occurred: " + describe(action), logtag, LogLevel::info);
     if (callback) {
         callback(action);
     }
@@ -134,7 +134,7 @@ void InAppManager::present(const AppCommunicationItem& item,
         auto factory = manager.factory_.get();
         auto screen = factory ? factory() : nullptr;
         if (!screen) {
-            log("In app view not found", manager.logtag);
+            log("In app view not found", manager.logtag, LogLevel::error);
             return;
         }
         if (item.templateType == InAppType::unknown) {
@@ -158,10 +158,10 @@ void InAppManager::installAppCommunications(
         if (completion) {
             completion(*answer);
         }
-        log("Tarn Sdk initialized succesfully.", logtag);
+        log("Tarn Sdk initialized succesfully.", logtag, LogLevel::info);
         processSettings().initializeStatus = InitializeStatusType::initialized;
     } else {
-        log("Tarn Sdk initialize failed.", logtag);
+        log("Tarn Sdk initialize failed.", logtag, LogLevel::error);
         processSettings().initializeStatus = InitializeStatusType::initializeFailed;
     }
 }

@@ -34,11 +34,12 @@ void InAppRepository::fetchInAppCommunications(
                 if (decoded) {
                     answer = std::move(decoded).value();
                 } else {
-                    log(decoded.error().localizedDescription(), std::string("Tarn-Repository"));
+                    log(decoded.error().localizedDescription(), std::string("Tarn-Repository"),
+                        LogLevel::error);
                 }
             }
             if (!answer) {
-                log("No Data", tag);
+                log("No Data", tag, LogLevel::error);
             }
             completion(std::move(answer));
         });

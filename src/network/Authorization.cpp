@@ -116,13 +116,13 @@ void AuthorizationRepository::handleAccessTokenResponse(
             TarnState::shared().tarnAuthToken = token.tokenType + " " + token.accessToken;
             stored = true;
         } catch (const TokenDecodingError& e) {
-            log(e.localizedDescription(), "Tarn-Repository");
-            log("Access token could not fetched!", logtag);
+            log(e.localizedDescription(), "Tarn-Repository", LogLevel::error);
+            log("Access token could not fetched!", logtag, LogLevel::error);
         }
     } else {
         // A transport failure, any status but 200, or a body that could not be serialised (the
         // service client logs that reason under its own tag right after this).
-        log("Access token could not fetched!", logtag);
+        log("Access token could not fetched!", logtag, LogLevel::error);
     }
     if (callback) {
         callback(stored);

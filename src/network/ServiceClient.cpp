@@ -151,7 +151,7 @@ std::optional<std::string> ServiceClient::appInfoHeader() const {
     std::string error;
     auto json = info.encode(&error);
     if (!json) {
-        log("Failed to encode app info: " + error, logtag);
+        log("Failed to encode app info: " + error, logtag, LogLevel::error);
         return std::nullopt;  // not kept: every request that cannot carry it says so
     }
     auto header = base64Encode(*json);
@@ -238,7 +238,7 @@ void ServiceClient::request(const Url& url, const nlohmann::json& parameters,
         if (completion) {
             completion(std::nullopt, NetworkError::serializationError(reason), std::nullopt);
         }
-        log(reason, logtag);
+        log(reason, logtag, LogLevel::error);
         return;
     }
     framed.body = std::move(*body);
@@ -300,7 +300,7 @@ void ServiceClient::handleFirstAnswer(std::optional<Data> data,
         complete(std::nullopt, failure,
                  response ? std::optional<int>(response->statusCode) : std::nullopt);
     }
-    log(describe(failure, "Unknown error"), logtag);
+    log(describe(failure, "Unknown error"), logtag, LogLevel::error);
 }
 
 void ServiceClient::retryRequest(const HttpRequest& request, std::int64_t retriesLeft,
@@ -343,7 +343,7 @@ void ServiceClient::handleRetryAnswer(std::optional<Data> data,
     if (completion) {
         completion(std::nullopt, failure, status);
     }
-    log(describe(failure, "Unknown error"), logtag);
+    log(describe(failure, "Unknown error"), logtag, LogLevel::error);
 }
 
 }  // namespace tarn

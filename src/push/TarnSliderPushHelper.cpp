@@ -11,7 +11,7 @@ namespace tarn {
 std::vector<std::string> TarnSliderPushHelper::getImageList(
     const SliderNotification& notification) {
     if (!notification.isContentMutable()) {
-        log("bestAttemptContent couldn't be assigned", std::string(logtag));
+        log("bestAttemptContent couldn't be assigned", std::string(logtag), LogLevel::error);
         return {};
     }
     const auto& userInfo = notification.userInfo();

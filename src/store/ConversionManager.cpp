@@ -32,7 +32,8 @@ void ConversionManager::armConversion(const std::optional<std::string>& communic
     ConversionItem item{communicationCode, conversionEvent,
                         Date::fromSecondsSince1970(static_cast<double>(stamp))};
     CoreDataManager::shared().saveConversion(item, eventName, [&] {
-        log("Conversion event saved with name: " + item.conversionName.value_or(""), logtag);
+        log("Conversion event saved with name: " + item.conversionName.value_or(""), logtag,
+            LogLevel::info);
     });
 }
 

@@ -185,7 +185,7 @@ void CoreDataManager::saveEventToQueue(const std::string& eventJson, Date timest
     }
     if (eventDictionary.is_object()) {
         if (auto it = eventDictionary.find("name"); it != eventDictionary.end()) {
-            log(describe(*it) + " has been saved to the queue.", kQueueLogTag);
+            log(describe(*it) + " has been saved to the queue.", kQueueLogTag, LogLevel::debug);
         }
     }
 }
@@ -195,7 +195,7 @@ void CoreDataManager::popOldestEvent(
     std::lock_guard lock(store_->mutex);
     auto& s = *store_;
     if (!s.ensureOpen(logtag)) {
-        log("Fetch or delete error: " + s.unavailable(), logtag);
+        log("Fetch or delete error: " + s.unavailable(), logtag, LogLevel::error);
         completion(std::nullopt);
         return;
     }
@@ -240,7 +240,7 @@ void CoreDataManager::popOldestEvent(
             s.end(fetchError);
         }
         if (fetchError) {
-            log("Fetch or delete error: " + *fetchError, logtag);
+            log("Fetch or delete error: " + *fetchError, logtag, LogLevel::error);
         }
         completion(std::nullopt);
         return;
@@ -270,7 +270,7 @@ void CoreDataManager::popOldestEvent(
         error = s.end(error);
     }
     if (error) {
-        log("Fetch or delete error: " + *error, logtag);
+        log("Fetch or delete error: " + *error, logtag, LogLevel::error);
         completion(std::nullopt);
     }
 }
@@ -300,7 +300,7 @@ void CoreDataManager::saveConversion(const ConversionItem& item, const std::stri
     if (error) {
         log(eventName + " conversion couldn't save. " +
                 "Save Error: An error occurred while saving the conversion event!",
-            ConversionManager::kLogTag);
+            ConversionManager::kLogTag, LogLevel::error);
         return;
     }
     if (onSaved) {
@@ -315,13 +315,13 @@ void logConversionOutcome(const std::string& eventName, bool failed, bool found)
     if (failed) {
         log(eventName + " is not a conversion event. " +
                 "Fetch Error: An error occurred while fetching the conversion event!",
-            ConversionManager::kLogTag);
+            ConversionManager::kLogTag, LogLevel::error);
     } else if (!found) {
         log(eventName + " is not a conversion event. " +
                 "Not Found: Requestted item was not found in conversion database!",
-            ConversionManager::kLogTag);
+            ConversionManager::kLogTag, LogLevel::debug);
     } else {
-        log(eventName + " is a conversion event", ConversionManager::kLogTag);
+        log(eventName + " is a conversion event", ConversionManager::kLogTag, LogLevel::info);
     }
 }
 
@@ -479,7 +479,7 @@ void CoreDataManager::saveEventCompletingConversion(
     if (done) {
         logConversionOutcome(eventName, false, done->conversionFound);
         if (done->eventSaved) {
-            log(eventName + " has been saved to the queue.", kQueueLogTag);
+            log(eventName + " has been saved to the queue.", kQueueLogTag, LogLevel::debug);
         }
         return;
     }
@@ -501,7 +501,7 @@ void CoreDataManager::deleteExpiredConversions() {
     std::lock_guard lock(store_->mutex);
     auto& s = *store_;
     if (!s.ensureOpen(logtag)) {
-        log("Delete error: " + s.unavailable(), logtag);
+        log("Delete error: " + s.unavailable(), logtag, LogLevel::error);
         return;
     }
     std::vector<std::int64_t> expired;
@@ -533,7 +533,7 @@ void CoreDataManager::deleteExpiredConversions() {
         s.markersLoaded = false;  // counted again at the next look-up
     }
     if (error) {
-        log("Delete error: " + *error, logtag);
+        log("Delete error: " + *error, logtag, LogLevel::error);
     }
 }
 

@@ -78,7 +78,7 @@ bool Connection::ensureOpen(const std::string& logtag) {
     const bool corrupt = meansCorruption(openFailure);
     loadError = *error;
     close();
-    log("❌ Loading of store failed:" + loadError, logtag);
+    log("❌ Loading of store failed:" + loadError, logtag, LogLevel::error);
     if (meansLocked(openFailure)) {
         // Another process holds the file (it is creating it, or keeps a long transaction): the
         // next operation tries again, after its own bounded wait.
@@ -97,7 +97,7 @@ bool Connection::ensureOpen(const std::string& logtag) {
         loadError = *again;
         reloadWhenUsed = meansLocked(openFailure);
         close();
-        log("❌ Loading of store failed:" + loadError, logtag);
+        log("❌ Loading of store failed:" + loadError, logtag, LogLevel::error);
         return false;
     }
     loadError.clear();

@@ -16,6 +16,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/LogLineBatch.h"
 #include "store/Checkpointer.h"
 #include "store/Statement.h"
 
@@ -49,7 +50,8 @@ class Connection {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    std::recursive_mutex mutex;
+    /// Guards everything here. The lines logged under it go out once it is released.
+    detail::LogHoldingMutex<std::recursive_mutex> mutex;
     sqlite3* db = nullptr;
     bool attempted = false;
     /// The last load failed because another connection held the file: the next operation loads

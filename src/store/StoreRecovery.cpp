@@ -127,12 +127,12 @@ bool moveUnreadableAside(const std::filesystem::path& path, std::size_t keep,
                          const std::string& logtag) {
     auto [moved, reason] = moveAside(path);
     if (!moved) {
-        log("The unreadable store could not be moved aside: " + reason, logtag);
+        log("The unreadable store could not be moved aside: " + reason, logtag, LogLevel::error);
         return false;
     }
     pruneMovedAside(path, keep);
     log("The unreadable store was moved to " + moved->string() + "; a new store is created.",
-        logtag);
+        logtag, LogLevel::warning);
     return true;
 }
 

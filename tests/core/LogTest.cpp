@@ -1,6 +1,7 @@
 #include <ctime>
 
 #include "base/LogLineBatch.h"
+#include "support/PipelineFixture.h"
 #include "support/TestSupport.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
@@ -68,4 +69,64 @@ TEST_F(LogTest, RepeatedBatchesWriteEachLineOnceAndKeepNoMoreRoomThanOne) {
     EXPECT_EQ(afterMany.capacity, afterOne.capacity);
     EXPECT_LE(afterMany.capacity, 16u * 1024);
     EXPECT_EQ(written.size(), expectedBytes);
+}
+
+// A host process that writes nothing itself, run with each TARN_LOG: its standard output holds
+// the library's lines when nothing is set, only the error lines with "error", nothing at all with
+// "off" (the process still sees every record through "TarnLogNotification": it waits on them), and
+// every line after one warning for a value that names no level.
+class LogOutputTest : public test::PipelineTest {
+  protected:
+    void SetUp() override {
+        PipelineTest::SetUp();
+        server_->onRequest(test::kEventPath, [](const test::RecordedRequest& request) {
+            bool fail = request.body.find("\"log_fail\"") != std::string::npos;
+            return test::ScriptedAnswer::json(fail ? 400 : 200, "{}");
+        });
+    }
+    /// The host's standard output with TARN_LOG set to `value` (none: unset).
+    std::string run(const char* value) {
+        if (value)
+            ::setenv("TARN_LOG", value, 1);
+        std::string out;
+        int code = test::runHelper({"log_host", dataDir().string(), bundleDir().string()}, &out);
+        ::unsetenv("TARN_LOG");
+        EXPECT_EQ(code, 0) << (value ? value : "unset") << "\n" << out;
+        std::filesystem::remove_all(dataDir());  // the next run starts afresh
+        std::filesystem::create_directories(dataDir());
+        return out;
+    }
+};
+
+TEST_F(LogOutputTest, TarnLogOffLeavesTheHostsStandardOutputUntouched) {
+    const std::string sent = "Tarn-QueueManager: Sent event, request id :";
+    const std::string failed =
+        "Tarn-QueueManager: An error occurred when the log_fail event was called.";
+    const std::string checking = "Tarn: checkAuthToken;\n";
+    const std::string actor = "Actor ID: log-actor\n";
+
+    auto everything = run(nullptr);
+    for (const auto& line : {sent, failed, checking, actor})
+        EXPECT_NE(everything.find(line), std::string::npos) << line << "\n" << everything;
+
+    EXPECT_EQ(run("off"), "");
+
+    auto errors = run("error");
+    EXPECT_NE(errors.find(failed), std::string::npos) << errors;
+    for (const auto& line : {sent, checking, actor})
+        EXPECT_EQ(errors.find(line), std::string::npos) << line << "\n" << errors;
+
+    auto info = run("INFO");
+    EXPECT_NE(info.find(actor), std::string::npos) << info;
+    EXPECT_EQ(info.find(checking), std::string::npos) << "a debug line:\n" << info;
+
+    auto unknown = run("loud");
+    EXPECT_EQ(unknown.rfind("Tarn: TARN_LOG=\"loud\" is not one of off, error, warning, info, "
+                            "debug; every line is logged;\n",
+                            0),
+              0u)
+        << unknown;
+    EXPECT_EQ(unknown.find("TARN_LOG", 10), std::string::npos) << "said once:\n" << unknown;
+    for (const auto& line : {sent, failed, checking, actor})
+        EXPECT_NE(unknown.find(line), std::string::npos) << line << "\n" << unknown;
 }
