@@ -10,6 +10,7 @@
 #include "tarn/core/Log.h"
 #include "tarn/events/EventManager.h"
 #include "tarn/inapp/TarnSession.h"
+#include "tarn/network/Authorization.h"
 #include "tarn/store/CoreDataManager.h"
 
 namespace tarn {
@@ -127,7 +128,7 @@ void Tarn::loadState() {
     applicationName = stored->applicationName;
     applicationLifecyleAuto = stored->applicationLifecyleAuto;
 
-    prefs.set(PreferenceKey::tokenStatus, true);
+    AuthorizationRepository::shared().setTokenStatus(true);
 
     auto& settings = processSettings();
     settings.baseUrl = stored->domainUrl;

@@ -87,11 +87,17 @@ AuthorizationRepository& AuthorizationRepository::shared() {
 }
 
 AuthTokenStatus AuthorizationRepository::tokenStatus() const {
-    auto flag = PreferencesManager::shared().boolValue(PreferenceKey::tokenStatus);
-    return flag.value_or(false) ? AuthTokenStatus::authorized : AuthTokenStatus::notDetermined;
+    bool flag = false;
+    if (int own = inProcessFlag_.load(); own >= 0) {
+        flag = own == 1;
+    } else {
+        flag = PreferencesManager::shared().boolValue(PreferenceKey::tokenStatus).value_or(false);
+    }
+    return flag ? AuthTokenStatus::authorized : AuthTokenStatus::notDetermined;
 }
 
-void AuthorizationRepository::setTokenStatus(bool value) const {
+void AuthorizationRepository::setTokenStatus(bool value) {
+    inProcessFlag_.store(value ? 1 : 0);
     PreferencesManager::shared().set(PreferenceKey::tokenStatus, value);
 }
 

@@ -17,6 +17,7 @@
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Settings.h"
 #include "tarn/core/Tarn.h"
+#include "tarn/network/Authorization.h"
 #include "tarn/network/ServiceClient.h"
 
 namespace tarn::test {
@@ -103,7 +104,7 @@ class NetworkTest : public TarnTest {
             Bundle::main(), "HostApp", std::nullopt, server_->baseUrl(), std::move(authorization),
             withCredentials ? Text("client-id-1") : std::nullopt,
             withCredentials ? Text(kClientSecret) : std::nullopt, false, false, false);
-        PreferencesManager::shared().set(PreferenceKey::tokenStatus, true);
+        AuthorizationRepository::shared().setTokenStatus(true);
     }
 
     /// POSTs `parameters` to `path` through the shared client.

@@ -202,6 +202,8 @@ class SharedStoreProcessTest : public TarnTest {
         // Every instance loaded the store at once and never failed to take an event.
         EXPECT_EQ(countLines(output, kLoadFailed), 0u);
         EXPECT_EQ(countLines(output, "Fetch or delete error"), 0u);
+        // Each instance asked for its own token, none found another's request in flight.
+        EXPECT_EQ(countLines(output, "pending Authorization!"), 0u);
         EXPECT_EQ(countLines(output, "shared_queue has been saved to the queue."), expected)
             << "a save was lost";
     }

@@ -6,6 +6,7 @@
 // `Tarn::shared().tarnAuthToken` there; requests framed on other threads read either the old or
 // the new value.
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -79,10 +80,17 @@ class TARN_API AuthorizationRepository {
     /// The shared service client.
     ServiceClient& service() const { return ServiceClient::shared(); }
 
-    /// The persisted "tokenStatus" flag as a status.
+    /// Whether this process may send a token request. Until this process has set the flag it
+    /// is the persisted "tokenStatus"; from then on it is the value this process last set.
+    ///
+    /// The persisted flag lives in preferences that every instance of the application (and of
+    /// its app group) shares, so two instances started together would otherwise see each other's
+    /// request in flight, log "pending Authorization!" and go on without a token. Each process
+    /// therefore keeps its own copy of the flag and only mirrors it to the store.
     AuthTokenStatus tokenStatus() const;
-    /// Persists "tokenStatus": true when no token request is in flight.
-    void setTokenStatus(bool value) const;
+    /// Sets this process's flag and persists "tokenStatus": true when no token request is in
+    /// flight.
+    void setTokenStatus(bool value);
 
     /// POSTs the credentials to `client.authUrl` without an "Authorization" header and hands the
     /// answer to `handleAccessTokenResponse`. `callback` runs on the session's worker thread (or
@@ -96,6 +104,10 @@ class TARN_API AuthorizationRepository {
                                    const std::optional<ServiceError>& error,
                                    std::optional<int> statusCode,
                                    const std::function<void(bool)>& callback);
+
+  private:
+    // -1 until this process sets the flag, then 0 (request in flight) or 1.
+    std::atomic<int> inProcessFlag_{-1};
 };
 
 }  // namespace tarn
