@@ -38,6 +38,7 @@ struct HeldLines {
     std::vector<RoutedLine> routed;  // for the handler
     bool delivering = false;         // the handler runs on this thread
     std::deque<RoutedLine> pending;  // logged meanwhile; handed over when it returns
+    std::vector<std::function<void()>> after;  // `runAfterLogHold` tasks, run at the release
 };
 
 thread_local HeldLines held;
@@ -228,6 +229,16 @@ void releaseLogLines() {
     if (--held.depth > 0) {
         return;
     }
+    if (!held.after.empty()) {
+        auto tasks = std::exchange(held.after, {});
+        for (auto& task : tasks) {
+            try {
+                task();
+            } catch (...) {
+                // An observer failed on a record; the library goes on.
+            }
+        }
+    }
     if (!held.text.empty()) {
         writeLines(held.text, false);
         held.text.clear();
@@ -240,6 +251,14 @@ void releaseLogLines() {
         for (const auto& line : lines) {
             route(line.level, line.text);
         }
+    }
+}
+
+void runAfterLogHold(std::function<void()> task) {
+    if (held.depth > 0) {
+        held.after.push_back(std::move(task));
+    } else {
+        task();
     }
 }
 

@@ -2,16 +2,22 @@
 // Lines written by one host call, written together; lines logged under a lock, written after it.
 
 #include <cstddef>
+#include <functional>
 
 namespace tarn::detail {
 
 /// Opens and closes a hold on this thread's lines. While a hold is open, the lines this thread
 /// writes (`printLine`, and so `log`) are held back, in order, and written (to standard output or
-/// handed to the host's log handler) when the outermost hold on the thread closes. Only the
-/// writing waits; "TarnLogNotification" is still posted at once. Lines of other threads are not
-/// held.
+/// handed to the host's log handler) when the outermost hold on the thread closes; so are the
+/// "TarnLogNotification" posts of the records logged meanwhile (`runAfterLogHold`), which go
+/// first. Lines of other threads are not held.
 void holdLogLines();
 void releaseLogLines();
+
+/// Runs `task` now when no hold is open on this thread, else when the outermost one closes (before
+/// the held lines are written). For work that may run host code, such as posting a log record to
+/// observers, which must not run under a lock of the library's.
+void runAfterLogHold(std::function<void()> task);
 
 /// A hold for the life of a scope: a call that logs three lines costs one system call instead of
 /// three, and a batch's lines are never split or interleaved with other threads'. Open a batch

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "base/LogLineBatch.h"
 #include "base/LogRecordSink.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Shared.h"
@@ -11,13 +12,17 @@ namespace tarn {
 
 namespace {
 
-/// The logger's records, posted as "TarnLogNotification" when anyone observes that name.
+/// The logger's records, posted as "TarnLogNotification" when anyone observes that name. A record
+/// logged under one of the library's locks is posted once that lock is released, so an observer
+/// that calls back into the library cannot deadlock on it.
 void postLogRecord(const std::string& message, std::optional<std::string_view> tag) {
     auto& center = NotificationCenter::defaultCenter();
     if (center.hasObservers(kTarnLogNotification)) {
         TarnLog record{message, tag ? std::optional<std::string>(*tag) : std::nullopt,
                        std::chrono::system_clock::now()};
-        center.post(kTarnLogNotification, record);
+        detail::runAfterLogHold([record = std::move(record)] {
+            NotificationCenter::defaultCenter().post(kTarnLogNotification, record);
+        });
     }
 }
 

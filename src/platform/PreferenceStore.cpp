@@ -15,12 +15,16 @@
 #include <set>
 
 #include "base/InputSafety.h"
+#include "base/LogLineBatch.h"
+#include "tarn/core/Log.h"
 #include "tarn/core/Shared.h"
 #include "tarn/platform/DataDirectory.h"
 
 namespace tarn {
 
 namespace {
+
+constexpr const char* kLogTag = "Tarn-PreferenceStore:";
 
 /// Holds an flock on "<file>.lock" for its lifetime.
 class FileLock {
@@ -201,8 +205,9 @@ nlohmann::json PreferenceStore::readFileLocked() {
         // Keep the unreadable file aside rather than overwrite it with the next write.
         std::error_code ec;
         std::filesystem::rename(file_, file_.string() + ".corrupt", ec);
-        std::fprintf(stderr, "TarniOSCommonKit: preference file %s is unreadable; moved aside\n",
-                     file_.c_str());
+        log("The preference file " + file_.string() + " is unreadable; it was moved aside to " +
+                file_.string() + ".corrupt",
+            kLogTag, LogLevel::error);
         stamp_ = Stamp{};
         return nlohmann::json::object();
     }
@@ -265,10 +270,9 @@ void PreferenceStore::reportPlantedLinkLocked() {
         return;
     }
     linkReported_ = true;
-    std::fprintf(stderr,
-                 "TarniOSCommonKit: preference file %s is a symbolic link; it is neither read nor "
-                 "written\n",
-                 file_.c_str());
+    log("The preference file " + file_.string() +
+            " is a symbolic link, which is not followed; it is neither read nor written",
+        kLogTag, LogLevel::error);
 }
 
 bool PreferenceStore::writeFileLocked(const nlohmann::json& values) {
@@ -310,17 +314,24 @@ bool PreferenceStore::writeFileLocked(const nlohmann::json& values) {
     return true;
 }
 
+// Each public call opens a log hold before it locks: a line logged under the lock (a planted link,
+// an unreadable file) is written, and its notification posted, only after the lock is released, so
+// a log handler or observer that reads preferences cannot deadlock on it.
+
 bool PreferenceStore::setValue(const std::string& key, nlohmann::json value) {
+    detail::LogLineBatch linesAfterUnlock;
     std::lock_guard guard(mutex_);
     return writeLocked(key, value);
 }
 
 bool PreferenceStore::remove(const std::string& key) {
+    detail::LogLineBatch linesAfterUnlock;
     std::lock_guard guard(mutex_);
     return writeLocked(key, nullptr);
 }
 
 std::optional<nlohmann::json> PreferenceStore::object(const std::string& key) {
+    detail::LogLineBatch linesAfterUnlock;
     std::lock_guard guard(mutex_);
     refreshLocked();
     auto it = values_.find(key);

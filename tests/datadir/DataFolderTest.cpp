@@ -395,6 +395,13 @@ TEST_F(HostileFolderTest, LinksPlantedInPlaceOfFilesAreNotFollowed) {
         fs::create_symlink(victim, prepared(home) / "Preferences" / "standard.json");
         auto out = probe(home);
         EXPECT_EQ(field(out, "read"), "-") << "read through the link";
+        EXPECT_EQ(occurrences(out, "Tarn-PreferenceStore: The preference file " +
+                                       (treeOf(home) / kId / "Preferences" / "standard.json")
+                                           .string() +
+                                       " is a symbolic link, which is not followed; it is neither "
+                                       "read nor written;"),
+                  1u)
+            << out;
         EXPECT_EQ(field(out, "pref"), "0");
         EXPECT_EQ(field(out, "event"), "1");
         EXPECT_EQ(readText(victim), R"({"probe":"victim"})");

@@ -3,7 +3,9 @@
 //
 // Every call posts a `TarnLog` record as the notification "TarnLogNotification" (object: the
 // record) on `NotificationCenter::defaultCenter()`, synchronously on the calling thread, and then
-// writes the line "<tag> <message>;". Every call site gives its line a level (`LogLevel`; info
+// writes the line "<tag> <message>;". A line the library logs while it holds one of its own locks
+// is posted and written on the same thread right after that lock is released, so neither an
+// observer nor the handler ever runs under a lock of the library's. Every call site gives its line a level (`LogLevel`; info
 // when it names none), which decides nothing by default: every line goes to standard output,
 // word for word, as it always has.
 //
