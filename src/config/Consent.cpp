@@ -1,5 +1,7 @@
 #include "tarn/config/Consent.h"
 
+#include <thread>
+
 #include "tarn/core/Log.h"
 #include "tarn/core/Shared.h"
 #include "tarn/platform/PreferenceStore.h"
@@ -16,6 +18,35 @@ const char* rawValue(ConsentState state) {
             return "denied";
     }
     return "";
+}
+
+namespace {
+
+/// Public calls under way in the process (kept outside the instance, which tests may replace).
+std::atomic<int>& callsUnderWay() {
+    static std::atomic<int> count{0};
+    return count;
+}
+
+}  // namespace
+
+ConsentManager::CallScope::CallScope() {
+    callsUnderWay().fetch_add(1);
+}
+
+ConsentManager::CallScope::~CallScope() {
+    callsUnderWay().fetch_sub(1);
+}
+
+bool ConsentManager::waitForCalls(std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (callsUnderWay().load() > 0) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
 }
 
 ConsentManager& ConsentManager::shared() {

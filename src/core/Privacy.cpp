@@ -105,6 +105,8 @@ bool eraseLocalData(EraseOption option) {
     auto& consent = ConsentManager::shared();
     // Close the gate first: calls racing the erasure return at once from here on.
     consent.erased = true;
+    // Calls that passed the gate just before it closed may still write: let them end first.
+    ConsentManager::waitForCalls(std::chrono::seconds(2));
     const auto answer = consent.state();
     stopQueue();
     leaveInitializedState();

@@ -39,6 +39,7 @@ Tarn::Tarn() {
 }
 
 void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::string>& appGroupID) {
+    ConsentManager::CallScope call;  // an erasure waits for it
     auto& settings = processSettings();
     // 1. Guard against a second run.
     auto status = settings.initializeStatus.load();
@@ -210,6 +211,7 @@ void Tarn::storeTokensIfAbsent() {
 }
 
 void Tarn::setPushToken(const std::string& pushToken) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -219,6 +221,7 @@ void Tarn::setPushToken(const std::string& pushToken) {
 }
 
 void Tarn::setApnsToken(const std::vector<std::uint8_t>& deviceToken) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }

@@ -109,6 +109,7 @@ Record EventManager::makeRecord(const std::string& name) {
 
 void EventManager::send(EventRecord& record) {
     detail::LogLineBatch lines;  // the event's lines in one write
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -331,6 +332,7 @@ void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string>
                                 const std::string& eventName,
                                 const EventParameters& initialParameters,
                                 ActionCallback onActionRequired) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -341,6 +343,7 @@ void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string>
 void TarnEvent::sendLoginEvent(ScreenRef controller, std::optional<std::string> pageName,
                                const std::string& actorID,
                                const EventParameters& initialParameters) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -355,6 +358,7 @@ void TarnEvent::sendLoginEvent(ScreenRef controller, std::optional<std::string> 
 }
 
 void TarnEvent::sendLogoutEvent() {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -366,6 +370,7 @@ void TarnEvent::sendLogoutEvent() {
 }
 
 void TarnEvent::sendPageInEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -375,6 +380,7 @@ void TarnEvent::sendPageInEvent(ScreenRef controller, std::optional<std::string>
 }
 
 void TarnEvent::sendPageOutEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -384,6 +390,7 @@ void TarnEvent::sendPageOutEvent(ScreenRef controller, std::optional<std::string
 }
 
 void TarnEvent::sendAppBackgroundEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -393,6 +400,7 @@ void TarnEvent::sendAppBackgroundEvent(ScreenRef controller, std::optional<std::
 }
 
 void TarnEvent::sendAppForegroundEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -414,6 +422,7 @@ std::string demangledTypeName(const std::type_info& type) {
 }  // namespace
 
 void TarnEvent::sendApplicationErrorEvent(const std::exception& error) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -422,6 +431,7 @@ void TarnEvent::sendApplicationErrorEvent(const std::exception& error) {
 }
 
 void TarnEvent::sendApplicationErrorEvent(const std::error_code& error) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -431,6 +441,7 @@ void TarnEvent::sendApplicationErrorEvent(const std::error_code& error) {
 }
 
 void TarnEvent::sendPushNotificationClickedEvent(const nlohmann::json& notification) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -439,6 +450,7 @@ void TarnEvent::sendPushNotificationClickedEvent(const nlohmann::json& notificat
 }
 
 void TarnEvent::sendPushNotificationDismissedEvent(const nlohmann::json& notification) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -447,6 +459,7 @@ void TarnEvent::sendPushNotificationDismissedEvent(const nlohmann::json& notific
 }
 
 void TarnEvent::sendPushNotificationReceivedEvent(const nlohmann::json& notification) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }
@@ -455,6 +468,7 @@ void TarnEvent::sendPushNotificationReceivedEvent(const nlohmann::json& notifica
 }
 
 void TarnEvent::sendPushNotificationDeniedEvent(const nlohmann::json& notification) {
+    ConsentManager::CallScope call;
     if (!ConsentManager::shared().checkTracking()) {
         return;
     }

@@ -12,6 +12,7 @@
 // stored, no request leaves the process and no in-app communication is shown; the first call that
 // finds it off logs one line, once per process.
 #include <atomic>
+#include <chrono>
 #include <string>
 
 #include "tarn/core/Export.h"
@@ -54,6 +55,19 @@ class TARN_API ConsentManager {
     /// only when one is required. For the layers that never open the store themselves (a
     /// request made by a tool), so that asking does not create the data folder.
     bool allowsRequests() const;
+
+    /// Marks a public call as under way for its lifetime, so that an erasure can wait for the
+    /// calls that passed the gate before it closed (`waitForCalls`). Mark before asking the gate.
+    class TARN_API CallScope {
+      public:
+        CallScope();
+        ~CallScope();
+        CallScope(const CallScope&) = delete;
+        CallScope& operator=(const CallScope&) = delete;
+    };
+    /// Waits, at most `limit`, until no call marked by `CallScope` is under way; false when the
+    /// limit passed first (a call still running, or the waiting thread inside one itself).
+    static bool waitForCalls(std::chrono::milliseconds limit);
 
   private:
     /// The answer as last read or written, -1 before the first read.

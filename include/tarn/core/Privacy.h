@@ -51,7 +51,8 @@ enum class EraseOption {
 };
 
 /// Deletes everything the library keeps on the device (see above) and stops tracking until the
-/// next `Tarn::initialize`. True when every file is gone; false when one could not be deleted, or
+/// next `Tarn::initialize`. Public calls already under way on other threads are waited for (up to
+/// two seconds) before anything is deleted; later ones return at once. True when every file is gone; false when one could not be deleted, or
 /// when called from inside the library's own callbacks while the store is in use.
 TARN_API bool eraseLocalData(EraseOption option = EraseOption::everything);
 
