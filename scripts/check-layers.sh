@@ -34,7 +34,7 @@ layer_names=(base platform "store/config/device" network "inapp/push" events fac
 layer_of() {
     case "$1" in
         src/base/*) echo 0 ;;
-        include/tarn/core/Tarn.h | src/core/*) echo 6 ;;
+        include/tarn/core/Tarn.h | include/tarn/core/Privacy.h | src/core/*) echo 6 ;;
         include/tarn/core/Types.h) echo 1 ;;
         include/tarn/core/* | include/tarn/events/TarnEventType.h) echo 0 ;;
         src/platform/* | include/tarn/platform/*) echo 1 ;;

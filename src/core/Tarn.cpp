@@ -4,6 +4,8 @@
 #include <cstdio>
 
 #include "base/InputSafety.h"
+#include "core/HeldStart.h"
+#include "tarn/config/Consent.h"
 #include "tarn/config/ConfigurationManager.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Fatal.h"
@@ -37,6 +39,7 @@ Tarn::Tarn() {
 }
 
 void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::string>& appGroupID) {
+    ConsentManager::CallScope call;  // an erasure waits for it
     auto& settings = processSettings();
     // 1. Guard against a second run.
     auto status = settings.initializeStatus.load();
@@ -68,6 +71,17 @@ void Tarn::initialize(const TarnInitConfig& config, const std::optional<std::str
     auto& prefs = PreferencesManager::shared();
     prefs.appGroupSuiteName = appGroupID;
     prefs.useAppGroup = true;
+    // Consent: an erasure's stop ends with this initialisation; while the user's consent is
+    // required and not given, or refused, the rest waits for `grantConsent`.
+    auto& consent = ConsentManager::shared();
+    if (consent.erased.exchange(false)) {
+        CoreDataManager::shared().reopenAfterErase();
+    }
+    if (!consent.checkTracking()) {
+        detail::holdInitialization(appGroupID);
+        settings.initializeStatus = InitializeStatusType::notInitialized;
+        return;
+    }
     // 8. Purge conversion markers older than a day.
     CoreDataManager::shared().deleteExpiredConversions();
     // 9. The actor.
@@ -197,12 +211,20 @@ void Tarn::storeTokensIfAbsent() {
 }
 
 void Tarn::setPushToken(const std::string& pushToken) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     log("Push token set complete", logtag, LogLevel::info);
     tarnPushToken = pushToken;
     syncTokens();
 }
 
 void Tarn::setApnsToken(const std::vector<std::uint8_t>& deviceToken) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     std::string hex;
     hex.reserve(deviceToken.size() * 2);
     char pair[3];

@@ -1,5 +1,6 @@
 // The token routine, and the part of initialisation that runs after it: start the trackers and the
 // queue, fetch the in-app communications one second later on the main queue, and complete.
+#include "tarn/config/Consent.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Tarn.h"
@@ -16,6 +17,10 @@
 namespace tarn {
 
 void Tarn::requestAccessToken(std::function<void()> continuation) {
+    // Without consent no token is asked for, and what waited for it does not go on.
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     auto finish = [&continuation] {
         if (continuation) {
             continuation();
@@ -53,6 +58,9 @@ void Tarn::requestAccessToken(std::function<void()> continuation) {
 }
 
 void Tarn::continueInitialization() {
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     auto stored = configuration.get();
     if (!stored) {
         fatalError("No stored configuration", __FILE__, __LINE__);
@@ -74,9 +82,16 @@ void Tarn::continueInitialization() {
 }
 
 void Tarn::requestInAppCommunications() {
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     AppCommunucationRequest request{actorId.get(), applicationName.get(), config.load()};
     InAppRepository::shared().fetchInAppCommunications(
         request.dictionary(), [](std::optional<AppCommunication> answer) {
+            // Consent withdrawn while the fetch was under way: the answer is not installed.
+            if (!ConsentManager::shared().checkTracking()) {
+                return;
+            }
             InAppManager::shared().installAppCommunications(
                 std::move(answer),
                 [](const AppCommunication&) { Tarn::shared().completeInitialization(); });
@@ -84,6 +99,9 @@ void Tarn::requestInAppCommunications() {
 }
 
 void Tarn::completeInitialization() {
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     // An answer was installed: from now on its configuration block (or the fallbacks) rules.
     processSettings().configurationFetched = true;
     loadState();

@@ -8,6 +8,7 @@
 
 #include "base/LogLineBatch.h"
 #include "tarn/config/ConfigManager.h"
+#include "tarn/config/Consent.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/config/TarnState.h"
 #include "tarn/core/Log.h"
@@ -108,6 +109,10 @@ Record EventManager::makeRecord(const std::string& name) {
 
 void EventManager::send(EventRecord& record) {
     detail::LogLineBatch lines;  // the event's lines in one write
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     if (eventsBlocked()) {
         log(record.name + " was not saved: the server configuration blocks all events.", logtag,
             LogLevel::warning);
@@ -327,6 +332,10 @@ void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string>
                                 const std::string& eventName,
                                 const EventParameters& initialParameters,
                                 ActionCallback onActionRequired) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     EventManager::shared().sendCustomEvent(controller, pageName, eventName, initialParameters.get(),
                                            onActionRequired);
 }
@@ -334,6 +343,10 @@ void TarnEvent::sendCustomEvent(ScreenRef controller, std::optional<std::string>
 void TarnEvent::sendLoginEvent(ScreenRef controller, std::optional<std::string> pageName,
                                const std::string& actorID,
                                const EventParameters& initialParameters) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     auto& tarn = TarnState::shared();
     tarn.loggedIn = true;
     ConfigManager::shared().updateActorId(actorID);
@@ -345,6 +358,10 @@ void TarnEvent::sendLoginEvent(ScreenRef controller, std::optional<std::string> 
 }
 
 void TarnEvent::sendLogoutEvent() {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     auto& tarn = TarnState::shared();
     tarn.loggedIn = false;
     EventManager::shared().sendLogoutEvent();
@@ -353,24 +370,40 @@ void TarnEvent::sendLogoutEvent() {
 }
 
 void TarnEvent::sendPageInEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     if (!TarnState::shared().isSendActivityLifeCycleEventEnabled.load() && controller) {
         EventManager::shared().sendPageInEvent(controller, pageName);
     }
 }
 
 void TarnEvent::sendPageOutEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     if (!TarnState::shared().isSendActivityLifeCycleEventEnabled.load() && controller) {
         EventManager::shared().sendPageOutEvent(controller, pageName);
     }
 }
 
 void TarnEvent::sendAppBackgroundEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     if (!TarnState::shared().applicationLifecyleAuto.load() && controller) {
         EventManager::shared().sendAppBackgroundEvent(controller, pageName);
     }
 }
 
 void TarnEvent::sendAppForegroundEvent(ScreenRef controller, std::optional<std::string> pageName) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     if (!TarnState::shared().applicationLifecyleAuto.load() && controller) {
         EventManager::shared().sendAppForegroundEvent(controller, pageName);
     }
@@ -389,32 +422,56 @@ std::string demangledTypeName(const std::type_info& type) {
 }  // namespace
 
 void TarnEvent::sendApplicationErrorEvent(const std::exception& error) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     EventManager::shared().sendApplicationErrorEvent(error.what(),
                                                      demangledTypeName(typeid(error)));
 }
 
 void TarnEvent::sendApplicationErrorEvent(const std::error_code& error) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     EventManager::shared().sendApplicationErrorEvent(
         error.message(),
         std::string(error.category().name()) + ":" + std::to_string(error.value()));
 }
 
 void TarnEvent::sendPushNotificationClickedEvent(const nlohmann::json& notification) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     EventManager::shared().sendPushNotificationEvent(notification,
                                                      PushNotificationEventType::onBodyClick);
 }
 
 void TarnEvent::sendPushNotificationDismissedEvent(const nlohmann::json& notification) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     EventManager::shared().sendPushNotificationEvent(notification,
                                                      PushNotificationEventType::onDismiss);
 }
 
 void TarnEvent::sendPushNotificationReceivedEvent(const nlohmann::json& notification) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     EventManager::shared().sendPushNotificationEvent(notification,
                                                      PushNotificationEventType::received);
 }
 
 void TarnEvent::sendPushNotificationDeniedEvent(const nlohmann::json& notification) {
+    ConsentManager::CallScope call;
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     EventManager::shared().sendPushNotificationEvent(notification,
                                                      PushNotificationEventType::denied);
 }

@@ -2,6 +2,7 @@
 
 #include "base/InputSafety.h"
 #include "tarn/config/ConfigManager.h"
+#include "tarn/config/Consent.h"
 #include "tarn/core/Log.h"
 #include "tarn/core/Settings.h"
 #include "tarn/events/EventRepository.h"
@@ -150,7 +151,7 @@ void EventQueueManager::stopTimer() {
 }
 
 void EventQueueManager::timerAction() {
-    if (!ConfigManager::shared().isInitialized()) {
+    if (!ConfigManager::shared().isInitialized() || !ConsentManager::shared().checkTracking()) {
         return;
     }
     CoreDataManager::shared().popOldestEvent([this](std::optional<std::string> text) {

@@ -2,6 +2,7 @@
 
 #include <limits>
 
+#include "tarn/config/Consent.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/core/Fatal.h"
 #include "tarn/core/Log.h"
@@ -32,6 +33,10 @@ std::string describe(const AppCommunicationAction& action) {
 void InAppManager::handlePopupAction(const std::string& eventName, const ScreenRef& controller,
                                      const std::optional<std::string>& pageName,
                                      const ActionCallback& onActionRequired) {
+    // Nothing is shown, and no show is counted, while tracking is off.
+    if (!ConsentManager::shared().checkTracking()) {
+        return;
+    }
     auto session = TarnSession::shared().appCommunication();
     const AppCommunicationItem* chosen = nullptr;
     auto index = triggerIndex(session);

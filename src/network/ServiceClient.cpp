@@ -5,6 +5,7 @@
 
 #include <cmath>
 
+#include "tarn/config/Consent.h"
 #include "tarn/config/Preferences.h"
 #include "tarn/config/TarnState.h"
 #include "tarn/core/Fatal.h"
@@ -255,6 +256,10 @@ void ServiceClient::requestJsonText(const Url& url, const std::string& jsonText,
 }
 
 void ServiceClient::start(HttpRequest framed, std::int64_t budget, ServiceCompletion completion) {
+    // No request leaves the process while tracking is off; the caller is not called back.
+    if (!ConsentManager::shared().allowsRequests()) {
+        return;
+    }
     auto task = urlSession_->dataTask(
         framed, [this, framed, budget, completion = std::move(completion)](
                     std::optional<Data> data, std::optional<HttpResponse> response,

@@ -330,6 +330,24 @@ bool PreferenceStore::remove(const std::string& key) {
     return writeLocked(key, nullptr);
 }
 
+bool PreferenceStore::removeAll() {
+    detail::LogLineBatch linesAfterUnlock;
+    std::lock_guard guard(mutex_);
+    values_ = nlohmann::json::object();
+    unsaved_ = nlohmann::json::object();
+    std::error_code ec;
+    if (!std::filesystem::exists(file_.parent_path(), ec)) {
+        stamp_ = Stamp{};
+        return true;
+    }
+    FileLock lock(file_, LOCK_EX);
+    bool removed = ::unlink(file_.c_str()) == 0 || errno == ENOENT;
+    // The lock file goes too, while it is still held: nothing of the store is left behind.
+    ::unlink((file_.string() + ".lock").c_str());
+    stamp_ = currentStamp();
+    return removed;
+}
+
 std::optional<nlohmann::json> PreferenceStore::object(const std::string& key) {
     detail::LogLineBatch linesAfterUnlock;
     std::lock_guard guard(mutex_);

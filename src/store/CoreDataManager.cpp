@@ -7,6 +7,9 @@
 
 #include <sqlite3.h>
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <string_view>
 #include <unordered_map>
@@ -71,6 +74,9 @@ class CoreDataManager::Store : public store::Connection {
     /// Events handed to a pop completion that is still running (a pop from inside it must not
     /// hand the same record again).
     std::unordered_set<std::int64_t> eventsInFlight;
+
+    /// The files were erased: nothing opens the store until `reopenAfterErase`.
+    bool erased = false;
 
     /// What `saveInOneTransaction` did; nothing when it stored nothing and left the file as it was.
     struct CombinedSave {
@@ -534,6 +540,60 @@ void CoreDataManager::deleteExpiredConversions() {
     }
     if (error) {
         log("Delete error: " + *error, logtag, LogLevel::error);
+    }
+}
+
+std::optional<std::int64_t> CoreDataManager::deleteAllEvents() {
+    std::lock_guard lock(store_->mutex);
+    auto& s = *store_;
+    if (!s.ensureOpen(logtag)) {
+        return std::nullopt;
+    }
+    if (auto error = s.exec("DELETE FROM EventQueue")) {
+        log("Delete error: " + *error, logtag, LogLevel::error);
+        return std::nullopt;
+    }
+    // Whatever was pending deletion is gone with the rest.
+    s.pendingEventDeletes.clear();
+    return sqlite3_changes64(s.db);
+}
+
+bool CoreDataManager::eraseFiles() {
+    std::lock_guard lock(store_->mutex);
+    auto& s = *store_;
+    if (s.inTransaction() || !s.eventsInFlight.empty()) {
+        return false;
+    }
+    // The checkpoint thread's own connection goes first (its destructor joins it), then ours.
+    s.checkpointer.reset();
+    s.close();
+    s.checkpointer = std::make_unique<store::Checkpointer>();
+    s.erased = true;
+    s.attempted = true;
+    s.reloadWhenUsed = false;
+    s.loadError = "The store's files were erased";
+    s.pendingEventDeletes.clear();
+    s.pendingConversionDeletes.clear();
+    s.eventsDeletedInTransaction.clear();
+    s.conversionsDeletedInTransaction.clear();
+    s.markerCounts.clear();
+    s.markersLoaded = false;
+    const auto path = databasePath();
+    bool gone = true;
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+        auto file = path.string() + suffix;
+        if (::unlink(file.c_str()) != 0 && errno != ENOENT) {
+            gone = false;
+        }
+    }
+    return gone;
+}
+
+void CoreDataManager::reopenAfterErase() {
+    std::lock_guard lock(store_->mutex);
+    if (store_->erased) {
+        store_->erased = false;
+        store_->attempted = false;
     }
 }
 

@@ -72,6 +72,16 @@ struct DemoOptions {
     int faultStatus = 500;
 };
 
+struct InspectOptions {
+    /// The data folder to read; empty: this user's default folder (`dataDirectory()`).
+    std::string folder;
+    bool json = false;
+};
+
+/// `tarn inspect`: lists what the library keeps in a data folder (identity, tokens masked, consent,
+/// queued events, conversion markers, in-app show counts), as text or JSON. Changes nothing.
+int runInspect(const InspectOptions& options);
+
 /// `tarn demo`: a host's user journey against the development server on a loopback port.
 int runDemo(const DemoOptions& options);
 

@@ -187,6 +187,17 @@ int main(int argc, char** argv) {
         ->required();
     checkInapp->add_flag("--strict", strict, "Exit with status 1 on warnings too");
 
+    InspectOptions inspect;
+    auto* inspectCommand = app.add_subcommand(
+        "inspect",
+        "List what the library keeps on this device: identity, push tokens (masked), the consent "
+        "answer, queued events with their times, conversion markers and in-app show counts. "
+        "Changes nothing. Example: tarn inspect ~/.local/share/TarniOSCommonKit/com.example.app");
+    inspectCommand->add_option("DATA_FOLDER", inspect.folder,
+                               "The application's data folder (default: this user's default "
+                               "folder, or TARN_DATA_DIR)");
+    inspectCommand->add_flag("--json", inspect.json, "One JSON object, for scripts");
+
     CLI11_PARSE(app, argc, argv);
 
     if (*demoCommand) {
@@ -200,6 +211,9 @@ int main(int argc, char** argv) {
     }
     if (*checkService) {
         return runCheckService(serviceFile);
+    }
+    if (*inspectCommand) {
+        return runInspect(inspect);
     }
     if (*checkInapp) {
         return runCheckInapp(inappFile, strict);

@@ -67,6 +67,10 @@ class TARN_API PreferenceStore {
     }
     /// Removes `key`; true when the file was written.
     bool remove(const std::string& key);
+    /// Forgets every value, also those kept in memory only, and deletes the file (under the same
+    /// lock as a write, so a write of another process lands wholly before or after it). True when
+    /// no file is left.
+    bool removeAll();
 
     /// The file the store is kept in.
     const std::filesystem::path& file() const { return file_; }

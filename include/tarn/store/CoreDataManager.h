@@ -172,6 +172,17 @@ class TARN_API CoreDataManager {
     /// are logged and those markers count as deleted for the rest of this process.
     void deleteExpiredConversions();
 
+    /// Deletes every queued event (the markers stay). Returns how many were deleted, or none when
+    /// the store could not be used.
+    std::optional<std::int64_t> deleteAllEvents();
+    /// Closes the store and deletes its files (the database with its -wal, -shm and -journal
+    /// files). Until `reopenAfterErase` every operation fails as on a store that cannot be loaded,
+    /// so that a call racing the erasure cannot make the file anew. Waits for an operation of
+    /// another thread to end; called from inside a pop's completion it does nothing and answers
+    /// false. True when no file is left.
+    bool eraseFiles();
+    /// Lets the next operation open (and create) the store again after `eraseFiles`.
+    void reopenAfterErase();
     /// How long a write, a pop or a load waits for another connection's lock on the file before it
     /// fails (one second by default). Only another connection to the file, such as a second process
     /// sharing the data folder, can hold that lock.

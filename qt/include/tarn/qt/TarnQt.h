@@ -16,6 +16,11 @@
 // popup as the library's in-app screen. HTTP answers keep arriving on the library's own threads;
 // nothing of this integration touches a widget from there.
 //
+// Consent and erasure need nothing of Qt: the core calls of tarn/core/Privacy.h apply as they are
+// (`setConsentRequired` before initialising, `grantConsent`, `denyConsent`, `eraseLocalData`). Make
+// them on the GUI thread like `initialize`, since `grantConsent` runs a waiting initialisation on
+// the calling thread; while tracking is off no popup is shown.
+//
 // Everything here is called on the GUI thread. Every Qt object it creates is a child of the
 // application object, of the host's window or of the popup, so Qt's parent tree owns it; nothing
 // of it is a static whose destructor runs after the QApplication is gone.
