@@ -1,4 +1,5 @@
-/* The library's C interface: a stable ABI over the C++ API, for C hosts and for every language that
+/** \file
+ * The library's C interface: a stable ABI over the C++ API, for C hosts and for every language that
  * reaches native code through C (Python's ctypes, Rust, Go, C#, Electron).
  *
  * It lives in its own shared library, libtarn.so.1 (pkg-config "tarn", CMake target tarn::tarn),
@@ -39,6 +40,7 @@
 /** Marks a function of the C interface (the only symbols libtarn exports). */
 #define TARN_C_API __attribute__((visibility("default")))
 #else
+/** Marks a function of the C interface. */
 #define TARN_C_API
 #endif
 
@@ -48,6 +50,7 @@ extern "C" {
 
 /** Status codes of every call. */
 enum tarn_status_code {
+    /** The call did what it says. */
     TARN_OK = 0,
     /** A required pointer argument is NULL. */
     TARN_ERR_NULL_ARGUMENT = 1,
@@ -134,9 +137,13 @@ TARN_C_API int tarn_initialize(const tarn_options* options);
 
 /** Initialisation status values. */
 enum tarn_initialize_status_value {
+    /** Initialisation is under way. */
     TARN_STATUS_INITIALIZING = 0,
+    /** Initialised: events are being sent. */
     TARN_STATUS_INITIALIZED = 1,
+    /** Not initialised yet. */
     TARN_STATUS_NOT_INITIALIZED = 2,
+    /** The last initialisation failed; it may be tried again. */
     TARN_STATUS_INITIALIZE_FAILED = 3
 };
 /** Stores the initialisation status (a tarn_initialize_status_value) in `*status`. */
@@ -239,10 +246,15 @@ TARN_C_API void tarn_inapp_release(tarn_inapp* inapp);
 
 /** Levels of log lines, most important first; TARN_LOG_OFF switches every line off. */
 enum tarn_log_level {
+    /** No line at all (tarn_set_log_level only). */
     TARN_LOG_OFF = -1,
+    /** A failure. */
     TARN_LOG_ERROR = 0,
+    /** Something went wrong but was coped with, or will be tried again. */
     TARN_LOG_WARNING = 1,
+    /** The normal course of things. */
     TARN_LOG_INFO = 2,
+    /** Detail for looking into a problem. */
     TARN_LOG_DEBUG = 3
 };
 /** Receives one line ("<tag> <message>;", without a line end) and its level; `line` is valid
