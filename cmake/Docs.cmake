@@ -22,7 +22,7 @@ set(DOXYGEN_WARN_AS_ERROR FAIL_ON_WARNINGS)
 set(DOXYGEN_QUIET YES)
 set(DOXYGEN_MACRO_EXPANSION YES)
 set(DOXYGEN_EXPAND_ONLY_PREDEF YES)
-set(DOXYGEN_PREDEFINED "TARN_API=")
+set(DOXYGEN_PREDEFINED "TARN_API=" "TARN_C_API=")
 # Implementation helpers that live in headers only because templates need them.
 set(DOXYGEN_EXCLUDE_SYMBOLS "tarn::detail" "tarn::detail::*")
 set(DOXYGEN_STRIP_FROM_PATH ${PROJECT_SOURCE_DIR})

@@ -13,7 +13,7 @@
 #   4 inapp, push (the rich push helper decodes the in-app item model)
 #   5 events
 #   6 facade    src/core/, include/tarn/core/Tarn.h: `Tarn` and its initialisation
-#   7 qt/ (the Qt integration) and tools/
+#   7 qt/ (the Qt integration), capi/ with include/tarn/tarn.h (the C interface) and tools/
 # Quoted includes (and <tarn/...>) of src/, include/, qt/ and tools/ are checked; system and
 # third-party headers are not. A file outside these folders, or an include that names no file of
 # the tree, fails the check too, so a new folder has to be given its layer here.
@@ -28,7 +28,7 @@ cd "$root"
 allowed=(
 )
 
-layer_names=(base platform "store/config/device" network "inapp/push" events facade "qt/tools")
+layer_names=(base platform "store/config/device" network "inapp/push" events facade "qt/capi/tools")
 
 # Prints the layer number of the file at `$1` (relative path), or nothing when it has none.
 layer_of() {
@@ -43,7 +43,7 @@ layer_of() {
         src/network/* | include/tarn/network/*) echo 3 ;;
         src/inapp/* | include/tarn/inapp/* | src/push/* | include/tarn/push/*) echo 4 ;;
         src/events/* | include/tarn/events/*) echo 5 ;;
-        qt/* | tools/*) echo 7 ;;
+        qt/* | tools/* | capi/* | include/tarn/tarn.h) echo 7 ;;
     esac
 }
 
@@ -96,7 +96,7 @@ while IFS= read -r file; do
             fi
         fi
     done < <(sed -n -E 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*("([^"]+)"|<(tarn\/[^>]+)>).*/\2\3/p' "$file")
-done < <(find src include qt tools -type f \( -name '*.h' -o -name '*.hpp' -o -name '*.cpp' \) \
+done < <(find src include qt tools capi -type f \( -name '*.h' -o -name '*.hpp' -o -name '*.cpp' \) \
              -not -name 'CMakeLists.txt' | sort)
 
 for entry in "${allowed[@]}"; do

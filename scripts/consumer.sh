@@ -9,6 +9,8 @@
 #   qt      CMake, core + component Qt, from the shared installation, Qt offscreen
 #   pkgconf the plain compiler line (tests/consumer/core/pkg-config.sh) against the static and
 #           the shared installation
+#   c       the C host example (examples/c-host) with `pkg-config tarn`, against the static
+#           installation's libtarn.so.1
 #   deb     `cpack -G DEB` of the shared build, `apt install ./*.deb`, then CMake (core and Qt)
 #           and the compiler line against /usr; only as root on Debian (skipped with a message
 #           otherwise, or with --no-deb), and the packages are removed again afterwards
@@ -148,13 +150,23 @@ build_cmake_host core "$work/static" "$work/host-static"
 run_against_serve "$work/host-static/my_app" "$work/static/bin"
 build_pkg_config_host "$work/host-pc-static" "$(pcdir "$work/static")" ""
 run_against_serve "$work/host-pc-static/my_app" "$work/static/bin"
+# The C interface: the C host example with the plain C compiler line, against libtarn.so.1.
+grep -q 'tarn::tarn' "$work"/static/lib*/cmake/TarniOSCommonKit/TarniOSCommonKitTargets.cmake ||
+    fail "the installed CMake package lacks tarn::tarn"
+mkdir -p "$work/host-c"
+cp examples/c-host/main.c "$work/host-c/"
+(cd "$work/host-c" && locked env PKG_CONFIG_PATH="$(pcdir "$work/static")" \
+    bash -c 'cc -std=c11 -Wall -Werror main.c $(pkg-config --cflags --libs tarn) -o c_host') \
+    >"$work/host-c.log" 2>&1 || { cat "$work/host-c.log" >&2; fail "C host with pkg-config tarn"; }
+run_against_serve "$work/host-c/c_host" "$work/static/bin" \
+    LD_LIBRARY_PATH="$(dirname "$(pcdir "$work/static")")"
 
 # 2. Shared: one extra build folder with the two libraries and the command only.
 say "shared build in $shared_build"
 locked cmake -S . -B "$shared_build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_SHARED_LIBS=ON \
     -DTARN_BUILD_TESTS=OFF -DTARN_BUILD_BENCH=OFF -DTARN_BUILD_FUZZ=OFF >"$work/shared-configure.log"
 qt_built=$(grep -c '^TARN_BUILD_QT:BOOL=ON' "$shared_build/CMakeCache.txt" || true)
-targets=(TarniOSCommonKit tarn)
+targets=(TarniOSCommonKit tarn_c tarn)
 [ "$qt_built" = 1 ] && targets+=(TarniOSCommonKitQt)
 locked cmake --build "$shared_build" -j "$jobs" --target "${targets[@]}" >"$work/shared-build.log" 2>&1 ||
     { tail -50 "$work/shared-build.log" >&2; fail "shared build"; }

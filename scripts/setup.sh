@@ -12,6 +12,8 @@ packages=(
     qt6-base-dev fonts-dejavu-core
     # the API reference (`docs` target), built with warnings as errors by scripts/test.sh
     doxygen
+    # the Python package's tests (pytest, the Python.package test) and `pip install` into a venv
+    python3 python3-pytest python3-venv
 )
 
 missing=()
