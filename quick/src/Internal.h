@@ -79,7 +79,7 @@ class PageAttached : public QObject {
   signals:
     void pageNameChanged();
     void activeChanged();
-    /// The action a user picked in a popup raised by this item's `sendCustomEvent`.
+    /// The action a user picked in a popup raised on this page (or by this item, off any page).
     void action(const QString& link, const QString& type);
 
   private Q_SLOTS:

@@ -146,11 +146,13 @@ void PageAttached::evaluate() {
 void PageAttached::sendCustomEvent(const QString& name, const QVariantMap& parameters) {
     // The screen: the nearest tracked page at or above the caller, else the window's current page.
     QObject* target = nullptr;
+    QPointer<PageAttached> answer(this);  // where `action` is emitted: the page, else the caller
     for (QQuickItem* item = qobject_cast<QQuickItem*>(parent()); item; item = item->parentItem()) {
         auto* page =
             qobject_cast<PageAttached*>(qmlAttachedPropertiesObject<TarnQml>(item, false));
         if (page && !page->pageName().isEmpty()) {
             target = item;
+            answer = page;
             break;
         }
     }
@@ -170,15 +172,14 @@ void PageAttached::sendCustomEvent(const QString& name, const QVariantMap& param
             body.reset();
         }
     }
-    QPointer<PageAttached> self(this);
     TarnEvent::shared().sendCustomEvent(
         screenFor(target), std::nullopt, name.toStdString(), body,
-        [self](const AppCommunicationAction& picked) {
+        [answer](const AppCommunicationAction& picked) {
             QString type = picked.type == TarnActionType::deep  ? QStringLiteral("deep")
                            : picked.type == TarnActionType::url ? QStringLiteral("url")
                                                                 : QStringLiteral("unknown");
-            if (self) {
-                emit self->action(QString::fromStdString(picked.link.value_or("")), type);
+            if (answer) {
+                emit answer->action(QString::fromStdString(picked.link.value_or("")), type);
             }
             if (auto actions = currentOptions().actions) {
                 actions(picked);

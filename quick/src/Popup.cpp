@@ -285,7 +285,7 @@ class QuickInAppScreen final : public InAppViewController,
                                              : nullptr;
         auto* popup = qobject_cast<QQuickItem*>(made);
         if (!popup) {
-            log("popup could not be made: " + std::to_string(component->status()) + " " + component->errorString().toStdString(), kViewTag,
+            log("popup could not be made: " + component->errorString().toStdString(), kViewTag,
                 LogLevel::error);
             delete made;
             delete controller;

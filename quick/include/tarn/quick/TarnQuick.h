@@ -31,8 +31,9 @@
 //  - `Tarn.sendCustomEvent(name, parameters)`: a custom event raised on the nearest tracked page
 //    at or above the calling item (else the window's current page); a popup it brings up goes
 //    over that page's window. The action a user picks in that popup comes back as the signal
-//    `Tarn.action(link, type)` on the calling item's attached object (type "deep", "url" or
-//    "unknown") and goes to the install options' `actions` callback.
+//    `Tarn.action(link, type)` of that page (of the calling item when no page was found; type
+//    "deep", "url" or "unknown"), so `Tarn.onAction` sits next to `Tarn.pageName`, and then goes
+//    to the install options' `actions` callback. The library opens no link itself.
 //
 // The popup is a Qt Quick item made on the GUI thread and parented to the window's content item
 // (`QQuickWindow::contentItem()`), above everything in it, Qt Quick Controls' overlay layer
