@@ -26,8 +26,10 @@ set(DOXYGEN_PREDEFINED "TARN_API=" "TARN_C_API=")
 # Implementation helpers that live in headers only because templates need them.
 set(DOXYGEN_EXCLUDE_SYMBOLS "tarn::detail" "tarn::detail::*")
 set(DOXYGEN_STRIP_FROM_PATH ${PROJECT_SOURCE_DIR})
-set(DOXYGEN_STRIP_FROM_INC_PATH ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/qt/include)
+set(DOXYGEN_STRIP_FROM_INC_PATH ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/qt/include
+    ${PROJECT_SOURCE_DIR}/quick/include)
 set(DOXYGEN_USE_MDFILE_AS_MAINPAGE ${PROJECT_SOURCE_DIR}/docs/api.md)
 doxygen_add_docs(docs
     ${PROJECT_SOURCE_DIR}/docs/api.md ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/qt/include
+    ${PROJECT_SOURCE_DIR}/quick/include
     COMMENT "API reference (Doxygen) in ${PROJECT_BINARY_DIR}/docs/html")

@@ -13,7 +13,8 @@
 #   4 inapp, push (the rich push helper decodes the in-app item model)
 #   5 events
 #   6 facade    src/core/, include/tarn/core/Tarn.h: `Tarn` and its initialisation
-#   7 qt/ (the Qt integration), capi/ with include/tarn/tarn.h (the C interface) and tools/
+#   7 qt/ and quick/ (the Qt integrations), capi/ with include/tarn/tarn.h (the C interface)
+#     and tools/
 # Quoted includes (and <tarn/...>) of src/, include/, qt/ and tools/ are checked; system and
 # third-party headers are not. A file outside these folders, or an include that names no file of
 # the tree, fails the check too, so a new folder has to be given its layer here.
@@ -43,14 +44,14 @@ layer_of() {
         src/network/* | include/tarn/network/*) echo 3 ;;
         src/inapp/* | include/tarn/inapp/* | src/push/* | include/tarn/push/*) echo 4 ;;
         src/events/* | include/tarn/events/*) echo 5 ;;
-        qt/* | tools/* | capi/* | include/tarn/tarn.h) echo 7 ;;
+        qt/* | quick/* | tools/* | capi/* | include/tarn/tarn.h) echo 7 ;;
     esac
 }
 
 # Prints the path of the file that `#include "$2"` in the file `$1` names, or nothing.
 resolve() {
     local includer=$1 name=$2 candidate
-    for candidate in "$(dirname "$includer")/$name" "include/$name" "qt/include/$name" "src/$name" \
+    for candidate in "$(dirname "$includer")/$name" "include/$name" "qt/include/$name" "qt/common/$name" "quick/include/$name" "src/$name" \
         "tools/$name"; do
         if [ -f "$candidate" ]; then
             echo "${candidate#./}"
@@ -96,7 +97,7 @@ while IFS= read -r file; do
             fi
         fi
     done < <(sed -n -E 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*("([^"]+)"|<(tarn\/[^>]+)>).*/\2\3/p' "$file")
-done < <(find src include qt tools capi -type f \( -name '*.h' -o -name '*.hpp' -o -name '*.cpp' \) \
+done < <(find src include qt quick tools capi -type f \( -name '*.h' -o -name '*.hpp' -o -name '*.cpp' \) \
              -not -name 'CMakeLists.txt' | sort)
 
 for entry in "${allowed[@]}"; do

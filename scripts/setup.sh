@@ -10,6 +10,10 @@ packages=(
     curl iproute2
     clang-14 libclang-rt-14-dev
     qt6-base-dev fonts-dejavu-core
+    # the Qt Quick integration (quick/), its tests and example: Qt Quick, QML and the Controls
+    # (StackView, SwipeView) the tests and the example pages use
+    qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-layouts
+    qml6-module-qtquick-templates qml6-module-qtquick-window qml6-module-qtqml-workerscript
     # the API reference (`docs` target), built with warnings as errors by scripts/test.sh
     doxygen
     # the Python package's tests (pytest, the Python.package test) and `pip install` into a venv

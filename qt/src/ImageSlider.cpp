@@ -6,14 +6,13 @@
 
 #include <QLabel>
 #include <QMouseEvent>
-#include <QNetworkAccessManager>
 #include <QResizeEvent>
 #include <QToolButton>
 #include <QVBoxLayout>
 #include <algorithm>
 #include <mutex>
 
-#include "ImageLoader.h"
+#include "ImageFetch.h"
 #include "Internal.h"
 #include "PictureView.h"
 #include "tarn/core/Log.h"
@@ -43,8 +42,7 @@ class SliderView final : public SliderCollectionView {
 
 ImageSlider::ImageSlider(std::vector<std::string> urls, int maxImages, int timeoutSeconds,
                          QWidget* parent)
-    : QWidget(parent), alive_(std::make_shared<Alive>()) {
-    alive_->slider = this;
+    : QWidget(parent) {
     setProperty("tarnRow", "images");
     setObjectName("tarnSlider");
     // Its own sheet, so a host's sheet that paints every widget stays out of the card.
@@ -91,17 +89,14 @@ ImageSlider::ImageSlider(std::vector<std::string> urls, int maxImages, int timeo
     layout->addWidget(picture_);
     layout->addWidget(page_);
 
-    network_ = new QNetworkAccessManager(this);
+    fetcher_ = new detail::ImageFetcher(this);
     for (int i = 0; i < count(); ++i) {
         load(i, timeoutSeconds);
     }
     refresh();
 }
 
-ImageSlider::~ImageSlider() {
-    std::lock_guard lock(alive_->mutex);
-    alive_->slider = nullptr;
-}
+ImageSlider::~ImageSlider() = default;
 
 void ImageSlider::finished(int index, const QImage& image) {
     if (index < 0 || index >= count()) {

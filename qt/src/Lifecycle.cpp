@@ -1,65 +1,17 @@
-// Application state → the library's lifecycle notifications, and the key-window seam.
+// The key-window seam, and the application-state bridge (LifecycleBridge.h) with the active
+// window kept as the one the user was last in.
 #include <QApplication>
 #include <QTimer>
 #include <QWindow>
 
 #include "Internal.h"
+#include "LifecycleBridge.h"
 #include "tarn/device/LifeCycle.h"
 #include "tarn/platform/NotificationCenter.h"
 
 namespace tarn::qt::detail {
 
 namespace {
-
-constexpr const char* kBridgeName = "_tarn_lifecycle";
-
-/// Posts did-enter-background once the application has been out of the active state for the
-/// install options' `backgroundDelay`, will-enter-foreground when it comes back after that, and
-/// will-terminate on aboutToQuit. A child of the application object.
-class LifecycleBridge final : public QObject {
-  public:
-    explicit LifecycleBridge(QApplication& app, std::chrono::milliseconds delay) : QObject(&app) {
-        setObjectName(kBridgeName);
-        timer_ = new QTimer(this);
-        timer_->setSingleShot(true);
-        timer_->setInterval(static_cast<int>(std::max<long long>(0, delay.count())));
-        connect(timer_, &QTimer::timeout, this, [this] {
-            background_ = true;
-            NotificationCenter::defaultCenter().post(kApplicationDidEnterBackgroundNotification);
-        });
-        connect(&app, &QGuiApplication::applicationStateChanged, this,
-                [this](Qt::ApplicationState state) { stateChanged(state); });
-        connect(&app, &QGuiApplication::focusWindowChanged, this, [] {
-            if (auto* active = QApplication::activeWindow()) {
-                integration().lastActiveWindow = active;
-            }
-        });
-        connect(&app, &QCoreApplication::aboutToQuit, this, [this] {
-            timer_->stop();
-            NotificationCenter::defaultCenter().post(kApplicationWillTerminateNotification);
-        });
-        if (auto* active = QApplication::activeWindow()) {
-            integration().lastActiveWindow = active;
-        }
-    }
-
-  private:
-    void stateChanged(Qt::ApplicationState state) {
-        if (state == Qt::ApplicationActive) {
-            timer_->stop();  // a short absence is not reported at all
-            if (background_) {
-                background_ = false;
-                NotificationCenter::defaultCenter().post(
-                    kApplicationWillEnterForegroundNotification);
-            }
-        } else if (!background_ && !timer_->isActive()) {
-            timer_->start();
-        }
-    }
-
-    QTimer* timer_ = nullptr;
-    bool background_ = false;
-};
 
 /// The host's top-level widgets as windows. The key window is the active window, or while the
 /// application is inactive (no active window) the one that was active last, so that the
@@ -91,10 +43,15 @@ class QtWindowSource final : public WindowSource {
 }  // namespace
 
 void installLifecycle(QApplication& app) {
-    if (auto* old = app.findChild<QObject*>(kBridgeName, Qt::FindDirectChildrenOnly)) {
-        delete old;
+    QObject* bridge = installLifecycleBridge(app, currentOptions().backgroundDelay);
+    QObject::connect(&app, &QGuiApplication::focusWindowChanged, bridge, [] {
+        if (auto* active = QApplication::activeWindow()) {
+            integration().lastActiveWindow = active;
+        }
+    });
+    if (auto* active = QApplication::activeWindow()) {
+        integration().lastActiveWindow = active;
     }
-    new LifecycleBridge(app, currentOptions().backgroundDelay);
     setWindowSource(std::make_shared<QtWindowSource>());
 }
 

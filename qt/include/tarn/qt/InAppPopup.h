@@ -46,12 +46,14 @@
 #include "tarn/inapp/InAppModel.h"
 
 class QLabel;
-class QNetworkAccessManager;
 class QTimer;
 class QToolButton;
 
 namespace tarn::qt {
 
+namespace detail {
+class ImageFetcher;
+}
 class InAppPopup;
 class PictureView;
 
@@ -96,7 +98,6 @@ class TARN_API ImageSlider : public QWidget {
         SlotState state = SlotState::loading;
         QPixmap pixmap;
     };
-    struct Alive;
     void load(int index, int timeoutSeconds);
     void finished(int index, const QImage& image);
     void refresh();
@@ -107,8 +108,7 @@ class TARN_API ImageSlider : public QWidget {
     QLabel* page_ = nullptr;
     QToolButton* previous_ = nullptr;
     QToolButton* next_ = nullptr;
-    QNetworkAccessManager* network_ = nullptr;
-    std::shared_ptr<Alive> alive_;
+    detail::ImageFetcher* fetcher_ = nullptr;
     QPoint pressAt_;
     bool pressed_ = false;
 };
