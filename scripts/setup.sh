@@ -12,6 +12,8 @@ packages=(
     qt6-base-dev fonts-dejavu-core
     # the API reference (`docs` target), built with warnings as errors by scripts/test.sh
     doxygen
+    # the headless browser the dev server page's tests drive (tests/cli/PageTest.cpp)
+    chromium
 )
 
 missing=()

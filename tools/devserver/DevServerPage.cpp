@@ -189,6 +189,10 @@ void DevServer::addPageRoutes() {
         response.set_header("Cache-Control", "no-store");
         response.set_content(kPageHtml, "text/html; charset=utf-8");
     });
+    // Browsers ask for an icon; answered here so that it is not recorded as a request.
+    server_->Get("/favicon.ico", [](const httplib::Request&, httplib::Response& response) {
+        response.status = 204;
+    });
     // POST routes ask for a header a cross-site form cannot send, so another site open in the
     // same browser cannot switch faults or the answer.
     auto fromPage = [](const httplib::Request& request) {
