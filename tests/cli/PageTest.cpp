@@ -300,7 +300,9 @@ TEST_F(PageTest, TenThousandEventsKeepTheNewestThousandRowsAndASlowPageNeverHold
             close(leaving);
         auto answer = client.Post(kEventPath, libraryBody("actor-" + std::to_string(i), "Home"),
                                   "application/json");
-        answered += answer && answer->status == 200;
+        if (!answer || answer->status != 200)
+            break;  // a server held up by a page answers late or not at all
+        ++answered;
     }
     auto sent = std::chrono::steady_clock::now();
     EXPECT_EQ(answered, total);
