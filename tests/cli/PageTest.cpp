@@ -336,6 +336,12 @@ TEST_F(PageTest, TenThousandEventsKeepTheNewestThousandRowsAndASlowPageNeverHold
     ASSERT_TRUE(state);
     EXPECT_GT(json::parse(state->body).value("dropped", 0), 0) << state->body;
     close(stalled);
+    // A site whose name was pointed at 127.0.0.1 is no loopback page: it reads nothing.
+    auto rebound = httplib::Client("127.0.0.1", serve.port())
+                       .Get("/_tarn/state",
+                            {{"Host", "attacker.example:" + std::to_string(serve.port())}});
+    ASSERT_TRUE(rebound);
+    EXPECT_EQ(rebound->status, 401);
 }
 
 TEST_F(PageTest, BeyondLoopbackThePageAsksForTheClientSecret) {

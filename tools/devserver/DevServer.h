@@ -198,7 +198,7 @@ class DevServer {
     void keepRecent(std::deque<T>& list, const T& item) const;
     void notice(const std::string& text);
     void addPageRoutes();
-    bool pageAllowed(const std::string& cookie) const;
+    bool pageAllowed(const std::string& cookie, const std::string& hostHeader) const;
     void publishRow(const ReceivedRequest& record, const std::string& body);
 
     DevServerOptions options_;

@@ -129,9 +129,17 @@ std::uint64_t DevServer::pageMessagesDropped() const {
     return feed_ ? feed_->droppedTotal() : 0;
 }
 
-bool DevServer::pageAllowed(const std::string& cookie) const {
+bool DevServer::pageAllowed(const std::string& cookie, const std::string& hostHeader) const {
     if (!options_.pageNeedsSecret) {
-        return true;
+        // On a loopback server the page is only for pages addressed to a loopback name: another
+        // site whose name a DNS answer points at 127.0.0.1 gets nothing.
+        std::string host = hostHeader.substr(0, hostHeader.rfind(':'));
+        if (hostHeader.rfind(']') != std::string::npos &&
+            hostHeader.rfind(']') > hostHeader.rfind(':')) {
+            host = hostHeader;  // "[::1]" without a port
+        }
+        return host.empty() || host == "localhost" || host == "[::1]" ||
+               host.rfind("127.", 0) == 0;
     }
     std::lock_guard lock(mutex_);
     for (const auto& session : pageSessions_) {
@@ -216,7 +224,7 @@ void DevServer::addPageRoutes() {
     });
     server_->Get("/_tarn/state", [this](const httplib::Request& request,
                                         httplib::Response& response) {
-        if (!pageAllowed(request.get_header_value("Cookie"))) {
+        if (!pageAllowed(request.get_header_value("Cookie"), request.get_header_value("Host"))) {
             answerJson(response, 401, {{"error", "the page needs the client secret"}});
             return;
         }
@@ -237,7 +245,7 @@ void DevServer::addPageRoutes() {
     });
     server_->Post("/_tarn/faults", [this, fromPage](const httplib::Request& request,
                                                      httplib::Response& response) {
-        if (!fromPage(request) || !pageAllowed(request.get_header_value("Cookie"))) {
+        if (!fromPage(request) || !pageAllowed(request.get_header_value("Cookie"), request.get_header_value("Host"))) {
             answerJson(response, 401, {{"error", "the page needs the client secret"}});
             return;
         }
@@ -253,7 +261,7 @@ void DevServer::addPageRoutes() {
     });
     server_->Post("/_tarn/inapp", [this, fromPage](const httplib::Request& request,
                                                     httplib::Response& response) {
-        if (!fromPage(request) || !pageAllowed(request.get_header_value("Cookie"))) {
+        if (!fromPage(request) || !pageAllowed(request.get_header_value("Cookie"), request.get_header_value("Host"))) {
             answerJson(response, 401, {{"error", "the page needs the client secret"}});
             return;
         }
@@ -281,7 +289,7 @@ void DevServer::addPageRoutes() {
     });
     server_->Post("/_tarn/clear", [this, fromPage](const httplib::Request& request,
                                                     httplib::Response& response) {
-        if (!fromPage(request) || !pageAllowed(request.get_header_value("Cookie"))) {
+        if (!fromPage(request) || !pageAllowed(request.get_header_value("Cookie"), request.get_header_value("Host"))) {
             answerJson(response, 401, {{"error", "the page needs the client secret"}});
             return;
         }
@@ -290,7 +298,7 @@ void DevServer::addPageRoutes() {
     });
     server_->Get("/_tarn/live", [this](const httplib::Request& request,
                                        httplib::Response& response) {
-        if (!pageAllowed(request.get_header_value("Cookie"))) {
+        if (!pageAllowed(request.get_header_value("Cookie"), request.get_header_value("Host"))) {
             answerJson(response, 401, {{"error", "the page needs the client secret"}});
             return;
         }
