@@ -7,7 +7,8 @@
 #include "devserver/DevServer.h"
 #include "devserver/EventCheck.h"
 #include "devserver/LiveFeed.h"
-#include "devserver/PageHtml.h"
+// Generated at configure time from devserver/page/index.html (in the build tree).
+#include <devserver/PageHtml.h>
 #include "tarn/inapp/AppCommunicationCoding.h"
 
 namespace tarn::devserver {
