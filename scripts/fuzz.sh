@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 runs=${TARN_FUZZ_RUNS:-10000}
-targets=${TARN_FUZZ_TARGETS:-"inapp_answer push_item token_answer property_list queue_record preference_file"}
+targets=${TARN_FUZZ_TARGETS:-"inapp_answer push_item token_answer property_list queue_record preference_file event_body"}
 jobs=$(nproc)
 
 echo "== fuzz: configure and build"

@@ -18,6 +18,8 @@ packages=(
     doxygen
     # the Python package's tests (pytest, the Python.package test) and `pip install` into a venv
     python3 python3-pytest python3-venv
+    # the headless browser the dev server page's tests drive (tests/cli/PageTest.cpp)
+    chromium
 )
 
 missing=()

@@ -8,6 +8,7 @@
 #include <random>
 #include <sstream>
 
+#include "devserver/LiveFeed.h"
 #include "tarn/inapp/AppCommunicationCoding.h"
 
 namespace tarn::devserver {
@@ -70,7 +71,8 @@ struct DevServer::Answer {
     std::string summary;
 };
 
-DevServer::DevServer(DevServerOptions options) : options_(std::move(options)) {}
+DevServer::DevServer(DevServerOptions options)
+    : options_(std::move(options)), faults_(options_.faults) {}
 
 DevServer::~DevServer() {
     stop();
@@ -129,6 +131,11 @@ bool DevServer::waitForEvents(std::size_t count, std::chrono::milliseconds timeo
 
 bool DevServer::start(std::string* error) {
     server_ = std::make_unique<httplib::Server>();
+    // Each open page holds a worker for its live stream: room for them besides the host's
+    // requests.
+    server_->new_task_queue = [] {
+        return new httplib::ThreadPool(CPPHTTPLIB_THREAD_POOL_COUNT + kMaxPages);
+    };
     // Without this, answers on a reused connection wait for the client's delayed ACK (~40 ms).
     server_->set_tcp_nodelay(true);
     // An idle kept-alive connection holds a worker until this timeout, and stop() waits for it.
@@ -153,6 +160,12 @@ bool DevServer::start(std::string* error) {
                 return sink.write(body->data() + offset, length);
             });
     };
+    if (options_.page) {
+        // The page shows the newest 1,000 requests; a page that falls 2,000 behind loses newer
+        // ones rather than hold the server.
+        feed_ = std::make_unique<LiveFeed>(1000, 2000, kMaxPages);
+        addPageRoutes();
+    }
     server_->Post(R"(.*)", handler);
     server_->Get(R"(.*)", handler);
     server_->Put(R"(.*)", handler);
@@ -188,6 +201,9 @@ void DevServer::stop() {
         stopping_ = true;
     }
     stopped_.notify_all();
+    if (feed_) {
+        feed_->close();
+    }
     if (server_) {
         server_->stop();
     }
@@ -215,27 +231,31 @@ DevServer::Answer DevServer::handle(const std::string& method, const std::string
     record.hadAuthorization = !authorization.empty();
     record.receivedAt = std::chrono::system_clock::now();
 
-    bool eligible = options_.faults.paths.empty();
-    for (const auto& p : options_.faults.paths) {
-        eligible = eligible || p == path;
-    }
-    if (eligible) {
+    FaultPlan faults;
+    {
         std::lock_guard lock(mutex_);
-        std::uint64_t n = ++eligible_;
-        record.faulted = inShare(n, options_.faults.share);
-        record.delayed = options_.faults.delayMs > 0 && inShare(n, options_.faults.delayShare);
+        faults = faults_;
+        bool eligible = faults.paths.empty();
+        for (const auto& p : faults.paths) {
+            eligible = eligible || p == path;
+        }
+        if (eligible) {
+            std::uint64_t n = ++eligible_;
+            record.faulted = inShare(n, faults.share);
+            record.delayed = faults.delayMs > 0 && inShare(n, faults.delayShare);
+        }
     }
     if (record.delayed) {
         // Held on a condition, so that stopping the server cuts the delay short.
         std::unique_lock lock(mutex_);
-        stopped_.wait_for(lock, std::chrono::milliseconds(options_.faults.delayMs),
+        stopped_.wait_for(lock, std::chrono::milliseconds(faults.delayMs),
                           [this] { return stopping_; });
     }
 
     Answer answer;
     std::optional<ReceivedEvent> event;
     if (record.faulted) {
-        answer = {options_.faults.status, errorBody("injected fault"), "injected fault"};
+        answer = {faults.status, errorBody("injected fault"), "injected fault"};
     } else if (method != "POST") {
         answer = {405, errorBody("method not allowed"), "only POST is served"};
     } else if (path == kTokenPath) {
@@ -264,7 +284,7 @@ DevServer::Answer DevServer::handle(const std::string& method, const std::string
         std::ostringstream line;
         line << "#" << record.sequence << " " << method << " " << path << " -> " << answer.status;
         if (record.delayed) {
-            line << " (held " << options_.faults.delayMs << " ms)";
+            line << " (held " << faults.delayMs << " ms)";
         }
         if (!answer.summary.empty()) {
             line << ": " << answer.summary;
@@ -296,6 +316,9 @@ DevServer::Answer DevServer::handle(const std::string& method, const std::string
     }
     if (event && eventObserver) {
         eventObserver(*event);
+    }
+    if (feed_) {
+        publishRow(record, path == kTokenPath ? std::string() : body);
     }
     return answer;
 }
@@ -358,6 +381,12 @@ void DevServer::loadInAppFile() {
 }
 
 std::string DevServer::inappAnswerText() {
+    {
+        std::lock_guard lock(inappMutex_);
+        if (inappOverride_) {
+            return *inappOverride_;
+        }
+    }
     if (options_.inappFile.empty()) {
         return options_.inappAnswer.dump();
     }

@@ -5,6 +5,10 @@
 //
 // Used by `tarn serve` and `tarn demo`. Requests are answered on the server's own worker threads;
 // the observers run there too, one call per request, possibly on several threads at once.
+//
+// The same port serves a page for a browser at "/": the requests as they arrive (each event body
+// checked against what the library sends), the fault switches and the in-app answer. Its own
+// routes live under "/_tarn/" and are neither recorded nor faulted.
 
 #include <chrono>
 #include <condition_variable>
@@ -28,9 +32,13 @@ class Server;
 
 namespace tarn::devserver {
 
+class LiveFeed;
+
 inline constexpr const char* kTokenPath = "/core/auth/token";
 inline constexpr const char* kInAppPath = "/orbital-harbor/sdk-public/inapp-communication-wrapper";
 inline constexpr const char* kEventPath = "/orbital-harbor/sdk-public/event/mobile";
+/// Browser pages open at once on one server (each holds a live stream and a worker thread).
+inline constexpr std::size_t kMaxPages = 4;
 
 /// Faults for a share of requests. Shares are spread evenly over the eligible requests, so runs
 /// are reproducible: a share of 0.25 hits the 4th, 8th, 12th... request, 1 hits every one.
@@ -45,6 +53,12 @@ struct FaultPlan {
     double delayShare = 1;
     /// Only requests to these paths are eligible; empty means every path.
     std::vector<std::string> paths;
+};
+
+/// What a check of an in-app answer found; an answer with errors is not served from the page.
+struct InAppVerdict {
+    std::vector<std::string> errors;
+    std::vector<std::string> warnings;
 };
 
 struct DevServerOptions {
@@ -74,6 +88,14 @@ struct DevServerOptions {
     /// default: the library asks for every encoding it can read, and on a loopback connection
     /// compressing costs more time than it saves.
     bool compress = false;
+    /// Serve the browser page at "/" and its routes under "/_tarn/".
+    bool page = true;
+    /// The page must be given `clientSecret` before it shows anything (for a server reachable from
+    /// other machines).
+    bool pageNeedsSecret = false;
+    /// Checks an in-app answer edited in the page (called on a worker thread). Unset: the
+    /// library's own decoder decides.
+    std::function<InAppVerdict(const std::string&)> inappCheck;
 };
 
 /// One request as the server saw and answered it. Secrets (the client secret, tokens, the
@@ -151,6 +173,15 @@ class DevServer {
     /// Waits until at least `count` events have been accepted since the start or `timeout` passes.
     bool waitForEvents(std::size_t count, std::chrono::milliseconds timeout) const;
 
+    /// The faults in force; the page may change them while the server runs.
+    FaultPlan faults() const;
+    /// Replaces the faults from the next request on; the shares count from that request.
+    void setFaults(FaultPlan faults);
+    /// The in-app answer served now, as text.
+    std::string currentInAppAnswer();
+    /// Messages dropped for pages too slow to read them, since the start.
+    std::uint64_t pageMessagesDropped() const;
+
   private:
     struct Answer;
     Answer handle(const std::string& method, const std::string& path, const std::string& body,
@@ -166,6 +197,9 @@ class DevServer {
     template <typename T>
     void keepRecent(std::deque<T>& list, const T& item) const;
     void notice(const std::string& text);
+    void addPageRoutes();
+    bool pageAllowed(const std::string& cookie, const std::string& hostHeader) const;
+    void publishRow(const ReceivedRequest& record, const std::string& body);
 
     DevServerOptions options_;
     std::unique_ptr<httplib::Server> server_;
@@ -187,6 +221,11 @@ class DevServer {
     std::function<void(const ReceivedRequest&)> requestObserver_;
     std::function<void(const ReceivedEvent&)> eventObserver_;
     std::function<void(const std::string&)> noticeObserver_;
+    FaultPlan faults_;
+    std::unique_ptr<LiveFeed> feed_;
+    std::vector<std::string> pageSessions_;
+    /// The answer set from the page, served instead of the options' answer or file.
+    std::optional<std::string> inappOverride_;
 
     std::mutex inappMutex_;
     std::optional<std::filesystem::file_time_type> inappTime_;

@@ -126,24 +126,21 @@ std::string optionalText(const std::optional<std::string>& value) {
 
 }  // namespace
 
-int runCheckInapp(const std::string& file, bool strict) {
-    std::string text;
-    std::string error;
-    if (!readWholeFile(file, text, error)) {
-        emit(stdout, file + ": error: cannot read the file: " + error + "\n");
-        return 1;
-    }
+InappReport inspectInapp(const std::string& text) {
+    InappReport report;
     nlohmann::json root;
     try {
         root = nlohmann::json::parse(text);
     } catch (const nlohmann::json::parse_error& e) {
-        emit(stdout, file + ": error: not JSON: " + e.what() + "\n");
-        return 1;
+        report.errors.push_back(std::string("not JSON: ") + e.what());
+        report.fatal = true;
+        return report;
     }
     Findings findings;
     if (!root.is_object()) {
-        emit(stdout, file + ": error: the root is " + describeType(root) + ", not an object\n");
-        return 1;
+        report.errors.push_back("the root is " + describeType(root) + ", not an object");
+        report.fatal = true;
+        return report;
     }
 
     std::vector<std::pair<std::size_t, AppCommunicationItem>> items;
@@ -198,6 +195,30 @@ int runCheckInapp(const std::string& file, bool strict) {
         }
     }
 
+    report.errors = std::move(findings.errors);
+    report.warnings = std::move(findings.warnings);
+    report.itemCount = itemCount;
+    for (auto& [index, item] : items) {
+        report.items.push_back({index, item.uuid, item.name, rawValue(item.templateType),
+                                item.triggeringEventName, item.maxShowCount,
+                                optionalText(item.conversionEvent)});
+    }
+    return report;
+}
+
+int runCheckInapp(const std::string& file, bool strict) {
+    std::string text;
+    std::string error;
+    if (!readWholeFile(file, text, error)) {
+        emit(stdout, file + ": error: cannot read the file: " + error + "\n");
+        return 1;
+    }
+    InappReport findings = inspectInapp(text);
+    if (findings.fatal) {
+        emit(stdout, file + ": error: " + findings.errors.front() + "\n");
+        return 1;
+    }
+    std::size_t itemCount = findings.itemCount;
     std::string out;
     for (const auto& e : findings.errors) {
         out += file + ": error: " + e + "\n";
@@ -205,13 +226,12 @@ int runCheckInapp(const std::string& file, bool strict) {
     for (const auto& w : findings.warnings) {
         out += file + ": warning: " + w + "\n";
     }
-    if (!items.empty()) {
+    if (!findings.items.empty()) {
         Table table(
             {"#", "uuid", "name", "template", "trigger", "maxShowCount", "conversionEvent"});
-        for (const auto& [index, item] : items) {
-            table.add({std::to_string(index), item.uuid, item.name, rawValue(item.templateType),
-                       item.triggeringEventName, std::to_string(item.maxShowCount),
-                       optionalText(item.conversionEvent)});
+        for (const auto& item : findings.items) {
+            table.add({std::to_string(item.index), item.uuid, item.name, item.templateName,
+                       item.trigger, std::to_string(item.maxShowCount), item.conversionEvent});
         }
         out += table.render();
     }

@@ -18,6 +18,33 @@ int runCheckService(const std::string& file);
 /// decode (or, with `strict`, when there is any warning).
 int runCheckInapp(const std::string& file, bool strict);
 
+/// `tarn check event FILE`: checks event bodies (one JSON object, a list of them, or one per line)
+/// against what the library sends for each event. Prints one line per problem with its path and a
+/// summary line; exit status 1 when any body has a problem.
+int runCheckEvent(const std::string& file);
+
+/// What `tarn check inapp` finds in an in-app answer; the dev server's page uses the same.
+struct InappReport {
+    /// Parts that fail to decode (the library then rejects the whole answer), with their paths.
+    std::vector<std::string> errors;
+    /// Values the library accepts but ignores.
+    std::vector<std::string> warnings;
+    /// The text is not a JSON object at all (`errors` has the one reason).
+    bool fatal = false;
+    std::size_t itemCount = 0;
+    struct Item {
+        std::size_t index = 0;
+        std::string uuid, name, templateName, trigger;
+        std::int64_t maxShowCount = 0;
+        std::string conversionEvent;
+    };
+    /// The communications that decode.
+    std::vector<Item> items;
+};
+
+/// Checks an in-app answer's text as `tarn check inapp` does.
+InappReport inspectInapp(const std::string& text);
+
 struct InitServiceOptions {
     std::string domain;
     std::string clientId;

@@ -75,6 +75,12 @@ int runServe(const ServeOptions& options) {
     serverOptions.faults.delayMs = options.delayMs;
     serverOptions.faults.delayShare = options.delayShare;
     serverOptions.faults.paths = options.faultPaths;
+    // Beyond the loopback address the page shows nothing until it is given the client secret.
+    serverOptions.pageNeedsSecret = !isLoopback(options.host);
+    serverOptions.inappCheck = [](const std::string& text) {
+        InappReport report = inspectInapp(text);
+        return devserver::InAppVerdict{report.errors, report.warnings};
+    };
 
     devserver::DevServer server(serverOptions);
     // Every human line goes to standard error in --json mode, so that standard output carries
@@ -99,6 +105,9 @@ int runServe(const ServeOptions& options) {
         emit(stdout, nlohmann::json{{"listening", server.baseUrl()}}.dump() + "\n");
     }
     emit(console, "tarn serve: listening on " + server.baseUrl() + "\n");
+    emit(console, "tarn serve: live page at " + server.baseUrl() + "/" +
+                      (isLoopback(options.host) ? "" : " (it asks for the client secret)") +
+                      "\n");
     std::string setup =
         "tarn serve: token endpoint accepts client \"" + options.clientId + "\"" +
         (options.acceptAnyToken ? "; any token accepted" : "") + "; in-app answer: " +

@@ -5,6 +5,7 @@
 //   tarn init-service ...     writes a TarnService-Info.plist
 //   tarn check service FILE   checks a TarnService-Info.plist
 //   tarn check inapp FILE     checks an in-app answer against the wire model
+//   tarn check event FILE     checks event bodies against what the library sends
 #include <malloc.h>
 
 #include <CLI/CLI.hpp>
@@ -197,6 +198,19 @@ int main(int argc, char** argv) {
                                "The application's data folder (default: this user's default "
                                "folder, or TARN_DATA_DIR)");
     inspectCommand->add_flag("--json", inspect.json, "One JSON object, for scripts");
+    std::string eventFile;
+    auto* checkEvent = check->add_subcommand(
+        "event",
+        "Check event bodies against what the library sends for each event: the primary keys, the "
+        "\"parameters\" object, the device and SDK sections, the in-app and push events' keys. "
+        "One line per missing, extra or mistyped key, with its path; exit status 1 when any body "
+        "has one. The dev server runs the same check on every event it receives. Example: tarn "
+        "serve --events-file events.jsonl, then tarn check event events.jsonl");
+    checkEvent
+        ->add_option("FILE", eventFile,
+                     "Event bodies: one JSON object, a JSON list of them, or one per line (as "
+                     "tarn serve --events-file and --json write them)")
+        ->required();
 
     CLI11_PARSE(app, argc, argv);
 
@@ -217,6 +231,9 @@ int main(int argc, char** argv) {
     }
     if (*checkInapp) {
         return runCheckInapp(inappFile, strict);
+    }
+    if (*checkEvent) {
+        return runCheckEvent(eventFile);
     }
     return 2;
 }
