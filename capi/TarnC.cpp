@@ -20,6 +20,7 @@
 #include "PumpedQueue.h"
 #include "tarn/config/ConfigManager.h"
 #include "tarn/core/Log.h"
+#include "tarn/core/Privacy.h"
 #include "tarn/core/Tarn.h"
 #include "tarn/events/EventManager.h"
 #include "tarn/events/TarnEvent.h"
@@ -449,6 +450,55 @@ int tarn_set_push_token(const char* token) {
     return guarded([&] {
         require(token, "token");
         tarn::Tarn::shared().setPushToken(token);
+        return TARN_OK;
+    });
+}
+
+int tarn_set_consent_required(int required) {
+    return guarded([&] {
+        tarn::setConsentRequired(required != 0);
+        return TARN_OK;
+    });
+}
+
+int tarn_consent_state(int* state) {
+    return guarded([&] {
+        require(state, "state");
+        switch (tarn::consentState()) {
+            case tarn::ConsentState::granted:
+                *state = TARN_CONSENT_GRANTED;
+                break;
+            case tarn::ConsentState::denied:
+                *state = TARN_CONSENT_DENIED;
+                break;
+            case tarn::ConsentState::notAsked:
+                *state = TARN_CONSENT_NOT_ASKED;
+                break;
+        }
+        return TARN_OK;
+    });
+}
+
+int tarn_grant_consent(void) {
+    return guarded([&] {
+        tarn::grantConsent();
+        return TARN_OK;
+    });
+}
+
+int tarn_deny_consent(void) {
+    return guarded([&] {
+        tarn::denyConsent();
+        return TARN_OK;
+    });
+}
+
+int tarn_erase_local_data(int keep_consent) {
+    return guarded([&] {
+        if (!tarn::eraseLocalData(keep_consent ? tarn::EraseOption::keepConsent
+                                               : tarn::EraseOption::everything)) {
+            throw Failure{TARN_ERR_INTERNAL, "some of the library's files could not be deleted"};
+        }
         return TARN_OK;
     });
 }

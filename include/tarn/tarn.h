@@ -269,6 +269,33 @@ TARN_C_API int tarn_set_log_handler(tarn_log_handler handler, void* user_data);
  * handler; the default is TARN_LOG_DEBUG (every line that TARN_LOG lets through). */
 TARN_C_API int tarn_set_log_level(int level);
 
+/* ---- Privacy ----
+ * The user's consent to tracking and erasing what the library keeps, as the C++ calls of
+ * tarn/core/Privacy.h do. Any thread; none has a callback. */
+
+/** The user's stored answer (tarn_consent_state). */
+enum tarn_consent_state_value {
+    /** Not asked yet. */
+    TARN_CONSENT_NOT_ASKED = 0,
+    /** The user agreed. */
+    TARN_CONSENT_GRANTED = 1,
+    /** The user declined. */
+    TARN_CONSENT_DENIED = 2
+};
+/** Non-zero: nothing is stored or sent until tarn_grant_consent. Call it before tarn_initialize,
+ * at every launch (the switch is not kept; the answer is). */
+TARN_C_API int tarn_set_consent_required(int required);
+/** Stores the user's answer (a tarn_consent_state_value) in `*state`. */
+TARN_C_API int tarn_consent_state(int* state);
+/** Stores that the user agrees; an initialisation waiting for it runs now, on the calling thread. */
+TARN_C_API int tarn_grant_consent(void);
+/** Stores that the user declines: tracking stops and every event still queued is deleted. */
+TARN_C_API int tarn_deny_consent(void);
+/** Deletes everything the library keeps on the device (the consent answer too unless
+ * `keep_consent` is non-zero); tracking stays off until the next tarn_initialize. TARN_ERR_INTERNAL
+ * when a file could not be deleted. */
+TARN_C_API int tarn_erase_local_data(int keep_consent);
+
 /* ---- Main queue ---- */
 
 /** For TARN_MAIN_QUEUE_PUMPED: runs the main queue's due tasks on the calling thread, waiting up to

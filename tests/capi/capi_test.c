@@ -6,6 +6,8 @@
  *            against a newer header (a longer one)
  *   pumped   the host pumps the main queue; an in-app popup through a C presenter, its action
  *            to the event's callback on the pumping thread
+ *   consent  consent required: nothing is sent until the grant, only later events arrive; a
+ *            denial and an erasure through the C calls
  *   parity   the events a C++ host sends (tarn_capi_twin, run first) equal byte for byte those
  *            the same calls send through the C interface, apart from request id and time stamp */
 #define _GNU_SOURCE
@@ -559,12 +561,63 @@ static int run_parity(const char* twin) {
     return harness_finish();
 }
 
+/* ---- consent ---- */
+
+static int run_consent(void) {
+    harness_start_server(harness_path("bundle"), NULL);
+    CHECK_STATUS(tarn_set_log_handler(capture_line, log_text), TARN_OK);
+    CHECK_STATUS(tarn_consent_state(NULL), TARN_ERR_NULL_ARGUMENT);
+    CHECK_STATUS(tarn_set_consent_required(1), TARN_OK);
+    int state = -1;
+    CHECK_STATUS(tarn_consent_state(&state), TARN_OK);
+    CHECK(state == TARN_CONSENT_NOT_ASKED);
+
+    /* Not asked yet: initialisation waits, events are dropped, nothing reaches the server. */
+    tarn_options options = host_options("consent-actor", TARN_MAIN_QUEUE_THREAD);
+    CHECK_STATUS(tarn_initialize(&options), TARN_OK);
+    CHECK_STATUS(tarn_send_custom_event(NULL, NULL, "before_grant", "{\"n\":1}", NULL, NULL),
+                 TARN_OK);
+    harness_sleep_ms(1500);
+    int status = -1;
+    CHECK_STATUS(tarn_initialize_status(&status), TARN_OK);
+    CHECK(status == TARN_STATUS_NOT_INITIALIZED);
+    CHECK(harness_wait_count(1, 0.1) == 0);
+
+    /* The grant resumes the start-up; only what comes after it is sent. */
+    CHECK_STATUS(tarn_grant_consent(), TARN_OK);
+    CHECK_STATUS(tarn_consent_state(&state), TARN_OK);
+    CHECK(state == TARN_CONSENT_GRANTED);
+    CHECK(wait_status(TARN_STATUS_INITIALIZED, 20));
+    CHECK_STATUS(tarn_send_custom_event(NULL, NULL, "after_grant", "{\"n\":2}", NULL, NULL),
+                 TARN_OK);
+    CHECK(harness_wait_event("after_grant", 15) != NULL);
+    CHECK(harness_count_events("before_grant") == 0);
+
+    /* A denial, then an erasure that keeps the answer: the database is gone. */
+    CHECK_STATUS(tarn_deny_consent(), TARN_OK);
+    CHECK_STATUS(tarn_consent_state(&state), TARN_OK);
+    CHECK(state == TARN_CONSENT_DENIED);
+    CHECK_STATUS(tarn_send_custom_event(NULL, NULL, "after_denial", NULL, NULL, NULL), TARN_OK);
+    CHECK_STATUS(tarn_erase_local_data(1), TARN_OK);
+    char database[4096];
+    snprintf(database, sizeof database, "%s/TarnDatabase.sqlite", harness_path("data"));
+    FILE* left = fopen(database, "rb");
+    CHECK(left == NULL);
+    if (left) fclose(left);
+    CHECK_STATUS(tarn_consent_state(&state), TARN_OK);
+    CHECK(state == TARN_CONSENT_DENIED);
+    harness_sleep_ms(500);
+    CHECK(harness_count_events("after_denial") == 0);
+    return harness_finish();
+}
+
 int main(int argc, char** argv) {
     const char* mode = argc > 1 ? argv[1] : "";
     if (strcmp(mode, "calls") == 0) return run_calls();
     if (strcmp(mode, "oldhost") == 0) return run_oldhost();
     if (strcmp(mode, "pumped") == 0) return run_pumped();
+    if (strcmp(mode, "consent") == 0) return run_consent();
     if (strcmp(mode, "parity") == 0 && argc > 2) return run_parity(argv[2]);
-    fprintf(stderr, "usage: %s calls|oldhost|pumped|parity <twin>\n", argv[0]);
+    fprintf(stderr, "usage: %s calls|oldhost|pumped|consent|parity <twin>\n", argv[0]);
     return 2;
 }

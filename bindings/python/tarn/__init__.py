@@ -127,6 +127,11 @@ for _name in ("opened", "dismissed", "self_clicked"):
     _declare(f"tarn_inapp_report_{_name}", ctypes.c_void_p)
 _declare("tarn_inapp_report_button_clicked", ctypes.c_void_p, ctypes.c_size_t)
 _declare("tarn_inapp_release", ctypes.c_void_p, result=None)
+_declare("tarn_set_consent_required", ctypes.c_int)
+_declare("tarn_consent_state", ctypes.POINTER(ctypes.c_int))
+_declare("tarn_grant_consent")
+_declare("tarn_deny_consent")
+_declare("tarn_erase_local_data", ctypes.c_int)
 _declare("tarn_set_log_handler", _LOG, ctypes.c_void_p)
 _declare("tarn_set_log_level", ctypes.c_int)
 _declare("tarn_run_pending", ctypes.c_uint32, ctypes.POINTER(ctypes.c_size_t))
@@ -231,6 +236,40 @@ def app_group_actor_id(app_group: str) -> Optional[str]:
 def set_push_token(token: str) -> None:
     """Stores the push provider's token; a changed token sends "push_token_change"."""
     _check(_lib.tarn_set_push_token(_text(token)))
+
+
+# ---- Privacy ----
+
+_CONSENT_NAMES = {0: "notAsked", 1: "granted", 2: "denied"}
+
+
+def set_consent_required(required: bool) -> None:
+    """With True, nothing is stored or sent until grant_consent(); call it before initialize(),
+    at every launch (the switch is not kept; the user's answer is)."""
+    _check(_lib.tarn_set_consent_required(1 if required else 0))
+
+
+def consent_state() -> str:
+    """The user's stored answer: "notAsked", "granted" or "denied"."""
+    state = ctypes.c_int(-1)
+    _check(_lib.tarn_consent_state(ctypes.byref(state)))
+    return _CONSENT_NAMES.get(state.value, "unknown")
+
+
+def grant_consent() -> None:
+    """Stores that the user agrees; an initialisation waiting for it runs now."""
+    _check(_lib.tarn_grant_consent())
+
+
+def deny_consent() -> None:
+    """Stores that the user declines: tracking stops and every queued event is deleted."""
+    _check(_lib.tarn_deny_consent())
+
+
+def erase_local_data(keep_consent: bool = False) -> None:
+    """Deletes everything the library keeps on this device (the consent answer too unless
+    keep_consent); tracking stays off until the next initialize()."""
+    _check(_lib.tarn_erase_local_data(1 if keep_consent else 0))
 
 
 def push_token() -> str:

@@ -206,3 +206,21 @@ def test_example_script_sends_its_event(server):
     purchases = [event for event in server.events() if event["name"] == "purchase"]
     assert purchases and purchases[0]["parameters"]["sku"] == "A-42"
     assert purchases[0]["parameters"]["applicationName"] == "Kiosk"
+
+
+def test_denial_stops_sending_and_a_grant_resumes(server):
+    """Last, since a denial stops tracking for the rest of the process."""
+    assert tarn.consent_state() == "notAsked"
+    tarn.deny_consent()
+    assert tarn.consent_state() == "denied"
+    tarn.send_custom_event("after_denial")
+    for _ in range(10):
+        tarn.run_pending(50)
+    tarn.grant_consent()
+    assert tarn.consent_state() == "granted"
+    tarn.send_custom_event("after_grant")
+    assert server.wait_event("after_grant", 20) is not None
+    assert "after_denial" not in [event["name"] for event in server.events()]
+    tarn.erase_local_data(keep_consent=True)
+    assert tarn.consent_state() == "granted"
+
