@@ -132,10 +132,15 @@ TEST_F(LifeCycleTest, RepeatedInitialisationsAndStartsLeaveOneRegistrationPerNam
     // one tracker for one name (a page would then be reported twice).
     std::atomic<bool> starting{true};
     std::size_t mostSeen = 0;
+    std::atomic<bool> watching{false};
     std::jthread watcher([&] {
-        while (starting)
+        do {
             mostSeen = std::max(mostSeen, center().observerCount(kTarnPageInNotification));
+            watching = true;
+        } while (starting);
     });
+    while (!watching)  // on a busy machine the watcher may otherwise start after the starters end
+        std::this_thread::yield();
     std::vector<std::jthread> starters;
     for (int t = 0; t < 2; ++t) {
         starters.emplace_back([] {
