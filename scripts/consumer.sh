@@ -161,10 +161,12 @@ cp examples/c-host/main.c "$work/host-c/"
 run_against_serve "$work/host-c/c_host" "$work/static/bin" \
     LD_LIBRARY_PATH="$(dirname "$(pcdir "$work/static")")"
 
-# 2. Shared: one extra build folder with the two libraries and the command only.
+# 2. Shared: one extra build folder with the two libraries and the command only (the Qt Quick
+#    library has no consumer form yet, so it is left out of this build and its installation).
 say "shared build in $shared_build"
 locked cmake -S . -B "$shared_build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_SHARED_LIBS=ON \
-    -DTARN_BUILD_TESTS=OFF -DTARN_BUILD_BENCH=OFF -DTARN_BUILD_FUZZ=OFF >"$work/shared-configure.log"
+    -DTARN_BUILD_TESTS=OFF -DTARN_BUILD_BENCH=OFF -DTARN_BUILD_FUZZ=OFF -DTARN_BUILD_QUICK=OFF \
+    >"$work/shared-configure.log"
 qt_built=$(grep -c '^TARN_BUILD_QT:BOOL=ON' "$shared_build/CMakeCache.txt" || true)
 targets=(TarniOSCommonKit tarn_c tarn)
 [ "$qt_built" = 1 ] && targets+=(TarniOSCommonKitQt)
